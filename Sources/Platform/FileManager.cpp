@@ -1,0 +1,218 @@
+#include "FileManager.h"
+
+#include "Collections.h"
+#include "Values.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace velvox {
+
+namespace {
+
+std::string homeDirectory()
+{
+    if (const char* home = getenv("HOME"); home && *home)
+        return home;
+    if (auto* entry = getpwuid(getuid()); entry && entry->pw_dir)
+        return entry->pw_dir;
+    return "/";
+}
+
+RefPtr<Error> posixError(int code, const std::string& path)
+{
+    return Error::create(POSIXErrorDomain, code, format("%s: %s", path, strerror(code))).ptr();
+}
+
+} // namespace
+
+std::string applicationSupportDirectory()
+{
+    if (const char* dataHome = getenv("XDG_DATA_HOME"); dataHome && dataHome[0] == '/')
+        return dataHome;
+    return homeDirectory() + "/.local/share";
+}
+
+std::string stringByAppendingPathComponent(std::string_view path, std::string_view component)
+{
+    std::string result(path);
+    while (!component.empty() && component.front() == '/')
+        component.remove_prefix(1);
+    if (result.empty())
+        return std::string(component);
+    if (result.back() != '/')
+        result.push_back('/');
+    result.append(component);
+    return result;
+}
+
+std::string stringByDeletingLastPathComponent(std::string_view path)
+{
+    while (path.size() > 1 && path.back() == '/')
+        path.remove_suffix(1);
+    size_t slash = path.rfind('/');
+    if (slash == std::string_view::npos)
+        return {};
+    if (slash == 0)
+        return "/";
+    return std::string(path.substr(0, slash));
+}
+
+std::string lastPathComponent(std::string_view path)
+{
+    while (path.size() > 1 && path.back() == '/')
+        path.remove_suffix(1);
+    size_t slash = path.rfind('/');
+    return std::string(slash == std::string_view::npos || path.size() == 1 ? path : path.substr(slash + 1));
+}
+
+std::string stringByExpandingTildeInPath(std::string_view path)
+{
+    if (path == "~")
+        return homeDirectory();
+    if (path.starts_with("~/"))
+        return homeDirectory() + std::string(path.substr(1));
+    return std::string(path);
+}
+
+FileManager& FileManager::defaultManager()
+{
+    static FileManager manager;
+    return manager;
+}
+
+bool FileManager::fileExistsAtPath(const std::string& path, bool* isDirectory) const
+{
+    struct stat info;
+    if (stat(path.c_str(), &info))
+        return false;
+    if (isDirectory)
+        *isDirectory = S_ISDIR(info.st_mode);
+    return true;
+}
+
+bool FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, RefPtr<Error>* error) const
+{
+    std::error_code code;
+    if (withIntermediateDirectories) {
+        std::filesystem::create_directories(path, code);
+        if (!code && std::filesystem::is_directory(path, code))
+            return true;
+    } else if (std::filesystem::create_directory(path, code) && !code)
+        return true;
+    if (error)
+        *error = posixError(code ? code.value() : EEXIST, path);
+    return false;
+}
+
+bool FileManager::removeItemAtPath(const std::string& path, RefPtr<Error>* error) const
+{
+    std::error_code code;
+    if (std::filesystem::remove_all(path, code) != static_cast<std::uintmax_t>(-1) && !code)
+        return true;
+    if (error)
+        *error = posixError(code.value(), path);
+    return false;
+}
+
+bool FileManager::writeFileAtomically(const std::string& path, std::string_view contents)
+{
+    std::string folder = stringByDeletingLastPathComponent(path);
+    std::string pattern = stringByAppendingPathComponent(folder.empty() ? "." : folder, "." + lastPathComponent(path) + ".XXXXXX");
+    int fd = mkostemp(pattern.data(), O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const char* at = contents.data();
+    size_t left = contents.size();
+    bool ok = true;
+    while (left) {
+        ssize_t n = write(fd, at, left);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        at += n;
+        left -= n;
+    }
+    // Flush before the rename, so a crash cannot leave the new name on old or partial contents.
+    if (ok && fsync(fd))
+        ok = false;
+    fchmod(fd, 0644);
+    if (close(fd))
+        ok = false;
+    if (ok && rename(pattern.c_str(), path.c_str()))
+        ok = false;
+    if (!ok)
+        unlink(pattern.c_str());
+    return ok;
+}
+
+namespace {
+
+std::string executableFolder()
+{
+    char buffer[4096];
+    ssize_t length = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
+    if (length <= 0)
+        return ".";
+    return stringByDeletingLastPathComponent(std::string_view(buffer, length));
+}
+
+} // namespace
+
+Bundle::Bundle()
+{
+    auto isFolder = [](const std::string& path) {
+        bool folder = false;
+        return FileManager::defaultManager().fileExistsAtPath(path, &folder) && folder;
+    };
+    if (const char* overridePath = getenv("VELVOX_RESOURCES"); overridePath && isFolder(overridePath)) {
+        m_resourcePath = overridePath;
+        return;
+    }
+    std::string folder = executableFolder();
+    const std::string candidates[] = {
+        folder + "/Resources",
+        folder + "/../Resources",
+        folder + "/../share/velvox/Resources",
+#ifdef VELVOX_SOURCE_RESOURCES
+        VELVOX_SOURCE_RESOURCES,
+#endif
+    };
+    for (auto& candidate : candidates) {
+        if (isFolder(candidate)) {
+            m_resourcePath = std::filesystem::weakly_canonical(candidate).string();
+            return;
+        }
+    }
+    m_resourcePath = folder + "/Resources";
+}
+
+Bundle& Bundle::mainBundle()
+{
+    static Bundle* bundle = new Bundle;
+    return *bundle;
+}
+
+std::optional<std::string> Bundle::pathForResource(std::string_view name, std::string_view type) const
+{
+    std::string file(name);
+    if (!type.empty()) {
+        file.push_back('.');
+        file.append(type);
+    }
+    std::string path = stringByAppendingPathComponent(m_resourcePath, file);
+    if (!FileManager::defaultManager().fileExistsAtPath(path))
+        return std::nullopt;
+    return path;
+}
+
+} // namespace velvox

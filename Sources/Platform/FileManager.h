@@ -1,0 +1,58 @@
+#pragma once
+
+// Files and folders: the per-user data folder, a file manager, path helpers,
+// and the main bundle's resource folder.
+
+#include "Object.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velvox {
+
+class Error;
+
+// The per-user application-support folder: $XDG_DATA_HOME when it is set to an
+// absolute path, else ~/.local/share. The folder may not exist yet.
+std::string applicationSupportDirectory();
+
+std::string stringByAppendingPathComponent(std::string_view path, std::string_view component);
+std::string stringByDeletingLastPathComponent(std::string_view path);
+std::string lastPathComponent(std::string_view path);
+// "~" and "~/..." become the home folder.
+std::string stringByExpandingTildeInPath(std::string_view path);
+
+class FileManager {
+public:
+    static FileManager& defaultManager();
+
+    bool fileExistsAtPath(const std::string& path, bool* isDirectory = nullptr) const;
+    // Creates the folder (and its parents when asked). An existing folder is
+    // success when intermediates are allowed, as with `mkdir -p`.
+    bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, RefPtr<Error>* error = nullptr) const;
+    bool removeItemAtPath(const std::string& path, RefPtr<Error>* error = nullptr) const;
+
+    // Writes a temporary file in the target's folder, flushes it and renames
+    // it over the target: readers see the old file or the new one, whole.
+    static bool writeFileAtomically(const std::string& path, std::string_view contents);
+};
+
+inline constexpr std::string_view POSIXErrorDomain = "NSPOSIXErrorDomain";
+
+// The program's resources: the folder "Resources" found beside the program
+// (build tree), in ../share/velvox/Resources (installed), or in the source tree.
+class Bundle {
+public:
+    static Bundle& mainBundle();
+
+    const std::string& resourcePath() const { return m_resourcePath; }
+    // The path of "name.type" (or "name" when type is empty) in the resources, if it exists.
+    std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
+
+private:
+    Bundle();
+    std::string m_resourcePath;
+};
+
+} // namespace velvox

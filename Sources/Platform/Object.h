@@ -1,0 +1,177 @@
+#pragma once
+
+// The root of the object world: an intrusive, thread-safe reference count, a
+// class-info record for kind tests and archive class names, and the identity
+// operations (description, equality, hashing) that collections rely on.
+
+#include "Ref.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+
+namespace velvox {
+
+class Coding;
+class String;
+
+struct ClassInfo {
+    const char* name;
+    const ClassInfo* parent;
+
+    bool isSubclassOf(const ClassInfo& other) const
+    {
+        for (auto* info = this; info; info = info->parent) {
+            if (info == &other)
+                return true;
+        }
+        return false;
+    }
+};
+
+// Declares the class-info record of a class; pair it with VX_DEFINE_CLASS in
+// the class's source file. Leaves the access level at public.
+#define VX_OBJECT(ClassName)                                       \
+public:                                                            \
+    static const ::velvox::ClassInfo s_info;                       \
+    const ::velvox::ClassInfo* classInfo() const override { return &s_info; }
+
+#define VX_DEFINE_CLASS(ClassName, ParentName) \
+    const ::velvox::ClassInfo ClassName::s_info { #ClassName, &ParentName::s_info };
+
+class Object {
+public:
+    static const ClassInfo s_info;
+    virtual const ClassInfo* classInfo() const { return &s_info; }
+
+    void ref() const { m_refCount.fetch_add(1, std::memory_order_relaxed); }
+    void deref() const
+    {
+        if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+    uint32_t refCount() const { return m_refCount.load(std::memory_order_relaxed); }
+
+    std::string_view className() const { return classInfo()->name; }
+    bool isKindOf(const ClassInfo& info) const { return classInfo()->isSubclassOf(info); }
+
+    // "<ClassName: 0x0000ABCD>" unless a class says more about itself.
+    virtual Ref<String> description() const;
+    // Identity unless a class compares by content; equal objects hash alike.
+    virtual bool isEqual(const Object* other) const { return this == other; }
+    virtual size_t hash() const { return reinterpret_cast<uintptr_t>(this) >> 4; }
+
+    // An immutable copy. Immutable objects answer themselves; mutable
+    // collections answer a new immutable collection with the same elements.
+    virtual Ref<Object> copyObject() const { return const_cast<Object&>(*this); }
+
+    // Objects that can be written to a keyed archive answer their coding.
+    virtual const Coding* asCoding() const { return nullptr; }
+
+protected:
+    Object() = default;
+    virtual ~Object() = default;
+
+private:
+    Object(const Object&) = delete;
+    Object& operator=(const Object&) = delete;
+
+    mutable std::atomic<uint32_t> m_refCount { 1 };
+};
+
+// Kind tests. A null object is of no kind.
+template<typename T>
+inline bool is(const Object* object)
+{
+    return object && object->isKindOf(T::s_info);
+}
+template<typename T>
+inline bool is(const Object& object)
+{
+    return object.isKindOf(T::s_info);
+}
+template<typename T, typename U>
+inline bool is(const RefPtr<U>& object)
+{
+    return is<T>(object.get());
+}
+template<typename T, typename U>
+inline bool is(const Ref<U>& object)
+{
+    return is<T>(object.ptr());
+}
+
+[[noreturn]] void downcastFailure(const Object&, const ClassInfo& wanted);
+
+// Casts to a kind the caller knows the object has; a wrong kind is a
+// programming error and raises. Null passes through as null.
+template<typename T, typename U>
+inline T* downcast(U* object)
+{
+    if (object && !object->isKindOf(T::s_info)) [[unlikely]]
+        downcastFailure(*object, T::s_info);
+    return static_cast<T*>(object);
+}
+template<typename T, typename U>
+inline const T* downcast(const U* object)
+{
+    if (object && !object->isKindOf(T::s_info)) [[unlikely]]
+        downcastFailure(*object, T::s_info);
+    return static_cast<const T*>(object);
+}
+template<typename T, typename U>
+    requires std::is_base_of_v<Object, U>
+inline T& downcast(U& object)
+{
+    return *downcast<T>(&object);
+}
+template<typename T, typename U>
+inline T* downcast(const RefPtr<U>& object)
+{
+    return downcast<T>(object.get());
+}
+template<typename T, typename U>
+inline T* downcast(const Ref<U>& object)
+{
+    return downcast<T>(object.ptr());
+}
+
+// Casts when the object has the kind, else null.
+template<typename T, typename U>
+inline T* dynamicDowncast(U* object)
+{
+    return is<T>(object) ? static_cast<T*>(object) : nullptr;
+}
+template<typename T, typename U>
+inline const T* dynamicDowncast(const U* object)
+{
+    return is<T>(object) ? static_cast<const T*>(object) : nullptr;
+}
+template<typename T, typename U>
+    requires std::is_base_of_v<Object, U>
+inline T* dynamicDowncast(U& object)
+{
+    return dynamicDowncast<T>(&object);
+}
+template<typename T, typename U>
+inline T* dynamicDowncast(const RefPtr<U>& object)
+{
+    return dynamicDowncast<T>(object.get());
+}
+template<typename T, typename U>
+inline T* dynamicDowncast(const Ref<U>& object)
+{
+    return dynamicDowncast<T>(object.ptr());
+}
+
+// Equality that treats two nils as equal, as the collections do.
+inline bool objectsEqual(const Object* a, const Object* b)
+{
+    if (a == b)
+        return true;
+    return a && b && a->isEqual(b);
+}
+
+} // namespace velvox

@@ -1,0 +1,17 @@
+#pragma once
+
+// Everything the platform layer offers, in one include.
+
+#include "Collections.h"
+#include "Exception.h"
+#include "FileManager.h"
+#include "Format.h"
+#include "KeyedArchiver.h"
+#include "NotificationCenter.h"
+#include "Number.h"
+#include "Object.h"
+#include "Ref.h"
+#include "RunLoop.h"
+#include "String.h"
+#include "ValueTransformer.h"
+#include "Values.h"

@@ -1,0 +1,145 @@
+#pragma once
+
+// A per-thread event loop: posted tasks, timers and socket readiness.
+//
+// Every thread has its own loop (RunLoop::current()); the main thread's loop is
+// RunLoop::main(). Tasks may be posted from any thread; timers and sockets
+// belong to the loop's own thread, and every callback runs there.
+//
+// A loop reads time from its clock. Tests give it a ManualClock, whose time
+// moves only when advanced: by the test, or by the loop itself when it has
+// nothing to wait for but a timer (no task, no socket), so that a test never
+// sleeps to wait for a timer.
+
+#include "Object.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+
+namespace velvox {
+
+class Date;
+
+class Clock {
+public:
+    virtual ~Clock() = default;
+    // Seconds on a monotonic scale.
+    virtual double now() const = 0;
+    virtual bool isManual() const { return false; }
+};
+
+class SystemClock final : public Clock {
+public:
+    static SystemClock& shared();
+    double now() const override;
+};
+
+class ManualClock final : public Clock {
+public:
+    explicit ManualClock(double start = 0)
+        : m_now(start)
+    {
+    }
+    double now() const override { return m_now; }
+    bool isManual() const override { return true; }
+    void advance(double seconds) { m_now += seconds; }
+    void setNow(double now) { m_now = now; }
+
+private:
+    double m_now;
+};
+
+// A scheduled call; cancel() keeps it from firing (again).
+class Timer final : public Object {
+    VX_OBJECT(Timer)
+public:
+    void cancel() { m_valid = false; }
+    bool isValid() const { return m_valid; }
+    double fireTime() const { return m_fireTime; }
+
+private:
+    friend class RunLoop;
+    Timer(double fireTime, double interval, std::function<void()>&& action)
+        : m_fireTime(fireTime)
+        , m_interval(interval)
+        , m_action(std::move(action))
+    {
+    }
+    double m_fireTime;
+    double m_interval; // 0 for a one-shot timer
+    std::function<void()> m_action;
+    bool m_valid { true };
+};
+
+enum class SocketEvent : uint8_t { None = 0, Readable = 1, Writable = 2, Error = 4 };
+inline SocketEvent operator|(SocketEvent a, SocketEvent b) { return SocketEvent(uint8_t(a) | uint8_t(b)); }
+inline SocketEvent operator&(SocketEvent a, SocketEvent b) { return SocketEvent(uint8_t(a) & uint8_t(b)); }
+inline bool any(SocketEvent e) { return e != SocketEvent::None; }
+
+class RunLoop {
+public:
+    static RunLoop& current();
+    static RunLoop& main();
+    bool isCurrent() const;
+
+    // Thread-safe. Tasks run in the order posted, on the loop's thread.
+    void post(std::function<void()> task);
+
+    // Calls the action once after the delay, measured on the loop's clock.
+    // Timers due at the same time fire in the order they were scheduled.
+    Ref<Timer> performAfterDelay(double seconds, std::function<void()> action);
+    // Calls the action every interval until cancelled.
+    Ref<Timer> scheduleRepeatingTimer(double interval, std::function<void()> action);
+
+    using SocketCallback = std::function<void(int fd, SocketEvent events)>;
+    // Watches a descriptor; the callback is told which of the asked events
+    // (and Error) it is ready for. Returns a watch identifier.
+    uint64_t watchSocket(int fd, SocketEvent events, SocketCallback callback);
+    void updateSocket(uint64_t watch, SocketEvent events);
+    void unwatchSocket(uint64_t watch);
+
+    // Runs until stop().
+    void run();
+    // Runs until the condition holds (checked after every event), stop() is
+    // called, or `timeout` seconds pass on the loop's clock. Returns the
+    // condition's last answer.
+    bool runUntil(const std::function<bool()>& condition, double timeout = std::numeric_limits<double>::infinity());
+    // Runs until the date.
+    void runUntil(const Date&);
+    // Runs for a while on the loop's clock.
+    void runFor(double seconds);
+    // Handles what is ready now (tasks, due timers, ready sockets) without waiting.
+    void runUntilIdle();
+    // Ends the innermost run; thread-safe.
+    void stop();
+
+    // The loop does not own the clock; null restores the system clock.
+    void setClock(Clock*);
+    Clock& clock() const { return *m_clock; }
+    double now() const { return m_clock->now(); }
+
+    size_t pendingTimerCount() const;
+
+    ~RunLoop();
+
+private:
+    RunLoop();
+    // One pass: tasks, due timers, then sockets waited on for at most maxWait
+    // seconds. Returns whether anything ran.
+    bool runOnce(double maxWait);
+    bool runTasks();
+    bool fireDueTimers();
+    bool pollSockets(double maxWait);
+    double nextTimerDelay() const;
+    void wake();
+    bool hasPendingTasks();
+
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+    Clock* m_clock;
+};
+
+} // namespace velvox

@@ -1,0 +1,191 @@
+#include <Platform/Platform.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+using namespace velvox;
+
+namespace {
+
+class TemporaryFolder {
+public:
+    TemporaryFolder()
+    {
+        char pattern[] = "/tmp/velvox-test-XXXXXX";
+        m_path = mkdtemp(pattern);
+    }
+    ~TemporaryFolder() { std::filesystem::remove_all(m_path); }
+    std::string file(std::string_view name) const { return stringByAppendingPathComponent(m_path, name); }
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+// A class that archives itself through the coding interface.
+class Song final : public Object, public Coding {
+    VX_OBJECT(Song)
+public:
+    static Ref<Song> create(std::string title, int64_t plays, Object* extra)
+    {
+        return adoptRef(*new Song(std::move(title), plays, extra));
+    }
+    static void registerForArchiving()
+    {
+        KeyedUnarchiver::registerClass("Song", [](KeyedUnarchiver& coder) -> RefPtr<Object> {
+            auto title = coder.decodeObjectOfClass<String>("title");
+            if (!title)
+                return nullptr;
+            return create(title->str(), coder.decodeInt64ForKey("plays"), coder.decodeObjectForKey("extra").get());
+        });
+    }
+    const Coding* asCoding() const override { return this; }
+    void encodeWithCoder(KeyedArchiver& coder) const override
+    {
+        coder.encodeString(m_title, "title");
+        coder.encodeInt64(m_plays, "plays");
+        coder.encodeObject(m_extra.get(), "extra");
+    }
+    bool isEqual(const Object* other) const override
+    {
+        auto* song = dynamicDowncast<Song>(other);
+        return song && song->m_title == m_title && song->m_plays == m_plays && objectsEqual(song->m_extra.get(), m_extra.get());
+    }
+    Object* extra() const { return m_extra.get(); }
+
+private:
+    Song(std::string title, int64_t plays, Object* extra)
+        : m_title(std::move(title))
+        , m_plays(plays)
+        , m_extra(extra)
+    {
+    }
+    std::string m_title;
+    int64_t m_plays;
+    RefPtr<Object> m_extra;
+};
+VX_DEFINE_CLASS(Song, Object)
+
+Ref<Object> sampleTree()
+{
+    auto shared = String::create("shared");
+    auto inner = MutableDictionary::create();
+    inner->setObject(Array::create({ Number::withInteger(-5).ptr(), Number::withUnsignedInteger(UINT64_MAX).ptr(),
+                         Number::withDouble(-0.0).ptr(), &Number::trueValue(), &Null::null() }),
+        "numbers");
+    inner->setObject(shared, "first");
+    inner->setObject(shared, "second");
+    auto played = MutableSet::create();
+    played->addObject(String::create("123"));
+    played->addObject(String::create("456"));
+    auto root = MutableDictionary::create();
+    root->setObject(inner, "inner");
+    root->setObject(played, "played");
+    root->setObject(Date::create(1300094813.5), "date");
+    root->setObject(Data::create("\x00\x01\x02"), "data");
+    root->setObject(URL::create("http://a.test/x?y=1"), "url");
+    root->setObject(Error::create("D", 404, "Not found"), "error");
+    root->setObject(Song::create("Night Drive", 12, shared.ptr()), "song");
+    root->setObject(Array::create(), "empty");
+    return root;
+}
+
+} // namespace
+
+TEST(KeyedArchiver, NestedCollectionsRoundTripThroughAFile)
+{
+    Song::registerForArchiving();
+    TemporaryFolder folder;
+    auto tree = sampleTree();
+    auto path = folder.file("ressources.archive");
+    ASSERT_TRUE(KeyedArchiver::archiveRootObject(tree.ptr(), path));
+    auto restored = KeyedUnarchiver::unarchiveObjectWithFile(path);
+    ASSERT_TRUE(restored);
+    EXPECT_TRUE(restored->isEqual(tree.ptr()));
+
+    // Kinds, mutability and type codes survive.
+    auto* root = downcast<Dictionary>(restored.get());
+    EXPECT_TRUE(is<MutableDictionary>(root));
+    auto* inner = root->objectForKey<Dictionary>("inner");
+    auto* numbers = inner->objectForKey<Array>("numbers");
+    EXPECT_FALSE(is<MutableArray>(numbers));
+    EXPECT_EQ(downcast<Number>(numbers->objectAtIndex(1))->objCType(), 'Q');
+    EXPECT_TRUE(std::signbit(downcast<Number>(numbers->objectAtIndex(2))->doubleValue()));
+    EXPECT_EQ(numbers->objectAtIndex(3), &Number::trueValue());
+    EXPECT_EQ(numbers->objectAtIndex(4), &Null::null());
+    EXPECT_TRUE(is<MutableSet>(root->objectForKey("played")));
+    // An object referenced twice comes back as one object.
+    EXPECT_EQ(inner->objectForKey("first"), inner->objectForKey("second"));
+    EXPECT_EQ(root->objectForKey<Song>("song")->extra(), inner->objectForKey("first"));
+}
+
+TEST(KeyedArchiver, DamagedOrForeignFilesReadAsNothing)
+{
+    Song::registerForArchiving();
+    TemporaryFolder folder;
+    auto data = KeyedArchiver::archivedDataWithRootObject(sampleTree().ptr());
+    EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(data));
+    // Every truncation fails cleanly.
+    for (size_t length = 0; length < data->length(); ++length)
+        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(Data::create(data->bytes(), length))) << length;
+    // So does any flipped byte.
+    for (size_t at = 0; at < data->length(); at += 7) {
+        std::string bytes(data->view());
+        bytes[at] ^= 0x5a;
+        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(Data::create(bytes))) << at;
+    }
+    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithFile(folder.file("missing.archive")));
+    std::ofstream(folder.file("foreign.archive")) << "{\"not\": \"an archive\"}";
+    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithFile(folder.file("foreign.archive")));
+}
+
+TEST(KeyedArchiver, UnknownClassOrRefusingDecoderReadsAsNothing)
+{
+    Song::registerForArchiving();
+    auto data = KeyedArchiver::archivedDataWithRootObject(Array::create({ Song::create("a", 1, nullptr).ptr() }));
+    KeyedUnarchiver::registerClass("Song", [](KeyedUnarchiver&) -> RefPtr<Object> {
+        Exception::raise(InternalInconsistencyException, "refused");
+    });
+    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(data));
+    Song::registerForArchiving();
+    EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(data));
+}
+
+TEST(KeyedArchiver, UnarchivableObjectsRaiseAndLeaveTheOldFile)
+{
+    TemporaryFolder folder;
+    auto path = folder.file("state.archive");
+    ASSERT_TRUE(KeyedArchiver::archiveRootObject(String::create("old"), path));
+    auto bad = Array::create({ Notification::create("N").ptr() });
+    EXPECT_THROW(KeyedArchiver::archiveRootObject(bad.ptr(), path), Exception);
+    auto restored = KeyedUnarchiver::unarchiveObjectWithFile(path);
+    ASSERT_TRUE(restored);
+    EXPECT_EQ(downcast<String>(restored.get())->view(), "old");
+    // A folder that does not exist cannot be written to; nothing is raised.
+    EXPECT_FALSE(KeyedArchiver::archiveRootObject(String::create("x"), folder.file("no/such/folder/a.archive")));
+    // No temporary files are left behind.
+    size_t files = 0;
+    for ([[maybe_unused]] auto& entry : std::filesystem::directory_iterator(folder.path()))
+        ++files;
+    EXPECT_EQ(files, 1u);
+}
+
+TEST(KeyedArchiver, ReferenceCyclesAreRefused)
+{
+    auto array = MutableArray::create();
+    auto holder = MutableDictionary::create();
+    holder->setObject(array, "array");
+    array->addObject(holder);
+    EXPECT_THROW(KeyedArchiver::archivedDataWithRootObject(array.ptr()), Exception);
+    array->removeAllObjects(); // break the cycle so both are freed
+}
+
+TEST(KeyedArchiver, NilRootRoundTripsAsNil)
+{
+    auto data = KeyedArchiver::archivedDataWithRootObject(nullptr);
+    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(data));
+}
