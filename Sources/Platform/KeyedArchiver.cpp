@@ -199,7 +199,8 @@ uint32_t KeyedArchiver::encodeReference(Object* object)
         record.text(string->view());
     } else if (auto* number = dynamicDowncast<Number>(object)) {
         record.byte(static_cast<uint8_t>(Tag::Number));
-        record.byte(static_cast<uint8_t>(number->objCType()));
+        // The boolean singletons are 'b', so that they come back as themselves.
+        record.byte(static_cast<uint8_t>(number->isBoolean() ? 'b' : number->objCType()));
         uint64_t bits;
         if (number->isFloatingPoint()) {
             double value = number->doubleValue();
@@ -398,8 +399,10 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
             case Tag::Number: {
                 char type = static_cast<char>(reader.byte());
                 uint64_t bits = reader.fixed64();
-                if (type == 'c')
+                if (type == 'b')
                     object = Number::withBool(bits);
+                else if (type == 'c')
+                    object = Number::withChar(static_cast<int8_t>(bits));
                 else if (type == 'q')
                     object = Number::withInteger(static_cast<int64_t>(bits));
                 else if (type == 'Q')

@@ -20,6 +20,11 @@ Ref<Number> Number::withUnsignedInteger(uint64_t value)
     return adoptRef(*new Number('Q', value));
 }
 
+Ref<Number> Number::withChar(int8_t value)
+{
+    return adoptRef(*new Number('c', int64_t(value)));
+}
+
 Ref<Number> Number::withDouble(double value)
 {
     return adoptRef(*new Number('d', value));

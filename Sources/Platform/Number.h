@@ -20,6 +20,8 @@ public:
     static Ref<Number> withUnsignedInteger(uint64_t);
     static Ref<Number> withDouble(double);
     static Ref<Number> withBool(bool value) { return value ? trueValue() : falseValue(); }
+    // A small integer of type 'c' that is not one of the boolean singletons.
+    static Ref<Number> withChar(int8_t);
     static Number& trueValue();
     static Number& falseValue();
 
@@ -38,7 +40,8 @@ public:
     }
 
     char objCType() const { return m_type; }
-    bool isBoolean() const { return m_type == 'c'; }
+    // One of the two boolean singletons.
+    bool isBoolean() const { return this == &trueValue() || this == &falseValue(); }
     bool isFloatingPoint() const { return m_type == 'd'; }
 
     // Conversions truncate toward zero and saturate at the target's range.

@@ -75,7 +75,7 @@ Ref<Object> sampleTree()
     auto shared = String::create("shared");
     auto inner = MutableDictionary::create();
     inner->setObject(Array::create({ Number::withInteger(-5).ptr(), Number::withUnsignedInteger(UINT64_MAX).ptr(),
-                         Number::withDouble(-0.0).ptr(), &Number::trueValue(), &Null::null() }),
+                         Number::withDouble(-0.0).ptr(), &Number::trueValue(), &Null::null(), Number::withChar(1).ptr() }),
         "numbers");
     inner->setObject(shared, "first");
     inner->setObject(shared, "second");
@@ -117,6 +117,8 @@ TEST(KeyedArchiver, NestedCollectionsRoundTripThroughAFile)
     EXPECT_TRUE(std::signbit(downcast<Number>(numbers->objectAtIndex(2))->doubleValue()));
     EXPECT_EQ(numbers->objectAtIndex(3), &Number::trueValue());
     EXPECT_EQ(numbers->objectAtIndex(4), &Null::null());
+    EXPECT_NE(numbers->objectAtIndex(5), &Number::trueValue());
+    EXPECT_EQ(downcast<Number>(numbers->objectAtIndex(5))->objCType(), 'c');
     EXPECT_TRUE(is<MutableSet>(root->objectForKey("played")));
     // An object referenced twice comes back as one object.
     EXPECT_EQ(inner->objectForKey("first"), inner->objectForKey("second"));
