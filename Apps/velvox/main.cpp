@@ -1,5 +1,7 @@
 // velvox: the command-line host of VelvoxKit.
 
+#include "Commands.h"
+
 #include <Platform/Platform.h>
 
 #include <CLI/CLI.hpp>
@@ -16,6 +18,16 @@ int main(int argc, char** argv)
     auto* info = app.add_subcommand("info", "Print the version and the folders VelvoxKit uses.");
     info->add_flag("--paths", showPaths, "Only the folders");
 
+    velvox::app::JSONOptions jsonOptions;
+    auto* json = app.add_subcommand("json", "Decode JSON and write it back with VelvoxKit's codec (compact unless --pretty).");
+    json->add_flag("--pretty", jsonOptions.pretty, "Indent the output");
+    json->add_flag("--escape-unicode", jsonOptions.escapeUnicode, "Write every non-ASCII character as \\u escapes");
+    json->add_flag("--comments", jsonOptions.comments, "Accept // and /* */ comments");
+    json->add_flag("--unicode-newlines", jsonOptions.unicodeNewlines, "Count U+0085, U+2028 and U+2029 as newlines");
+    json->add_flag("--loose-unicode", jsonOptions.looseUnicode, "Turn ill-formed UTF-8 and illegal escapes into U+FFFD");
+    json->add_flag("--permit-trailing", jsonOptions.permitTrailing, "Ignore text after the top-level value");
+    json->add_option("file", jsonOptions.file, "The input; - or nothing reads standard input")->default_val("-");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -29,6 +41,8 @@ int main(int argc, char** argv)
         printf("resources: %s\n", velvox::Bundle::mainBundle().resourcePath().c_str());
         return 0;
     }
+    if (app.got_subcommand(json))
+        return velvox::app::runJSON(jsonOptions);
 
     fputs(app.help().c_str(), stdout);
     return 0;

@@ -1,6 +1,7 @@
 #include "String.h"
 
 #include "Collections.h"
+#include "UTF8.h"
 
 #include <cerrno>
 #include <cmath>
@@ -107,6 +108,18 @@ size_t String::hashBytes(const char* p, size_t length)
     uint64_t result = mix(a ^ k1, b ^ seed);
     result = mix(result ^ k0, length ^ k1);
     return result ? result : 1;
+}
+
+bool String::isValidUTF8(const char* text, size_t length)
+{
+    auto* at = reinterpret_cast<const uint8_t*>(text);
+    auto* end = at + length;
+    while (at < end) {
+        uint32_t codePoint;
+        if (decodeUTF8(at, end, &at, &codePoint) != UTF8Result::ok)
+            return false;
+    }
+    return true;
 }
 
 size_t String::hash() const

@@ -59,6 +59,9 @@ public:
     bool isEqual(const Object* other) const override;
     size_t hash() const override;
 
+    // Whether bytes are well-formed UTF-8 (no over-long forms, surrogates or values above U+10FFFF).
+    static bool isValidUTF8(const char* bytes, size_t length);
+
     // Hash of a byte string, the same as the hash of a String of those bytes.
     static size_t hashBytes(const char* bytes, size_t length);
 

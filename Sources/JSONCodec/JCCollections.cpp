@@ -1,0 +1,351 @@
+#include "JCCollections.h"
+
+#include <Platform/Exception.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(JCArray, Array)
+VX_DEFINE_CLASS(JCMutableArray, MutableArray)
+VX_DEFINE_CLASS(JCDictionary, Dictionary)
+VX_DEFINE_CLASS(JCMutableDictionary, MutableDictionary)
+VX_DEFINE_CLASS(JCDictionaryEnumerator, Enumerator)
+
+namespace {
+
+[[noreturn]] void raiseBeyondBounds(const Object& owner, const char* selector, size_t index, size_t bound)
+{
+    Exception::raise(RangeException, "*** -[%@ %@]: index (%lu) beyond bounds (%lu)", owner.className(), selector, index, bound);
+}
+
+[[noreturn]] void raiseInsertNil(const Object& owner, const char* selector)
+{
+    Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil", owner.className(), selector);
+}
+
+inline void incrementMutations(uint64_t& mutations)
+{
+    if (!++mutations)
+        mutations = 1;
+}
+
+constexpr size_t jc_dictionaryCapacities[] = { 0, 3, 7, 13, 23, 41, 71, 127, 191, 251, 383, 631, 1087, 1723, 2803, 4523, 7351, 11959,
+    19447, 31231, 50683, 81919, 132607, 214519, 346607, 561109, 907759, 1468927, 2376191, 3845119, 6221311, 10066421, 16287743,
+    26354171, 42641881, 68996069, 111638519, 180634607, 292272623, 472907251 };
+
+} // namespace
+
+// MARK: Arrays
+
+Object* JCArrayStorage::objectAtIndex(const Object& owner, size_t index) const
+{
+    if (index >= count) [[unlikely]]
+        raiseBeyondBounds(owner, "objectAtIndex:", index, count);
+    return objects[index];
+}
+
+void JCArrayStorage::getObjects(const Object& owner, Object** buffer, size_t location, size_t length) const
+{
+    if (location > count || length > count - location) [[unlikely]]
+        raiseBeyondBounds(owner, "getObjects:range:", location + length, count);
+    if (length)
+        memcpy(buffer, objects + location, length * sizeof(Object*));
+}
+
+void JCArrayStorage::releaseAll()
+{
+    for (size_t i = 0; i < count; ++i)
+        objects[i]->deref();
+    free(objects);
+    objects = nullptr;
+    count = capacity = 0;
+}
+
+JCArray::~JCArray()
+{
+    m_storage.releaseAll();
+}
+
+JCMutableArray::~JCMutableArray()
+{
+    m_storage.releaseAll();
+}
+
+void JCMutableArray::insertObject(Object* object, size_t index)
+{
+    if (!object)
+        raiseInsertNil(*this, "insertObject:atIndex:");
+    if (index > m_storage.count)
+        raiseBeyondBounds(*this, "insertObject:atIndex:", index, m_storage.count + 1);
+    if (m_storage.count >= m_storage.capacity) {
+        size_t newCapacity = m_storage.capacity + 16;
+        auto* grown = static_cast<Object**>(realloc(m_storage.objects, newCapacity * sizeof(Object*)));
+        if (!grown)
+            Exception::raise(MallocException, "Unable to resize objects array.");
+        memset(grown + m_storage.capacity, 0, 16 * sizeof(Object*));
+        m_storage.objects = grown;
+        m_storage.capacity = newCapacity;
+    }
+    object->ref();
+    memmove(m_storage.objects + index + 1, m_storage.objects + index, (m_storage.count - index) * sizeof(Object*));
+    m_storage.objects[index] = object;
+    ++m_storage.count;
+    incrementMutations(m_storage.mutations);
+}
+
+void JCMutableArray::removeObjectAtIndex(size_t index)
+{
+    if (index >= m_storage.count)
+        raiseBeyondBounds(*this, "removeObjectAtIndex:", index, m_storage.count);
+    Object* removed = m_storage.objects[index];
+    memmove(m_storage.objects + index, m_storage.objects + index + 1, (m_storage.count - index - 1) * sizeof(Object*));
+    m_storage.objects[--m_storage.count] = nullptr;
+    incrementMutations(m_storage.mutations);
+    // Released last: its destruction may run code that looks at this array.
+    removed->deref();
+}
+
+void JCMutableArray::replaceObjectAtIndex(size_t index, Object* object)
+{
+    if (!object)
+        raiseInsertNil(*this, "replaceObjectAtIndex:withObject:");
+    if (index >= m_storage.count)
+        raiseBeyondBounds(*this, "replaceObjectAtIndex:withObject:", index, m_storage.count);
+    object->ref();
+    Object* old = std::exchange(m_storage.objects[index], object);
+    incrementMutations(m_storage.mutations);
+    old->deref();
+}
+
+Array* detail::JCArrayFactory::JCArrayCreate(Object** objects, size_t count, bool mutableCollection)
+{
+    Object** storage = nullptr;
+    if (count) {
+        storage = static_cast<Object**>(malloc(count * sizeof(Object*)));
+        if (!storage)
+            return nullptr;
+        memcpy(storage, objects, count * sizeof(Object*));
+    }
+    if (mutableCollection) {
+        auto* array = new JCMutableArray;
+        array->m_storage = { storage, count, count, 0 };
+        return array;
+    }
+    auto* array = new JCArray;
+    array->m_storage = { storage, count, count, 0 };
+    return array;
+}
+
+// MARK: Dictionaries
+
+size_t JCDictionaryCapacityForCount(size_t count)
+{
+    size_t target = static_cast<size_t>(static_cast<double>(count) * 1.33);
+    auto* end = std::end(jc_dictionaryCapacities);
+    auto* found = std::lower_bound(std::begin(jc_dictionaryCapacities), end, target);
+    return found == end ? end[-1] : *found;
+}
+
+JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
+{
+    if (!key || !capacity)
+        return nullptr;
+    size_t hash = key->hash();
+    size_t start = hash % capacity;
+    for (size_t i = 0; i < capacity; ++i) {
+        auto& candidate = entry[(start + i) % capacity];
+        if (!candidate.key)
+            return nullptr;
+        if (candidate.keyHash == hash && (candidate.key == key || candidate.key->isEqual(key)))
+            return &candidate;
+    }
+    return nullptr;
+}
+
+void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object)
+{
+    if (capacity) {
+        size_t start = keyHash % capacity;
+        for (size_t i = 0; i < capacity; ++i) {
+            auto& candidate = entry[(start + i) % capacity];
+            if (candidate.key && candidate.keyHash == keyHash && (candidate.key == key || candidate.key->isEqual(key)))
+                removeEntry(candidate);
+            if (!candidate.key) {
+                candidate = { keyHash, key, object };
+                ++count;
+                return;
+            }
+        }
+    }
+    key->deref();
+    object->deref();
+}
+
+void JCDictionaryStorage::removeEntry(JCHashTableEntry& removed)
+{
+    Object* key = removed.key;
+    Object* object = removed.object;
+    removed = { 0, nullptr, nullptr };
+    --count;
+    key->deref();
+    object->deref();
+}
+
+void JCDictionaryStorage::resizeIfNeccessary(size_t newCapacity)
+{
+    auto* table = static_cast<JCHashTableEntry*>(calloc(newCapacity ? newCapacity : 1, sizeof(JCHashTableEntry)));
+    if (!table)
+        Exception::raise(MallocException, "Unable to allocate memory for hash table.");
+    JCHashTableEntry* old = std::exchange(entry, table);
+    size_t oldCapacity = std::exchange(capacity, newCapacity);
+    size_t oldCount = std::exchange(count, 0);
+    for (size_t i = 0; i < oldCapacity; ++i) {
+        if (old[i].key)
+            addObject(old[i].keyHash, old[i].key, old[i].object);
+    }
+    VXParameterAssert(oldCount == count);
+    free(old);
+}
+
+bool JCDictionaryStorage::nextEntry(size_t& state, Dictionary::Entry& out) const
+{
+    while (state < capacity) {
+        auto& candidate = entry[state++];
+        if (candidate.key) {
+            out = { candidate.key, candidate.object };
+            return true;
+        }
+    }
+    return false;
+}
+
+size_t JCDictionaryStorage::getKeysAndObjects(size_t arrayLength, Object** keys, Object** objects) const
+{
+    size_t gotCount = 0;
+    for (size_t i = 0; i < capacity && gotCount < arrayLength; ++i) {
+        if (!entry[i].key)
+            continue;
+        if (keys)
+            keys[gotCount] = entry[i].key;
+        if (objects)
+            objects[gotCount] = entry[i].object;
+        ++gotCount;
+    }
+    VXParameterAssert(gotCount == count || gotCount == arrayLength);
+    return gotCount;
+}
+
+void JCDictionaryStorage::releaseAll()
+{
+    for (size_t i = 0; i < capacity; ++i) {
+        if (entry[i].key) {
+            entry[i].key->deref();
+            entry[i].object->deref();
+        }
+    }
+    free(entry);
+    entry = nullptr;
+    count = capacity = 0;
+}
+
+JCDictionary::~JCDictionary()
+{
+    m_storage.releaseAll();
+}
+
+JCMutableDictionary::~JCMutableDictionary()
+{
+    m_storage.releaseAll();
+}
+
+Object* JCDictionary::objectForKey(const Object* key) const
+{
+    auto* found = m_storage.entryForKey(key);
+    return found ? found->object : nullptr;
+}
+
+Object* JCMutableDictionary::objectForKey(const Object* key) const
+{
+    auto* found = m_storage.entryForKey(key);
+    return found ? found->object : nullptr;
+}
+
+Ref<Enumerator> JCDictionary::keyEnumerator() const
+{
+    return adoptRef(*new JCDictionaryEnumerator(*this, m_storage));
+}
+
+Ref<Enumerator> JCMutableDictionary::keyEnumerator() const
+{
+    return adoptRef(*new JCDictionaryEnumerator(*this, m_storage));
+}
+
+void JCMutableDictionary::setObject(Object* object, Object* key)
+{
+    if (!key)
+        Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil key", className(), "setObject:forKey:");
+    if (!object)
+        Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil value (key: %@)", className(), "setObject:forKey:", key);
+    size_t needed = JCDictionaryCapacityForCount(m_storage.count + 1);
+    if (m_storage.capacity < needed)
+        m_storage.resizeIfNeccessary(needed);
+    Ref<Object> keyCopy = key->copyObject();
+    size_t keyHash = keyCopy->hash();
+    object->ref();
+    m_storage.addObject(keyHash, keyCopy.leakRef(), object);
+    incrementMutations(m_storage.mutations);
+}
+
+void JCMutableDictionary::removeObjectForKey(const Object* key)
+{
+    if (auto* found = m_storage.entryForKey(key)) {
+        m_storage.removeEntry(*found);
+        incrementMutations(m_storage.mutations);
+    }
+}
+
+Dictionary* detail::JCDictionaryFactory::JCDictionaryCreate(Object** keys, size_t* keyHashes, Object** objects, size_t count, bool mutableCollection)
+{
+    size_t capacity = JCDictionaryCapacityForCount(count);
+    auto* table = static_cast<JCHashTableEntry*>(calloc(capacity ? capacity : 1, sizeof(JCHashTableEntry)));
+    if (!table)
+        return nullptr;
+    auto fill = [&](JCDictionaryStorage& storage) {
+        storage.entry = table;
+        storage.capacity = capacity;
+        for (size_t i = 0; i < count; ++i)
+            storage.addObject(keyHashes[i], keys[i], objects[i]);
+    };
+    if (mutableCollection) {
+        auto* dictionary = new JCMutableDictionary;
+        fill(dictionary->m_storage);
+        return dictionary;
+    }
+    auto* dictionary = new JCDictionary;
+    fill(dictionary->m_storage);
+    return dictionary;
+}
+
+// MARK: Enumerator
+
+JCDictionaryEnumerator::JCDictionaryEnumerator(const Dictionary& dictionary, const JCDictionaryStorage& storage)
+    : m_dictionary(const_cast<Dictionary&>(dictionary))
+    , m_storage(storage)
+{
+}
+
+Object* JCDictionaryEnumerator::nextObject()
+{
+    while (m_index < m_storage.capacity) {
+        auto& candidate = m_storage.entry[m_index++];
+        if (candidate.key)
+            return candidate.key;
+    }
+    return nullptr;
+}
+
+} // namespace velvox

@@ -1,0 +1,175 @@
+#pragma once
+
+// The codec's own arrays and dictionaries. The decoder makes them in one step
+// from its object stack, taking over its references and the key hashes it has
+// already computed. To every consumer they are plain Arrays and Dictionaries;
+// nothing outside the codec can make one.
+//
+// The mutable classes do not derive from the immutable ones (a mutable array
+// is a MutableArray, and an immutable one must not be); both share one
+// storage type that holds the read code.
+
+#include <Platform/Collections.h>
+
+#include <cstdint>
+
+namespace velvox {
+
+namespace detail {
+class JCArrayFactory;
+class JCDictionaryFactory;
+class JCParser;
+} // namespace detail
+
+struct JCArrayStorage {
+    Object** objects { nullptr }; // each element holds one reference
+    size_t count { 0 };
+    size_t capacity { 0 };
+    uint64_t mutations { 0 };
+
+    Object* objectAtIndex(const Object& owner, size_t index) const;
+    void getObjects(const Object& owner, Object** buffer, size_t location, size_t length) const;
+    void releaseAll();
+};
+
+class JCArray final : public Array {
+    VX_OBJECT(JCArray)
+public:
+    size_t count() const override { return m_storage.count; }
+    Object* objectAtIndex(size_t index) const override { return m_storage.objectAtIndex(*this, index); }
+    void getObjects(Object** buffer, size_t location, size_t length) const override { m_storage.getObjects(*this, buffer, location, length); }
+    // The elements, for callers that walk many.
+    Object* const* objects() const { return m_storage.objects; }
+
+private:
+    friend class detail::JCArrayFactory;
+    JCArray() = default;
+    ~JCArray() override;
+    JCArrayStorage m_storage;
+};
+
+class JCMutableArray final : public MutableArray {
+    VX_OBJECT(JCMutableArray)
+public:
+    size_t count() const override { return m_storage.count; }
+    Object* objectAtIndex(size_t index) const override { return m_storage.objectAtIndex(*this, index); }
+    void getObjects(Object** buffer, size_t location, size_t length) const override { m_storage.getObjects(*this, buffer, location, length); }
+    uint64_t mutations() const override { return m_storage.mutations; }
+
+    void insertObject(Object* object, size_t atIndex) override;
+    void removeObjectAtIndex(size_t index) override;
+    void replaceObjectAtIndex(size_t index, Object* withObject) override;
+
+private:
+    friend class detail::JCArrayFactory;
+    JCMutableArray() = default;
+    ~JCMutableArray() override;
+    JCArrayStorage m_storage;
+};
+
+struct JCHashTableEntry {
+    size_t keyHash;
+    Object* key; // free when null
+    Object* object;
+};
+
+struct JCDictionaryStorage {
+    JCHashTableEntry* entry { nullptr };
+    size_t count { 0 };
+    size_t capacity { 0 };
+    uint64_t mutations { 0 };
+
+    JCHashTableEntry* entryForKey(const Object* key) const;
+    // Takes over both references; releases them when there is no room.
+    void addObject(size_t keyHash, Object* key, Object* object);
+    void removeEntry(JCHashTableEntry&);
+    void resizeIfNeccessary(size_t newCapacity);
+    bool nextEntry(size_t& state, Dictionary::Entry& entry) const;
+    size_t getKeysAndObjects(size_t arrayLength, Object** keys, Object** objects) const;
+    void releaseAll();
+};
+
+// The table size for a number of keys: the first entry of the capacity table
+// that is at least count × 1.33.
+size_t JCDictionaryCapacityForCount(size_t count);
+
+class JCDictionary final : public Dictionary {
+    VX_OBJECT(JCDictionary)
+public:
+    size_t count() const override { return m_storage.count; }
+    Object* objectForKey(const Object* key) const override;
+    using Dictionary::objectForKey;
+    bool nextEntry(size_t& state, Entry& entry) const override { return m_storage.nextEntry(state, entry); }
+    Ref<Enumerator> keyEnumerator() const override;
+    size_t getObjects(size_t arrayLength, Object** objects, Object** keys) const { return m_storage.getKeysAndObjects(arrayLength, keys, objects); }
+    size_t capacity() const { return m_storage.capacity; }
+
+private:
+    friend class detail::JCDictionaryFactory;
+    friend class JCDictionaryEnumerator;
+    JCDictionary() = default;
+    ~JCDictionary() override;
+    JCDictionaryStorage m_storage;
+};
+
+class JCMutableDictionary final : public MutableDictionary {
+    VX_OBJECT(JCMutableDictionary)
+public:
+    size_t count() const override { return m_storage.count; }
+    Object* objectForKey(const Object* key) const override;
+    using Dictionary::objectForKey;
+    bool nextEntry(size_t& state, Entry& entry) const override { return m_storage.nextEntry(state, entry); }
+    uint64_t mutations() const override { return m_storage.mutations; }
+    Ref<Enumerator> keyEnumerator() const override;
+    size_t getObjects(size_t arrayLength, Object** objects, Object** keys) const { return m_storage.getKeysAndObjects(arrayLength, keys, objects); }
+    size_t capacity() const { return m_storage.capacity; }
+
+    // Raises InvalidArgumentException for a null key or object.
+    void setObject(Object* object, Object* forKey) override;
+    using MutableDictionary::setObject;
+    void removeObjectForKey(const Object* key) override;
+    using MutableDictionary::removeObjectForKey;
+
+private:
+    friend class detail::JCDictionaryFactory;
+    friend class JCDictionaryEnumerator;
+    JCMutableDictionary() = default;
+    ~JCMutableDictionary() override;
+    JCDictionaryStorage m_storage;
+};
+
+// Walks a codec dictionary's keys in table order.
+class JCDictionaryEnumerator final : public Enumerator {
+    VX_OBJECT(JCDictionaryEnumerator)
+public:
+    Object* nextObject() override;
+
+private:
+    friend class JCDictionary;
+    friend class JCMutableDictionary;
+    JCDictionaryEnumerator(const Dictionary& dictionary, const JCDictionaryStorage& storage);
+    Ref<Dictionary> m_dictionary;
+    const JCDictionaryStorage& m_storage;
+    size_t m_index { 0 };
+};
+
+namespace detail {
+
+// The creation functions, open to the decoder only.
+class JCArrayFactory {
+    friend class JCParser;
+    friend struct JCCollectionsTestAccess;
+    // Takes over the references in objects[0..count). Null when memory runs out.
+    static Array* JCArrayCreate(Object** objects, size_t count, bool mutableCollection);
+};
+
+class JCDictionaryFactory {
+    friend class JCParser;
+    friend struct JCCollectionsTestAccess;
+    // Takes over the references to keys and objects.
+    static Dictionary* JCDictionaryCreate(Object** keys, size_t* keyHashes, Object** objects, size_t count, bool mutableCollection);
+};
+
+} // namespace detail
+
+} // namespace velvox

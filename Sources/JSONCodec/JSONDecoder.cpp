@@ -1,0 +1,1300 @@
+#include "JSONDecoder.h"
+
+#include "JCCollections.h"
+#include "JCInternal.h"
+
+#include <Platform/Collections.h>
+#include <Platform/Exception.h>
+#include <Platform/Number.h>
+#include <Platform/String.h>
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fast_float/fast_float.h>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(JSONDecoder, Object)
+
+namespace detail {
+
+namespace {
+
+constexpr char sourcePath[] = "JSONCodec/JSONCodec";
+// Deeper nesting than this is refused, so that hostile input cannot exhaust the stack.
+constexpr size_t maximumDepth = 4096;
+
+enum JCTokenType : uint8_t {
+    JCTokenTypeInvalid = 0,
+    JCTokenTypeNumber = 1,
+    JCTokenTypeString = 2,
+    JCTokenTypeObjectBegin = 3,
+    JCTokenTypeObjectEnd = 4,
+    JCTokenTypeArrayBegin = 5,
+    JCTokenTypeArrayEnd = 6,
+    JCTokenTypeSeparator = 7,
+    JCTokenTypeComma = 8,
+    JCTokenTypeTrue = 9,
+    JCTokenTypeFalse = 10,
+    JCTokenTypeNull = 11,
+};
+
+inline bool isValueToken(uint8_t type)
+{
+    return type == JCTokenTypeNumber || type == JCTokenTypeString || type == JCTokenTypeObjectBegin || type == JCTokenTypeArrayBegin
+        || type == JCTokenTypeTrue || type == JCTokenTypeFalse || type == JCTokenTypeNull;
+}
+
+enum JCValueType : uint8_t {
+    JCValueTypeNone = 0,
+    JCValueTypeString = 5,
+    JCValueTypeLongLong = 7,
+    JCValueTypeUnsignedLongLong = 11,
+    JCValueTypeDouble = 13,
+};
+
+// Accept masks of the array and dictionary state machines.
+enum : int { JCAcceptValue = 1, JCAcceptComma = 2, JCAcceptEnd = 4 };
+
+constexpr uint64_t JCHashSeed = 1402737925;
+constexpr size_t JCCacheBuckets = 1024;
+
+const char unexpectedTokenMessage[]
+    = "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'.";
+
+} // namespace
+
+struct JCConstPtrRange {
+    const uint8_t* ptr { nullptr };
+    size_t length { 0 };
+};
+
+struct JCTokenCacheItem {
+    Object* object { nullptr }; // retained by the cache
+    uint64_t hash { 0 };
+    size_t keyHash { 0 };
+    size_t size { 0 };
+    uint8_t* bytes { nullptr }; // owned
+    uint8_t type { JCValueTypeNone };
+};
+
+struct JCTokenValue {
+    JCConstPtrRange ptrRange;
+    uint8_t type { JCValueTypeNone };
+    uint64_t hash { 0 };
+    union {
+        long long longLongValue;
+        unsigned long long unsignedLongLongValue;
+        double doubleValue;
+    } number {};
+    JCTokenCacheItem* cacheItem { nullptr };
+};
+
+struct JCParseToken {
+    uint8_t type { JCTokenTypeInvalid };
+    JCConstPtrRange tokenPtrRange;
+    JCTokenValue value;
+};
+
+struct JCObjectStack {
+    enum : uint32_t { JCObjectStackLocationMask = 3, JCObjectStackOnStack = 1, JCObjectStackOnHeap = 2, JCObjectStackMustFree = 4 };
+    Object** objects { nullptr };
+    Object** keys { nullptr };
+    size_t* cfHashes { nullptr };
+    size_t index { 0 };
+    size_t count { 0 };
+    uint32_t flags { 0 };
+    size_t roundSizeUpToMultipleOf { 2048 };
+};
+
+struct JCTokenCache {
+    JCTokenCacheItem* items { nullptr };
+    size_t count { 0 };
+    uint8_t* age { nullptr };
+    uint32_t prng_lfsr { 0 };
+};
+
+struct JCParseState {
+    JCParseOptionFlags parseOptionFlags { 0 };
+    const uint8_t* stringBytes { nullptr };
+    size_t stringLength { 0 };
+    size_t atIndex { 0 };
+    size_t lineNumber { 1 };
+    size_t lineStartIndex { 0 };
+    size_t prev_atIndex { 0 };
+    size_t prev_lineNumber { 1 };
+    size_t prev_lineStartIndex { 0 };
+    JCParseToken token;
+    JCManagedBuffer tokenBuffer;
+    JCObjectStack objectStack;
+    JCTokenCache cache;
+    RefPtr<Error> error;
+    bool mutableCollections { false };
+    bool errorIsPrev { false };
+    size_t depth { 0 };
+
+    ~JCParseState()
+    {
+        clearCache();
+        free(cache.items);
+        free(cache.age);
+    }
+
+    void clearCache()
+    {
+        for (size_t i = 0; i < cache.count; ++i) {
+            auto& item = cache.items[i];
+            if (item.object)
+                item.object->deref();
+            free(item.bytes);
+            item = JCTokenCacheItem {};
+            cache.age[i] = 0;
+        }
+    }
+};
+
+// The parser's functions; a friend of the collection factories.
+class JCParser {
+public:
+    static Object* JCParseUTF8String(JCParseState* parseState, bool mutableCollections, const uint8_t* string, size_t length, RefPtr<Error>* error);
+
+private:
+    template<typename... Args>
+    static void jc_error(JCParseState* state, std::string_view format, const Args&... args)
+    {
+        if (state->error)
+            return;
+        auto message = String::format(format, args...);
+        auto userInfo = Dictionary::create({
+            { LocalizedDescriptionKey, message.ptr() },
+            { JCAtIndexKey, Number::withUnsignedInteger(state->atIndex).ptr() },
+            { JCLineNumberKey, Number::withUnsignedInteger(state->lineNumber).ptr() },
+        });
+        state->error = Error::create(JCErrorDomain, -1, userInfo.ptr());
+    }
+
+    static void jc_error_parse_accept_or3(JCParseState* state, int acceptMask, const char* valueText, const char* endText);
+    static Object* json_parse_it(JCParseState*);
+    static bool jc_parse_next_token(JCParseState*);
+    static void jc_parse_skip_whitespace(JCParseState*);
+    static size_t jc_parse_is_newline(JCParseState*, const uint8_t* at);
+    static bool jc_parse_string(JCParseState*);
+    static bool jc_parse_number(JCParseState*);
+    static Object* jc_object_for_token(JCParseState*);
+    static Object* jc_parse_array(JCParseState*);
+    static Object* jc_parse_dictionary(JCParseState*);
+    static Object* jc_cachedObjects(JCParseState*);
+    static void jc_cache_age(JCParseState*);
+    static void jc_objectStack_setToStackBuffer(JCObjectStack*, Object** objects, Object** keys, size_t* hashes, size_t count);
+    static bool jc_objectStack_resize(JCObjectStack*, size_t newCount);
+    static void jc_objectStack_release(JCObjectStack*);
+    static bool growTokenBuffer(JCParseState*, size_t needed);
+};
+
+// MARK: Errors
+
+void JCParser::jc_error_parse_accept_or3(JCParseState* state, int acceptMask, const char* valueText, const char* endText)
+{
+    const char* texts[3];
+    int count = 0;
+    if (acceptMask & JCAcceptValue)
+        texts[count++] = valueText;
+    if (acceptMask & JCAcceptComma)
+        texts[count++] = "a comma";
+    if (acceptMask & JCAcceptEnd)
+        texts[count++] = endText;
+    int length = static_cast<int>(state->token.tokenPtrRange.length);
+    auto* text = reinterpret_cast<const char*>(state->token.tokenPtrRange.ptr);
+    std::string_view tokenText(text ? text : "", text ? length : 0);
+    switch (count) {
+    case 1:
+        jc_error(state, "Expected %@, not '%*.*s'", texts[0], length, length, tokenText);
+        break;
+    case 2:
+        jc_error(state, "Expected %@ or %@, not '%*.*s'", texts[0], texts[1], length, length, tokenText);
+        break;
+    default:
+        jc_error(state, "Expected %@, %@, or %@, not '%*.*s", texts[0], texts[1], texts[2], length, length, tokenText);
+        break;
+    }
+}
+
+// MARK: Buffers
+
+void JCParser::jc_objectStack_setToStackBuffer(JCObjectStack* stack, Object** objects, Object** keys, size_t* hashes, size_t count)
+{
+    memset(objects, 0, count * sizeof(Object*));
+    memset(keys, 0, count * sizeof(Object*));
+    memset(hashes, 0, count * sizeof(size_t));
+    stack->objects = objects;
+    stack->keys = keys;
+    stack->cfHashes = hashes;
+    stack->count = count;
+    stack->index = 0;
+    stack->flags = JCObjectStack::JCObjectStackOnStack;
+}
+
+bool JCParser::jc_objectStack_resize(JCObjectStack* stack, size_t newCount)
+{
+    size_t granularity = stack->roundSizeUpToMultipleOf;
+    newCount = (newCount + granularity - 1) / granularity * granularity;
+    auto grow = [&](auto*& array, bool onStack) {
+        using T = std::remove_reference_t<decltype(*array)>;
+        T* grown;
+        if (onStack) {
+            grown = static_cast<T*>(malloc(newCount * sizeof(T)));
+            if (grown)
+                memcpy(grown, array, stack->count * sizeof(T));
+        } else
+            grown = static_cast<T*>(realloc(array, newCount * sizeof(T)));
+        if (!grown)
+            return false;
+        memset(grown + stack->count, 0, (newCount - stack->count) * sizeof(T));
+        array = grown;
+        return true;
+    };
+    bool onStack = (stack->flags & JCObjectStack::JCObjectStackLocationMask) == JCObjectStack::JCObjectStackOnStack;
+    // Each array moves on its own; the stack flag changes only once all three have.
+    Object** objects = stack->objects;
+    Object** keys = stack->keys;
+    size_t* hashes = stack->cfHashes;
+    if (!grow(objects, onStack))
+        return false;
+    if (!grow(keys, onStack)) {
+        if (onStack)
+            free(objects);
+        return false;
+    }
+    if (!grow(hashes, onStack)) {
+        if (onStack) {
+            free(objects);
+            free(keys);
+        }
+        return false;
+    }
+    stack->objects = objects;
+    stack->keys = keys;
+    stack->cfHashes = hashes;
+    stack->count = newCount;
+    stack->flags = JCObjectStack::JCObjectStackOnHeap | JCObjectStack::JCObjectStackMustFree;
+    return true;
+}
+
+void JCParser::jc_objectStack_release(JCObjectStack* stack)
+{
+    if (stack->flags & JCObjectStack::JCObjectStackMustFree) {
+        free(stack->objects);
+        free(stack->keys);
+        free(stack->cfHashes);
+    }
+    *stack = JCObjectStack {};
+}
+
+bool JCParser::growTokenBuffer(JCParseState* state, size_t needed)
+{
+    // Keep 16 bytes of head room, so a code point can always be written.
+    if (needed + 15 <= state->tokenBuffer.length)
+        return true;
+    return state->tokenBuffer.resize(needed + 1023);
+}
+
+// MARK: White space and tokens
+
+size_t JCParser::jc_parse_is_newline(JCParseState* state, const uint8_t* at)
+{
+    const uint8_t* end = state->stringBytes + state->stringLength;
+    uint8_t c = *at;
+    if (c == '\n')
+        return 1;
+    if (c == '\r')
+        return at + 1 < end && at[1] == '\n' ? 2 : 1;
+    if (state->parseOptionFlags & JCParseOptionUnicodeNewlines) {
+        if (c == 0xC2 && at + 1 < end && at[1] == 0x85)
+            return 2;
+        if (c == 0xE2 && at + 2 < end && at[1] == 0x80 && (at[2] == 0xA8 || at[2] == 0xA9))
+            return 3;
+    }
+    return 0;
+}
+
+void JCParser::jc_parse_skip_whitespace(JCParseState* state)
+{
+    const uint8_t* bytes = state->stringBytes;
+    size_t length = state->stringLength;
+    bool comments = state->parseOptionFlags & JCParseOptionComments;
+    while (state->atIndex < length) {
+        uint8_t c = bytes[state->atIndex];
+        if (c == ' ' || c == '\t') {
+            ++state->atIndex;
+            continue;
+        }
+        if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
+            state->atIndex += newline;
+            ++state->lineNumber;
+            state->lineStartIndex = state->atIndex;
+            continue;
+        }
+        if (comments && c == '/' && state->atIndex + 1 < length) {
+            uint8_t next = bytes[state->atIndex + 1];
+            if (next == '/') {
+                state->atIndex += 2;
+                while (state->atIndex < length) {
+                    if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
+                        state->atIndex += newline;
+                        ++state->lineNumber;
+                        state->lineStartIndex = state->atIndex;
+                        break;
+                    }
+                    ++state->atIndex;
+                }
+                continue;
+            }
+            if (next == '*') {
+                state->atIndex += 2;
+                while (state->atIndex < length) {
+                    if (bytes[state->atIndex] == '*' && state->atIndex + 1 < length && bytes[state->atIndex + 1] == '/') {
+                        state->atIndex += 2;
+                        break;
+                    }
+                    if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
+                        state->atIndex += newline;
+                        ++state->lineNumber;
+                        state->lineStartIndex = state->atIndex;
+                        continue;
+                    }
+                    ++state->atIndex;
+                }
+                continue;
+            }
+        }
+        return;
+    }
+}
+
+// Reads the next token. Answers false at the end of the input (no error) or
+// on an error (recorded).
+bool JCParser::jc_parse_next_token(JCParseState* state)
+{
+    jc_parse_skip_whitespace(state);
+    state->prev_atIndex = state->atIndex;
+    state->prev_lineNumber = state->lineNumber;
+    state->prev_lineStartIndex = state->lineStartIndex;
+    auto& token = state->token;
+    token.type = JCTokenTypeInvalid;
+    token.value = JCTokenValue {};
+    if (state->atIndex >= state->stringLength)
+        return false;
+    const uint8_t* at = state->stringBytes + state->atIndex;
+    size_t left = state->stringLength - state->atIndex;
+    token.tokenPtrRange = { at, 1 };
+    auto literal = [&](const char* rest, size_t restLength, uint8_t type) {
+        if (left > restLength && !memcmp(at + 1, rest, restLength)) {
+            token.type = type;
+            token.tokenPtrRange.length = restLength + 1;
+            state->atIndex += restLength + 1;
+            return true;
+        }
+        jc_error(state, unexpectedTokenMessage);
+        return false;
+    };
+    switch (*at) {
+    case '{':
+        token.type = JCTokenTypeObjectBegin;
+        break;
+    case '}':
+        token.type = JCTokenTypeObjectEnd;
+        break;
+    case '[':
+        token.type = JCTokenTypeArrayBegin;
+        break;
+    case ']':
+        token.type = JCTokenTypeArrayEnd;
+        break;
+    case ':':
+        token.type = JCTokenTypeSeparator;
+        break;
+    case ',':
+        token.type = JCTokenTypeComma;
+        break;
+    case 't':
+        return literal("rue", 3, JCTokenTypeTrue);
+    case 'f':
+        return literal("alse", 4, JCTokenTypeFalse);
+    case 'n':
+        return literal("ull", 3, JCTokenTypeNull);
+    case '"':
+        if (jc_parse_string(state)) {
+            token.type = JCTokenTypeString;
+            return true;
+        }
+        jc_error(state, unexpectedTokenMessage);
+        return false;
+    case '-':
+    case '0':
+    case '1':
+    case '2':
+    case '3':
+    case '4':
+    case '5':
+    case '6':
+    case '7':
+    case '8':
+    case '9':
+        if (jc_parse_number(state)) {
+            token.type = JCTokenTypeNumber;
+            return true;
+        }
+        jc_error(state, unexpectedTokenMessage);
+        return false;
+    default:
+        jc_error(state, unexpectedTokenMessage);
+        return false;
+    }
+    ++state->atIndex;
+    return true;
+}
+
+// MARK: Strings
+
+bool JCParser::jc_parse_string(JCParseState* state)
+{
+    const uint8_t* bytes = state->stringBytes;
+    const uint8_t* start = bytes + state->atIndex;
+    const uint8_t* end = bytes + state->stringLength;
+    const uint8_t* at = start + 1;
+    uint64_t hash = JCHashSeed;
+    auto& token = state->token;
+
+    auto finish = [&](const uint8_t* closingQuote, const uint8_t* valueBytes, size_t valueLength) {
+        token.value.ptrRange = { valueBytes, valueLength };
+        token.value.type = JCValueTypeString;
+        token.value.hash = hash;
+        token.tokenPtrRange = { start, static_cast<size_t>(closingQuote + 1 - start) };
+        state->atIndex = closingQuote + 1 - bytes;
+        return true;
+    };
+    auto fail = [&](const uint8_t* where) {
+        state->atIndex = where - bytes;
+        jc_error(state, "Invalid string.");
+        return false;
+    };
+
+    // Fast path: no escapes and well-formed UTF-8, so the value is the input itself.
+    while (at < end) {
+        uint8_t c = *at;
+        if (c == '"')
+            return finish(at, start + 1, at - start - 1);
+        if (c == '\\')
+            break;
+        if (c < 0x20) {
+            state->atIndex = at - bytes;
+            jc_error(state, "Invalid character < 0x20 found in string: 0x%2.2x.", c);
+            return fail(at);
+        }
+        if (c < 0x80) {
+            hash = hash * 33 + c;
+            ++at;
+            continue;
+        }
+        const uint8_t* next;
+        uint32_t codePoint;
+        if (ConvertSingleCodePointInUTF8(at, end, &next, &codePoint) != ConversionResult::ok)
+            break;
+        for (; at < next; ++at)
+            hash = hash * 33 + *at;
+    }
+    if (at >= end)
+        return fail(end);
+
+    // Slow path: decode into the token buffer.
+    size_t used = at - (start + 1);
+    if (!growTokenBuffer(state, used))
+        goto bufferFailure;
+    memcpy(state->tokenBuffer.bytes, start + 1, used);
+    while (at < end) {
+        if (!growTokenBuffer(state, used + 4))
+            goto bufferFailure;
+        uint8_t* out = state->tokenBuffer.bytes;
+        uint8_t c = *at;
+        if (c == '"')
+            return finish(at, state->tokenBuffer.bytes, used);
+        if (c < 0x20) {
+            state->atIndex = at - bytes;
+            jc_error(state, "Invalid character < 0x20 found in string: 0x%2.2x.", c);
+            return fail(at);
+        }
+        if (c < 0x80 && c != '\\') {
+            out[used++] = c;
+            hash = hash * 33 + c;
+            ++at;
+            continue;
+        }
+        uint32_t codePoint;
+        if (c >= 0x80) {
+            const uint8_t* next;
+            auto result = ConvertSingleCodePointInUTF8(at, end, &next, &codePoint);
+            if (result == ConversionResult::ok) {
+                for (; at < next; ++at) {
+                    out[used++] = *at;
+                    hash = hash * 33 + *at;
+                }
+                continue;
+            }
+            if (!(state->parseOptionFlags & JCParseOptionLooseUnicode)) {
+                state->atIndex = at - bytes;
+                if (result == ConversionResult::sourceExhausted)
+                    jc_error(state, "End of buffer reached while parsing UTF8 in \"\" string.");
+                else
+                    jc_error(state, "Illegal UTF8 sequence found in \"\" string.");
+                return fail(at);
+            }
+            codePoint = 0xFFFD;
+            at = result == ConversionResult::sourceExhausted ? end : next;
+        } else {
+            // An escape.
+            if (at + 1 >= end)
+                return fail(end);
+            uint8_t escaped = at[1];
+            uint8_t simple = 0;
+            switch (escaped) {
+            case '"':
+                simple = 0x22;
+                break;
+            case '\\':
+                simple = 0x5C;
+                break;
+            case '/':
+                simple = 0x2F;
+                break;
+            case 'b':
+                simple = 0x08;
+                break;
+            case 'f':
+                simple = 0x0C;
+                break;
+            case 'n':
+                simple = 0x0A;
+                break;
+            case 'r':
+                simple = 0x0D;
+                break;
+            case 't':
+                simple = 0x09;
+                break;
+            case 'u':
+                break;
+            default:
+                state->atIndex = at + 1 - bytes;
+                jc_error(state, "Invalid escape sequence found in \"\" string.");
+                return fail(at + 1);
+            }
+            if (simple) {
+                out[used++] = simple;
+                hash = hash * 33 + simple;
+                at += 2;
+                continue;
+            }
+            // Four hex digits at `digits`; answers -1 after recording an error, -2 at the end of input.
+            auto readHex = [&](const uint8_t* digits) -> long {
+                uint32_t value = 0;
+                for (int i = 0; i < 4; ++i) {
+                    if (digits + i >= end)
+                        return -2;
+                    uint8_t d = digits[i];
+                    uint32_t nibble;
+                    if (d >= '0' && d <= '9')
+                        nibble = d - '0';
+                    else if (d >= 'a' && d <= 'f')
+                        nibble = d - 'a' + 10;
+                    else if (d >= 'A' && d <= 'F')
+                        nibble = d - 'A' + 10;
+                    else {
+                        state->atIndex = digits + i - bytes;
+                        jc_error(state, "Unexpected character found in \\u Unicode escape sequence.  Found '%c', expected [0-9a-fA-F].", d);
+                        return -1;
+                    }
+                    value = (value << 4) | nibble;
+                }
+                return value;
+            };
+            bool loose = state->parseOptionFlags & JCParseOptionLooseUnicode;
+            long first = readHex(at + 2);
+            if (first < 0)
+                return fail(first == -2 ? end : at);
+            at += 6;
+            codePoint = static_cast<uint32_t>(first);
+            bool illegal = false;
+            if (codePoint >= 0xD800 && codePoint <= 0xDBFF) {
+                if (at + 1 < end && at[0] == '\\' && at[1] == 'u') {
+                    long second = readHex(at + 2);
+                    if (second < 0)
+                        return fail(second == -2 ? end : at);
+                    if (second >= 0xDC00 && second <= 0xDFFF) {
+                        codePoint = (codePoint - 0xD800) * 0x400 + (static_cast<uint32_t>(second) - 0xDC00) + 0x10000;
+                        at += 6;
+                    } else if (!loose) {
+                        state->atIndex = at - bytes;
+                        jc_error(state, "Illegal \\u Unicode escape sequence.");
+                        return fail(at);
+                    } else
+                        illegal = true; // the second escape is read on its own next
+                } else if (!loose) {
+                    state->atIndex = at - bytes;
+                    jc_error(state, "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.");
+                    return fail(at);
+                } else
+                    illegal = true;
+            } else if (codePoint >= 0xDC00 && codePoint <= 0xDFFF)
+                illegal = true;
+            if (codePoint == 0 || (codePoint >= 0xFDD0 && codePoint <= 0xFDEF) || (codePoint & 0xFFFE) == 0xFFFE)
+                illegal = true;
+            if (illegal) {
+                if (!loose) {
+                    state->atIndex = at - bytes;
+                    jc_error(state, "Illegal \\u Unicode escape sequence.");
+                    return fail(at);
+                }
+                codePoint = 0xFFFD;
+            }
+        }
+        uint8_t encoded[4];
+        size_t n = encodeUTF8(codePoint, encoded);
+        for (size_t i = 0; i < n; ++i) {
+            out[used++] = encoded[i];
+            hash = hash * 33 + encoded[i];
+        }
+    }
+    return fail(end);
+
+bufferFailure:
+    jc_error(state, "Internal error: Unable to add UTF8 sequence to internal string buffer. %@ line #%ld", sourcePath, static_cast<long>(__LINE__));
+    return fail(at);
+}
+
+// MARK: Numbers
+
+bool JCParser::jc_parse_number(JCParseState* state)
+{
+    const uint8_t* bytes = state->stringBytes;
+    const uint8_t* start = bytes + state->atIndex;
+    const uint8_t* end = bytes + state->stringLength;
+    const uint8_t* at = start;
+    bool isFloatingPoint = false;
+    auto isDigit = [](uint8_t c) { return c >= '0' && c <= '9'; };
+    auto invalid = [&](const uint8_t* where) {
+        state->atIndex = where - bytes;
+        jc_error(state, "Invalid number.");
+        return false;
+    };
+
+    enum { Start, Minus, LeadingZero, IntegerDigits, Period, FractionDigits, Exponent, ExponentSign, ExponentDigits } machine = Start;
+    while (true) {
+        if (at >= end) {
+            // The input may end right after a complete number, not inside one.
+            if (machine == LeadingZero || machine == IntegerDigits || machine == FractionDigits || machine == ExponentDigits)
+                break;
+            return invalid(at);
+        }
+        uint8_t c = *at;
+        bool consumed = true;
+        switch (machine) {
+        case Start:
+            machine = c == '-' ? Minus : c == '0' ? LeadingZero : IntegerDigits;
+            break;
+        case Minus:
+            if (c == '0')
+                machine = LeadingZero;
+            else if (c >= '1' && c <= '9')
+                machine = IntegerDigits;
+            else
+                return invalid(at);
+            break;
+        case LeadingZero:
+        case IntegerDigits:
+            if (machine == IntegerDigits && isDigit(c))
+                break;
+            if (c == '.')
+                machine = Period;
+            else if (c == 'e' || c == 'E')
+                machine = Exponent;
+            else
+                consumed = false;
+            break;
+        case Period:
+            if (!isDigit(c))
+                return invalid(at);
+            machine = FractionDigits;
+            break;
+        case FractionDigits:
+            if (isDigit(c))
+                break;
+            if (c == 'e' || c == 'E')
+                machine = Exponent;
+            else
+                consumed = false;
+            break;
+        case Exponent:
+            if (c == '+' || c == '-')
+                machine = ExponentSign;
+            else if (isDigit(c))
+                machine = ExponentDigits;
+            else
+                return invalid(at);
+            break;
+        case ExponentSign:
+            if (!isDigit(c))
+                return invalid(at);
+            machine = ExponentDigits;
+            break;
+        case ExponentDigits:
+            if (!isDigit(c))
+                consumed = false;
+            break;
+        }
+        if (!consumed)
+            break;
+        if (machine == Period || machine == Exponent)
+            isFloatingPoint = true;
+        ++at;
+    }
+
+    size_t length = at - start;
+    auto& value = state->token.value;
+    std::string_view text(reinterpret_cast<const char*>(start), length);
+    if (length == 2 && start[0] == '-' && start[1] == '0')
+        isFloatingPoint = true; // keeps negative zero
+    state->atIndex = at - bytes;
+    auto numberError = [&]() {
+        state->atIndex = start - bytes;
+        return false;
+    };
+
+    if (isFloatingPoint) {
+        double result = 0;
+        auto answer = fast_float::from_chars(text.data(), text.data() + text.size(), result);
+        // fast_float and strtod agree on every normal result; the rest (zero,
+        // subnormal, out of range) goes through strtod for its errno.
+        if (answer.ec != std::errc() || answer.ptr != text.data() + text.size() || std::fpclassify(result) != FP_NORMAL) {
+            char scratch[512];
+            std::string heapScratch;
+            char* terminated = scratch;
+            if (length + 1 > sizeof(scratch)) {
+                heapScratch.assign(text);
+                terminated = heapScratch.data();
+            } else {
+                memcpy(scratch, text.data(), length);
+                scratch[length] = 0;
+            }
+            char* stop = nullptr;
+            errno = 0;
+            result = strtod(terminated, &stop);
+            if (errno == ERANGE) {
+                jc_error(state, "The value '%s' could not be represented as a 'double' due to %s.", text, result == 0.0 ? "underflow" : "overflow");
+                jc_error(state, "Invalid number.");
+                return numberError();
+            }
+            if (errno) {
+                jc_error(state, "Invalid number.");
+                return numberError();
+            }
+            if (stop != terminated + length) {
+                jc_error(state, "The conversion function did not consume all of the number tokens characters.");
+                jc_error(state, "Invalid number.");
+                return numberError();
+            }
+        }
+        value.type = JCValueTypeDouble;
+        value.number.doubleValue = result;
+        value.hash = JCHashSeed + JCValueTypeDouble;
+    } else if (start[0] == '-') {
+        uint64_t magnitude = 0;
+        bool overflow = false;
+        for (size_t i = 1; i < length; ++i) {
+            uint64_t digit = start[i] - '0';
+            if (magnitude > (9223372036854775808ull - digit) / 10) {
+                overflow = true;
+                break;
+            }
+            magnitude = magnitude * 10 + digit;
+        }
+        if (overflow) {
+            jc_error(state, "The value '%s' exceeded the minimum value that could be represented: %lld.", text, LLONG_MIN);
+            jc_error(state, "Invalid number.");
+            return numberError();
+        }
+        value.type = JCValueTypeLongLong;
+        value.number.longLongValue = static_cast<long long>(0 - magnitude);
+        value.hash = JCHashSeed + JCValueTypeLongLong + static_cast<uint64_t>(value.number.longLongValue);
+    } else {
+        uint64_t result = 0;
+        bool overflow = false;
+        for (size_t i = 0; i < length; ++i) {
+            uint64_t digit = start[i] - '0';
+            if (result > (UINT64_MAX - digit) / 10) {
+                overflow = true;
+                break;
+            }
+            result = result * 10 + digit;
+        }
+        if (overflow) {
+            jc_error(state, "The value '%s' exceeded the maximum value that could be represented: %llu.", text, ULLONG_MAX);
+            jc_error(state, "Invalid number.");
+            return numberError();
+        }
+        value.type = JCValueTypeUnsignedLongLong;
+        value.number.unsignedLongLongValue = result;
+        value.hash = JCHashSeed + JCValueTypeUnsignedLongLong + result;
+    }
+    value.ptrRange = { reinterpret_cast<const uint8_t*>(&value.number), sizeof(value.number) };
+    for (size_t i = 0; i < sizeof(value.number); ++i)
+        value.hash = value.hash * 33 + value.ptrRange.ptr[i];
+    state->token.tokenPtrRange = { start, length };
+    return true;
+}
+
+// MARK: The object cache
+
+void JCParser::jc_cache_age(JCParseState* state)
+{
+    auto& cache = state->cache;
+    cache.prng_lfsr = (cache.prng_lfsr >> 1) ^ ((0U - (cache.prng_lfsr & 1U)) & 0x80200003U);
+    cache.age[cache.prng_lfsr & (cache.count - 1)] >>= 1;
+}
+
+Object* JCParser::jc_cachedObjects(JCParseState* state)
+{
+    auto& value = state->token.value;
+    auto& cache = state->cache;
+    size_t length = value.ptrRange.length;
+    if (value.type == JCValueTypeString && !length) {
+        String::empty().ref();
+        return &String::empty();
+    }
+    uint64_t hash = value.hash;
+    size_t mask = cache.count - 1;
+    JCTokenCacheItem* slot = nullptr;
+    size_t slotBucket = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        size_t bucket = i ? (hash + (length + value.type + 3) * i) & mask : hash & mask;
+        auto& item = cache.items[bucket];
+        if (!item.object) {
+            slot = &item;
+            slotBucket = bucket;
+            break;
+        }
+        if (item.hash == hash && item.size == length && item.type == value.type && !memcmp(item.bytes, value.ptrRange.ptr, length)) {
+            cache.age[bucket] = static_cast<uint8_t>(cache.age[bucket] * 2 + 1);
+            value.cacheItem = &item;
+            item.object->ref();
+            return item.object;
+        }
+        if (!slot) {
+            if (!cache.age[bucket]) {
+                slot = &item;
+                slotBucket = bucket;
+            } else {
+                cache.age[bucket] >>= 1;
+                jc_cache_age(state);
+                jc_cache_age(state);
+            }
+        }
+    }
+
+    Object* object;
+    switch (value.type) {
+    case JCValueTypeString:
+        object = String::create(reinterpret_cast<const char*>(value.ptrRange.ptr), length).leakRef();
+        break;
+    case JCValueTypeLongLong:
+        object = Number::withInteger(value.number.longLongValue).leakRef();
+        break;
+    case JCValueTypeUnsignedLongLong:
+        object = (value.number.unsignedLongLongValue >> 63) ? Number::withUnsignedInteger(value.number.unsignedLongLongValue).leakRef()
+                                                             : Number::withInteger(static_cast<long long>(value.number.unsignedLongLongValue)).leakRef();
+        break;
+    default:
+        object = Number::withDouble(value.number.doubleValue).leakRef();
+        break;
+    }
+
+    if (slot) {
+        if (slot->object)
+            slot->object->deref();
+        slot->object = nullptr;
+        auto* copy = static_cast<uint8_t*>(realloc(slot->bytes, length ? length : 1));
+        if (!copy) {
+            free(slot->bytes);
+            *slot = JCTokenCacheItem {};
+            return object;
+        }
+        memcpy(copy, value.ptrRange.ptr, length);
+        object->ref();
+        *slot = { object, hash, 0, length, copy, value.type };
+        cache.age[slotBucket] = 0;
+        value.cacheItem = slot;
+    }
+    return object;
+}
+
+// MARK: Building objects
+
+Object* JCParser::jc_object_for_token(JCParseState* state)
+{
+    switch (state->token.type) {
+    case JCTokenTypeNumber:
+    case JCTokenTypeString:
+        return jc_cachedObjects(state);
+    case JCTokenTypeTrue:
+        Number::trueValue().ref();
+        return &Number::trueValue();
+    case JCTokenTypeFalse:
+        Number::falseValue().ref();
+        return &Number::falseValue();
+    case JCTokenTypeNull:
+        Null::null().ref();
+        return &Null::null();
+    case JCTokenTypeArrayBegin:
+    case JCTokenTypeObjectBegin: {
+        if (state->depth >= maximumDepth) {
+            jc_error(state, "Nesting is deeper than %zu levels.", maximumDepth);
+            return nullptr;
+        }
+        ++state->depth;
+        Object* object = state->token.type == JCTokenTypeArrayBegin ? jc_parse_array(state) : jc_parse_dictionary(state);
+        --state->depth;
+        return object;
+    }
+    default:
+        return nullptr;
+    }
+}
+
+Object* JCParser::jc_parse_array(JCParseState* state)
+{
+    auto& stack = state->objectStack;
+    size_t startingObjectIndex = stack.index;
+    int acceptMask = JCAcceptValue | JCAcceptEnd;
+    Object* parsedArray = nullptr;
+
+    while (!state->error && state->atIndex < state->stringLength) {
+        if (stack.index > stack.count - 4) {
+            if (!jc_objectStack_resize(&stack, stack.count + 128)) {
+                jc_error(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", stack.count - 4, sourcePath,
+                    static_cast<long>(__LINE__));
+                break;
+            }
+        }
+        if (!jc_parse_next_token(state))
+            break;
+        uint8_t type = state->token.type;
+        if (isValueToken(type)) {
+            if (!(acceptMask & JCAcceptValue)) {
+                jc_error(state, "Unexpected value.");
+                break;
+            }
+            Object* object = jc_object_for_token(state);
+            if (!object) {
+                jc_error(state, "Internal error: Object == NULL");
+                break;
+            }
+            stack.objects[stack.index++] = object;
+            acceptMask = JCAcceptComma | JCAcceptEnd;
+        } else if (type == JCTokenTypeComma) {
+            if (!(acceptMask & JCAcceptComma)) {
+                jc_error(state, "Unexpected ','.");
+                break;
+            }
+            acceptMask = JCAcceptValue;
+        } else if (type == JCTokenTypeArrayEnd) {
+            if (!(acceptMask & JCAcceptEnd)) {
+                jc_error(state, "Unexpected ']'.");
+                break;
+            }
+            parsedArray = JCArrayFactory::JCArrayCreate(stack.objects + startingObjectIndex, stack.index - startingObjectIndex, state->mutableCollections);
+            break;
+        } else {
+            jc_error_parse_accept_or3(state, acceptMask, "a value", "a ']'");
+            break;
+        }
+    }
+
+    if (!parsedArray) {
+        for (size_t i = startingObjectIndex; i < stack.index; ++i) {
+            if (stack.objects[i])
+                stack.objects[i]->deref();
+        }
+    }
+    for (size_t i = startingObjectIndex; i < stack.index; ++i)
+        stack.objects[i] = nullptr;
+    stack.index = startingObjectIndex;
+    return parsedArray;
+}
+
+Object* JCParser::jc_parse_dictionary(JCParseState* state)
+{
+    auto& stack = state->objectStack;
+    size_t startingObjectIndex = stack.index;
+    int acceptMask = JCAcceptValue | JCAcceptEnd;
+    Object* parsedDictionary = nullptr;
+
+    while (!state->error && state->atIndex < state->stringLength) {
+        if (stack.index > stack.count - 4) {
+            if (!jc_objectStack_resize(&stack, stack.count + 128)) {
+                jc_error(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", stack.count - 4, sourcePath,
+                    static_cast<long>(__LINE__));
+                break;
+            }
+        }
+        if (!jc_parse_next_token(state))
+            break;
+        uint8_t type = state->token.type;
+        if (type == JCTokenTypeString) {
+            if (!(acceptMask & JCAcceptValue)) {
+                jc_error(state, "Unexpected string.");
+                break;
+            }
+            Object* key = jc_cachedObjects(state);
+            if (!key) {
+                jc_error(state, "Internal error: Key == NULL.");
+                break;
+            }
+            size_t keyHash;
+            if (auto* item = state->token.value.cacheItem) {
+                if (!item->keyHash)
+                    item->keyHash = key->hash();
+                keyHash = item->keyHash;
+            } else
+                keyHash = key->hash();
+            // The key joins the stack only with its value: a nested collection
+            // builds itself in the slots from stack.index on.
+            if (!jc_parse_next_token(state) || state->token.type != JCTokenTypeSeparator) {
+                jc_error(state, "Expected ':'.");
+                key->deref();
+                break;
+            }
+            Object* object = nullptr;
+            if (jc_parse_next_token(state)) {
+                if (!isValueToken(state->token.type))
+                    jc_error_parse_accept_or3(state, JCAcceptValue, "a value", "a '}'");
+                else if (!(object = jc_object_for_token(state)))
+                    jc_error(state, "Internal error: Object == NULL.");
+            }
+            if (!object) {
+                key->deref();
+                break;
+            }
+            stack.keys[stack.index] = key;
+            stack.cfHashes[stack.index] = keyHash;
+            stack.objects[stack.index++] = object;
+            acceptMask = JCAcceptComma | JCAcceptEnd;
+        } else if (type == JCTokenTypeComma) {
+            if (!(acceptMask & JCAcceptComma)) {
+                jc_error(state, "Unexpected ','.");
+                break;
+            }
+            acceptMask = JCAcceptValue;
+        } else if (type == JCTokenTypeObjectEnd) {
+            if (!(acceptMask & JCAcceptEnd)) {
+                jc_error(state, "Unexpected '}'.");
+                break;
+            }
+            parsedDictionary = JCDictionaryFactory::JCDictionaryCreate(stack.keys + startingObjectIndex, stack.cfHashes + startingObjectIndex,
+                stack.objects + startingObjectIndex, stack.index - startingObjectIndex, state->mutableCollections);
+            break;
+        } else {
+            jc_error_parse_accept_or3(state, acceptMask, "a \"STRING\"", "a '}'");
+            break;
+        }
+    }
+
+    if (!parsedDictionary) {
+        for (size_t i = startingObjectIndex; i < stack.index; ++i) {
+            if (stack.keys[i])
+                stack.keys[i]->deref();
+            if (stack.objects[i])
+                stack.objects[i]->deref();
+        }
+    }
+    for (size_t i = startingObjectIndex; i < stack.index; ++i) {
+        stack.keys[i] = nullptr;
+        stack.objects[i] = nullptr;
+        stack.cfHashes[i] = 0;
+    }
+    stack.index = startingObjectIndex;
+    return parsedDictionary;
+}
+
+// MARK: One parse
+
+Object* JCParser::json_parse_it(JCParseState* state)
+{
+    Object* parsed = nullptr;
+    while (!state->error && state->atIndex < state->stringLength) {
+        if (!jc_parse_next_token(state))
+            break;
+        if (state->token.type != JCTokenTypeArrayBegin && state->token.type != JCTokenTypeObjectBegin) {
+            jc_error(state, "Expected either '[' or '{'.");
+            break;
+        }
+        parsed = jc_object_for_token(state);
+        break;
+    }
+    return parsed;
+}
+
+Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollections, const uint8_t* string, size_t length, RefPtr<Error>* error)
+{
+    VXParameterAssert((parseState != NULL) && (string != NULL) && (parseState->cache.prng_lfsr != 0U));
+    auto* state = parseState;
+    state->stringBytes = string;
+    state->stringLength = length;
+    state->atIndex = 0;
+    state->lineNumber = 1;
+    state->lineStartIndex = 0;
+    state->prev_atIndex = 0;
+    state->prev_lineNumber = 1;
+    state->prev_lineStartIndex = 0;
+    state->error = nullptr;
+    state->errorIsPrev = false;
+    state->mutableCollections = mutableCollections;
+    state->depth = 0;
+
+    uint8_t stackTokenBuffer[2048];
+    Object* stackObjects[1024];
+    Object* stackKeys[1024];
+    size_t stackHashes[1024];
+    state->tokenBuffer.setToStackBuffer(stackTokenBuffer, sizeof(stackTokenBuffer));
+    jc_objectStack_setToStackBuffer(&state->objectStack, stackObjects, stackKeys, stackHashes, 1024);
+
+    Object* parsed = json_parse_it(state);
+    if (parsed && state->atIndex < state->stringLength) {
+        jc_parse_skip_whitespace(state);
+        if (state->atIndex < state->stringLength && !(state->parseOptionFlags & JCParseOptionPermitTextAfterValidJSON)) {
+            jc_error(state, "A valid JSON object was parsed but there were additional non-white-space characters remaining.");
+            parsed->deref();
+            parsed = nullptr;
+        }
+    } else if (!parsed) {
+        if (state->atIndex >= state->stringLength)
+            jc_error(state, "Reached the end of the buffer.");
+        jc_error(state, "Unable to parse JSON.");
+    }
+
+    if (error)
+        *error = state->error;
+    state->tokenBuffer.release();
+    jc_objectStack_release(&state->objectStack);
+    state->objectStack.roundSizeUpToMultipleOf = 2048;
+    state->tokenBuffer.roundSizeUpToMultipleOf = 4096;
+    state->stringBytes = nullptr;
+    state->stringLength = 0;
+    state->atIndex = 0;
+    state->lineNumber = 1;
+    state->lineStartIndex = 0;
+    state->prev_atIndex = 0;
+    state->prev_lineNumber = 1;
+    state->prev_lineStartIndex = 0;
+    state->token = JCParseToken {};
+    state->error = nullptr;
+    state->errorIsPrev = false;
+    state->mutableCollections = false;
+    return parsed;
+}
+
+} // namespace detail
+
+// MARK: JSONDecoder
+
+JSONDecoder::JSONDecoder(JCParseOptionFlags options)
+    : m_parseState(std::make_unique<detail::JCParseState>())
+{
+    auto& state = *m_parseState;
+    state.parseOptionFlags = options;
+    state.tokenBuffer.roundSizeUpToMultipleOf = 4096;
+    state.objectStack.roundSizeUpToMultipleOf = 2048;
+    state.cache.prng_lfsr = 1;
+    state.cache.count = detail::JCCacheBuckets;
+    state.cache.items = static_cast<detail::JCTokenCacheItem*>(calloc(state.cache.count, sizeof(detail::JCTokenCacheItem)));
+    state.cache.age = static_cast<uint8_t*>(calloc(state.cache.count, 1));
+    if (!state.cache.items || !state.cache.age)
+        throw std::bad_alloc();
+}
+
+JSONDecoder::~JSONDecoder() = default;
+
+Ref<JSONDecoder> JSONDecoder::decoderWithParseOptions(JCParseOptionFlags options)
+{
+    if (options > JCParseOptionValidFlags)
+        Exception::raise(InvalidArgumentException, "Invalid parse options.");
+    return adoptRef(*new JSONDecoder(options));
+}
+
+JCParseOptionFlags JSONDecoder::parseOptions() const
+{
+    return m_parseState ? m_parseState->parseOptionFlags : 0;
+}
+
+void JSONDecoder::clearCache()
+{
+    if (m_parseState)
+        m_parseState->clearCache();
+}
+
+void JSONDecoder::releaseParseState()
+{
+    m_parseState = nullptr;
+}
+
+size_t JSONDecoder::cachedObjectCount() const
+{
+    if (!m_parseState)
+        return 0;
+    size_t count = 0;
+    for (size_t i = 0; i < m_parseState->cache.count; ++i)
+        count += m_parseState->cache.items[i].object != nullptr;
+    return count;
+}
+
+RefPtr<Object> JSONDecoder::parse(const char* string, size_t length, bool mutableCollections, RefPtr<Error>* error)
+{
+    if (!m_parseState)
+        Exception::raise(InternalInconsistencyException, "parseState is NULL.");
+    if (!string)
+        Exception::raise(InvalidArgumentException, "The string argument is NULL.");
+    Ref protectedThis { *this };
+    return adoptRef(detail::JCParser::JCParseUTF8String(m_parseState.get(), mutableCollections, reinterpret_cast<const uint8_t*>(string), length, error));
+}
+
+RefPtr<Object> JSONDecoder::objectWithUTF8String(const char* string, size_t length, RefPtr<Error>* error)
+{
+    return parse(string, length, false, error);
+}
+
+RefPtr<Object> JSONDecoder::mutableObjectWithUTF8String(const char* string, size_t length, RefPtr<Error>* error)
+{
+    return parse(string, length, true, error);
+}
+
+RefPtr<Object> JSONDecoder::objectWithData(const Data* jsonData, RefPtr<Error>* error)
+{
+    if (!m_parseState)
+        Exception::raise(InternalInconsistencyException, "parseState is NULL.");
+    if (!jsonData)
+        Exception::raise(InvalidArgumentException, "The jsonData argument is NULL.");
+    return parse(reinterpret_cast<const char*>(jsonData->bytes()), jsonData->length(), false, error);
+}
+
+RefPtr<Object> JSONDecoder::mutableObjectWithData(const Data* jsonData, RefPtr<Error>* error)
+{
+    if (!m_parseState)
+        Exception::raise(InternalInconsistencyException, "parseState is NULL.");
+    if (!jsonData)
+        Exception::raise(InvalidArgumentException, "The jsonData argument is NULL.");
+    return parse(reinterpret_cast<const char*>(jsonData->bytes()), jsonData->length(), true, error);
+}
+
+} // namespace velvox

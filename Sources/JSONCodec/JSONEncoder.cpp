@@ -1,0 +1,402 @@
+#include "JSONEncoder.h"
+
+#include "JCCollections.h"
+#include "JCInternal.h"
+#include "JSONDecoder.h"
+
+#include <Platform/Collections.h>
+#include <Platform/Exception.h>
+#include <Platform/Number.h>
+#include <Platform/String.h>
+
+#include <cmath>
+#include <cstdio>
+
+namespace velvox {
+
+namespace detail {
+
+namespace {
+
+constexpr char sourcePath[] = "JSONCodec/JSONCodec";
+constexpr size_t encodeCacheSlots = 1024;
+constexpr size_t maximumDepth = 4096;
+
+struct JCEncodeCache {
+    const Object* object;
+    size_t offset;
+    size_t length;
+};
+
+struct JCEncodeState;
+using WriteOne = bool (*)(JCEncodeState*, int depthChange, char character);
+
+struct JCEncodeState {
+    JCManagedBuffer stringBuffer;
+    size_t atIndex { 0 };
+    JCEncodeCache cache[encodeCacheSlots] {};
+    JCSerializeOptionFlags serializeOptionFlags { 0 };
+    long depth { 0 };
+    size_t nesting { 0 };
+    RefPtr<Error> error;
+    WriteOne write1 { nullptr };
+};
+
+template<typename... Args>
+bool jc_encode_error(JCEncodeState* state, std::string_view format, const Args&... args)
+{
+    if (!state->error)
+        state->error = Error::create(JCErrorDomain, -1, String::format(format, args...)->view());
+    return true;
+}
+
+// Makes room for `extra` more bytes beyond atIndex, growing by `ahead` when short.
+inline bool ensure(JCEncodeState* state, size_t extra, size_t ahead)
+{
+    if (state->atIndex + extra <= state->stringBuffer.length) [[likely]]
+        return true;
+    if (!state->stringBuffer.resize(state->atIndex + extra + ahead)) {
+        jc_encode_error(state, "Unable to resize temporary buffer.");
+        return false;
+    }
+    return true;
+}
+
+inline bool jc_encode_write(JCEncodeState* state, const char* text, size_t length)
+{
+    if (!ensure(state, length + 16, 1024))
+        return false;
+    memcpy(state->stringBuffer.bytes + state->atIndex, text, length);
+    state->atIndex += length;
+    return true;
+}
+
+bool jc_encode_writePrettyPrintWhiteSpace(JCEncodeState* state)
+{
+    size_t indentation = 2 * static_cast<size_t>(state->depth < 0 ? 0 : state->depth);
+    if (state->atIndex + indentation + 16 > state->stringBuffer.length && !state->stringBuffer.resize(state->atIndex + indentation + 4096)) {
+        jc_encode_error(state, "Unable to resize temporary buffer.");
+        return false;
+    }
+    uint8_t* out = state->stringBuffer.bytes + state->atIndex;
+    *out++ = '\n';
+    memset(out, ' ', indentation);
+    state->atIndex += 1 + indentation;
+    return true;
+}
+
+bool jc_encode_write1fast(JCEncodeState* state, int, char character)
+{
+    if (!ensure(state, 16, 1024))
+        return false;
+    state->stringBuffer.bytes[state->atIndex++] = static_cast<uint8_t>(character);
+    return true;
+}
+
+bool jc_encode_write1slow(JCEncodeState* state, int depthChange, char character)
+{
+    VXParameterAssert((depthChange >= -1) && (depthChange <= 1));
+    state->depth += depthChange;
+    if (character == ':')
+        return jc_encode_write(state, ": ", 2);
+    if (depthChange != -1) {
+        if (!jc_encode_write1fast(state, 0, character))
+            return false;
+        return jc_encode_writePrettyPrintWhiteSpace(state);
+    }
+    if (!jc_encode_writePrettyPrintWhiteSpace(state))
+        return false;
+    return jc_encode_write1fast(state, 0, character);
+}
+
+inline size_t cacheSlot(const Object* object)
+{
+    auto address = reinterpret_cast<uintptr_t>(object);
+    return ((address >> 4) + ((address >> 21) ^ (address >> 9))) & (encodeCacheSlots - 1);
+}
+
+inline void jc_encode_updateCache(JCEncodeState* state, size_t slot, size_t startingIndex, const Object* object)
+{
+    state->cache[slot] = { object, startingIndex, state->atIndex - startingIndex };
+}
+
+bool writeUnsigned(JCEncodeState* state, uint64_t value, bool negative)
+{
+    char scratch[24];
+    char* end = scratch + sizeof(scratch);
+    char* at = end;
+    do {
+        *--at = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value);
+    if (negative)
+        *--at = '-';
+    return jc_encode_write(state, at, end - at);
+}
+
+bool encodeString(JCEncodeState* state, const String& string)
+{
+    const auto* bytes = reinterpret_cast<const uint8_t*>(string.view().data());
+    size_t length = string.length();
+    bool escapeUnicode = state->serializeOptionFlags & JCSerializeOptionEscapeUnicode;
+    // The worst case is six bytes out per byte in, plus the quotes.
+    if (!ensure(state, length * 6 + 16, 4096))
+        return false;
+    uint8_t* out = state->stringBuffer.bytes + state->atIndex;
+    *out++ = '"';
+    static const char hexDigits[] = "0123456789abcdef";
+    auto writeU = [&](uint32_t unit) {
+        *out++ = '\\';
+        *out++ = 'u';
+        *out++ = hexDigits[(unit >> 12) & 15];
+        *out++ = hexDigits[(unit >> 8) & 15];
+        *out++ = hexDigits[(unit >> 4) & 15];
+        *out++ = hexDigits[unit & 15];
+    };
+    const uint8_t* end = bytes + length;
+    for (const uint8_t* at = bytes; at < end;) {
+        uint8_t c = *at;
+        if (c >= 0x20 && c != '"' && c != '\\' && c < 0x80) {
+            *out++ = c;
+            ++at;
+            continue;
+        }
+        if (c >= 0x80) {
+            if (!escapeUnicode) {
+                *out++ = c;
+                ++at;
+                continue;
+            }
+            const uint8_t* next;
+            uint32_t codePoint;
+            if (ConvertSingleCodePointInUTF8(at, end, &next, &codePoint) != ConversionResult::ok) {
+                state->atIndex = out - state->stringBuffer.bytes;
+                jc_encode_error(state, "Error converting UTF8.");
+                return false;
+            }
+            if (codePoint < 0x10000)
+                writeU(codePoint);
+            else {
+                writeU((codePoint >> 10) + 0xD7C0);
+                writeU((codePoint & 0x3FF) | 0xDC00);
+            }
+            at = next;
+            continue;
+        }
+        *out++ = '\\';
+        switch (c) {
+        case '"':
+        case '\\':
+            *out++ = c;
+            break;
+        case 0x08:
+            *out++ = 'b';
+            break;
+        case 0x09:
+            *out++ = 't';
+            break;
+        case 0x0A:
+            *out++ = 'n';
+            break;
+        case 0x0C:
+            *out++ = 'f';
+            break;
+        case 0x0D:
+            *out++ = 'r';
+            break;
+        default:
+            --out;
+            writeU(c);
+            break;
+        }
+        ++at;
+    }
+    *out++ = '"';
+    state->atIndex = out - state->stringBuffer.bytes;
+    return true;
+}
+
+bool encodeNumber(JCEncodeState* state, const Number& number)
+{
+    if (&number == &Number::trueValue())
+        return jc_encode_write(state, "true", 4);
+    if (&number == &Number::falseValue())
+        return jc_encode_write(state, "false", 5);
+    switch (number.objCType()) {
+    case 'B':
+    case 'C':
+    case 'I':
+    case 'L':
+    case 'Q':
+    case 'S':
+        return writeUnsigned(state, number.unsignedLongLongValue(), false);
+    case 'c':
+    case 'i':
+    case 'l':
+    case 'q':
+    case 's': {
+        int64_t value = number.integerValue();
+        return writeUnsigned(state, value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value), value < 0);
+    }
+    case 'f':
+    case 'd': {
+        double value = number.doubleValue();
+        if (!std::isfinite(value)) {
+            jc_encode_error(state, "Floating point values must be finite.  JSON does not support NaN or Infinity.");
+            return false;
+        }
+        char text[40];
+        int length = snprintf(text, sizeof(text), "%.17g", value);
+        return jc_encode_write(state, text, length);
+    }
+    case 0:
+        jc_encode_error(state, "NSNumber conversion error, unknown type.  Type: '%s'", "");
+        return false;
+    default:
+        jc_encode_error(state, "NSNumber conversion error, unknown type.  Type: '%c' / 0x%2.2x", number.objCType(),
+            static_cast<unsigned>(static_cast<uint8_t>(number.objCType())));
+        return false;
+    }
+}
+
+bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object);
+
+bool encodeArray(JCEncodeState* state, const Array& array)
+{
+    if (!state->write1(state, 1, '['))
+        return false;
+    size_t count = array.count();
+    auto writeElement = [&](Object* element, size_t index) {
+        if (index && !state->write1(state, 0, ','))
+            return false;
+        return jc_encode_add_atom_to_buffer(state, element);
+    };
+    if (count <= 1020) {
+        Object* elements[1020];
+        array.getObjects(elements, 0, count);
+        for (size_t i = 0; i < count; ++i) {
+            if (!writeElement(elements[i], i))
+                return false;
+        }
+    } else {
+        size_t index = 0;
+        for (auto* element : array) {
+            if (!writeElement(element, index++))
+                return false;
+        }
+    }
+    return state->write1(state, -1, ']');
+}
+
+bool encodeDictionary(JCEncodeState* state, const Dictionary& dictionary)
+{
+    if (!state->write1(state, 1, '{'))
+        return false;
+    size_t index = 0;
+    for (auto& entry : dictionary) {
+        if (index++ && !state->write1(state, 0, ','))
+            return false;
+        if (!is<String>(entry.key)) {
+            jc_encode_error(state, "Key must be a string object.");
+            return false;
+        }
+        if (!jc_encode_add_atom_to_buffer(state, entry.key) || !state->write1(state, 0, ':') || !jc_encode_add_atom_to_buffer(state, entry.object))
+            return false;
+    }
+    return state->write1(state, -1, '}');
+}
+
+bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
+{
+    size_t slot = cacheSlot(object);
+    auto& cached = state->cache[slot];
+    if (cached.object == object && cached.offset + cached.length <= state->atIndex) {
+        if (state->atIndex + cached.length + 256 > state->stringBuffer.length
+            && !state->stringBuffer.resize(state->atIndex + cached.length + 1024)) {
+            jc_encode_error(state, "Unable to resize temporary buffer.");
+            return false;
+        }
+        memcpy(state->stringBuffer.bytes + state->atIndex, state->stringBuffer.bytes + cached.offset, cached.length);
+        state->atIndex += cached.length;
+        return true;
+    }
+    size_t startingIndex = state->atIndex;
+    bool ok;
+    const ClassInfo* info = object->classInfo();
+    if (info == &String::s_info)
+        ok = encodeString(state, *static_cast<String*>(object));
+    else if (info == &Number::s_info)
+        ok = encodeNumber(state, *static_cast<Number*>(object));
+    else if (info == &JCDictionary::s_info || info == &JCArray::s_info || is<Dictionary>(object) || is<Array>(object)) {
+        // Bounded, so that a hostile tree cannot exhaust the stack.
+        if (++state->nesting > maximumDepth) {
+            jc_encode_error(state, "Nesting is deeper than %zu levels.", maximumDepth);
+            return false;
+        }
+        if (is<Dictionary>(object))
+            ok = encodeDictionary(state, *static_cast<Dictionary*>(object));
+        else
+            ok = encodeArray(state, *static_cast<Array*>(object));
+        --state->nesting;
+    } else if (info == &Null::s_info || is<Null>(object))
+        ok = jc_encode_write(state, "null", 4);
+    else if (is<String>(object))
+        ok = encodeString(state, *static_cast<String*>(object));
+    else if (is<Number>(object))
+        ok = encodeNumber(state, *static_cast<Number*>(object));
+    else {
+        jc_encode_error(state, "Unable to serialize object class %@.", object->className());
+        return false;
+    }
+    if (!ok)
+        return false;
+    if (state->atIndex > state->stringBuffer.length) {
+        jc_encode_error(state, "Internal inconsistency error: atIndex > buffer length. %@ line #%ld", sourcePath, static_cast<long>(__LINE__));
+        return false;
+    }
+    jc_encode_updateCache(state, slot, startingIndex, object);
+    return true;
+}
+
+} // namespace
+
+} // namespace detail
+
+RefPtr<Object> jc_encode(Object* object, JCSerializeOptionFlags options, int encodeAs, RefPtr<Error>* error)
+{
+    VXParameterAssert(object != NULL);
+    using namespace detail;
+    if (error)
+        *error = nullptr;
+    // Strings are UTF-8 already, so no conversion buffer is needed.
+    JCEncodeState encodeState;
+    auto* state = &encodeState;
+    uint8_t stackBuffer[4096];
+    state->serializeOptionFlags = options;
+    state->write1 = (options & JCSerializeOptionPretty) ? jc_encode_write1slow : jc_encode_write1fast;
+    state->stringBuffer.roundSizeUpToMultipleOf = 32768;
+    state->stringBuffer.setToStackBuffer(stackBuffer, sizeof(stackBuffer));
+
+    RefPtr<Object> result;
+    if (jc_encode_add_atom_to_buffer(state, object)) {
+        size_t length = state->atIndex;
+        bool onHeap = state->stringBuffer.flags & JCManagedBuffer::JCManagedBufferOnHeap;
+        if (encodeAs == JCEncodeAsData) {
+            if (onHeap) {
+                uint8_t* bytes = state->stringBuffer.take();
+                void* shrunk = realloc(bytes, length ? length : 1);
+                result = Data::adoptMallocedBytes(shrunk ? shrunk : bytes, length);
+            } else
+                result = Data::create(state->stringBuffer.bytes, length);
+        } else if (encodeAs == JCEncodeAsString)
+            result = String::create(reinterpret_cast<const char*>(state->stringBuffer.bytes), length);
+        else
+            jc_encode_error(state, "Unknown encode as type.");
+    }
+    if (error)
+        *error = state->error;
+    state->stringBuffer.release();
+    return state->error ? nullptr : result;
+}
+
+} // namespace velvox

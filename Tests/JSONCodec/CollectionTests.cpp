@@ -1,0 +1,196 @@
+#include <JSONCodec/JSONCodec.h>
+#include <Platform/Platform.h>
+
+#include <gtest/gtest.h>
+
+using namespace velvox;
+
+namespace velvox::detail {
+
+// The tests' way to the creation functions, which are otherwise the decoder's alone.
+struct JCCollectionsTestAccess {
+    static Ref<Dictionary> dictionary(std::vector<std::pair<std::string, int>> entries, bool mutableCollection)
+    {
+        std::vector<Object*> keys, objects;
+        std::vector<size_t> hashes;
+        for (auto& [key, value] : entries) {
+            keys.push_back(String::create(key).leakRef());
+            hashes.push_back(keys.back()->hash());
+            objects.push_back(Number::withInteger(value).leakRef());
+        }
+        return adoptRef(*JCDictionaryFactory::JCDictionaryCreate(keys.data(), hashes.data(), objects.data(), keys.size(), mutableCollection));
+    }
+};
+
+} // namespace velvox::detail
+
+namespace {
+
+std::string reasonOf(const std::function<void()>& action, std::string_view name)
+{
+    try {
+        action();
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.name(), name);
+        return exception.reason();
+    }
+    return "(nothing raised)";
+}
+
+RefPtr<Object> decodeMutable(std::string_view text)
+{
+    return JSONDecoder::decoder()->mutableObjectWithUTF8String(text);
+}
+
+} // namespace
+
+TEST(JCDictionary, CapacityTable)
+{
+    static const struct {
+        size_t count, capacity;
+    } cases[] = { { 0, 0 }, { 1, 3 }, { 2, 3 }, { 3, 3 }, { 4, 7 }, { 5, 7 }, { 10, 13 }, { 100, 191 }, { 1000, 1723 } };
+    for (auto& c : cases)
+        EXPECT_EQ(JCDictionaryCapacityForCount(c.count), c.capacity) << c.count;
+}
+
+TEST(JCDictionary, EmptyObjectAndFirstInsertion)
+{
+    auto empty = JSONDecoder::decoder()->objectWithUTF8String(std::string_view("{}"));
+    auto* dictionary = downcast<JCDictionary>(empty.get());
+    EXPECT_EQ(dictionary->capacity(), 0u);
+    EXPECT_EQ(dictionary->objectForKey("x"), nullptr);
+    auto changeable = decodeMutable("{}");
+    auto* mutableDictionary = downcast<JCMutableDictionary>(changeable.get());
+    mutableDictionary->setObject(String::create("v"), "k");
+    EXPECT_EQ(mutableDictionary->capacity(), 3u);
+    EXPECT_EQ(mutableDictionary->objectForKey<String>("k")->view(), "v");
+}
+
+TEST(JCDictionary, AFullTableStillFindsEveryKey)
+{
+    auto full = detail::JCCollectionsTestAccess::dictionary({ { "a", 1 }, { "b", 2 }, { "c", 3 } }, false);
+    auto* dictionary = downcast<JCDictionary>(full.ptr());
+    EXPECT_EQ(dictionary->capacity(), 3u);
+    EXPECT_EQ(dictionary->count(), 3u);
+    const std::pair<const char*, int> expected[] = { { "a", 1 }, { "b", 2 }, { "c", 3 } };
+    for (auto [key, value] : expected)
+        EXPECT_EQ(dictionary->objectForKey<Number>(key)->integerValue(), value);
+    EXPECT_EQ(dictionary->objectForKey("d"), nullptr);
+}
+
+TEST(JCDictionary, DuplicateKeysKeepTheLastValue)
+{
+    auto result = JSONDecoder::decoder()->objectWithUTF8String(std::string_view(R"({"a":1,"b":2,"a":3})"));
+    auto* dictionary = downcast<Dictionary>(result.get());
+    EXPECT_EQ(dictionary->count(), 2u);
+    EXPECT_EQ(dictionary->objectForKey<Number>("a")->integerValue(), 3);
+}
+
+TEST(JCMutableDictionary, SetReplaceRemoveAndGrow)
+{
+    auto result = decodeMutable(R"({"a":1})");
+    auto* dictionary = downcast<JCMutableDictionary>(result.get());
+    dictionary->setObject(Number::withInteger(9), "a");
+    EXPECT_EQ(dictionary->count(), 1u);
+    EXPECT_EQ(dictionary->objectForKey<Number>("a")->integerValue(), 9);
+    for (int i = 0; i < 100; ++i)
+        dictionary->setObject(Number::withInteger(i), String::format("key%d", i).ptr());
+    EXPECT_EQ(dictionary->count(), 101u);
+    EXPECT_EQ(dictionary->capacity(), JCDictionaryCapacityForCount(101));
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(dictionary->objectForKey<Number>(format("key%d", i))->integerValue(), i);
+    dictionary->removeObjectForKey("a");
+    EXPECT_EQ(dictionary->count(), 100u);
+    EXPECT_EQ(dictionary->objectForKey("a"), nullptr);
+    EXPECT_EQ(dictionary->keyEnumerator()->allObjects()->count(), 100u);
+    EXPECT_EQ(reasonOf([&] { dictionary->setObject(nullptr, "k"); }, InvalidArgumentException),
+        "*** -[JCMutableDictionary setObject:forKey:]: attempt to insert nil value (key: k)");
+    EXPECT_EQ(reasonOf([&] { dictionary->setObject(Number::withInteger(1), static_cast<Object*>(nullptr)); }, InvalidArgumentException),
+        "*** -[JCMutableDictionary setObject:forKey:]: attempt to insert nil key");
+}
+
+TEST(JCMutableDictionary, RemovalLeavesAHoleInTheProbeRun)
+{
+    // Two keys that land in the same bucket of a 3-entry table share a probe run;
+    // removing the first hides the second from lookups, as the table is meant to.
+    auto result = decodeMutable("{}");
+    auto* dictionary = downcast<JCMutableDictionary>(result.get());
+    std::vector<Ref<String>> sameBucket;
+    for (int i = 0; sameBucket.size() < 2; ++i) {
+        auto key = String::format("k%d", i);
+        if (key->hash() % 3 == 0)
+            sameBucket.push_back(key);
+    }
+    dictionary->setObject(Number::withInteger(1), sameBucket[0].ptr());
+    dictionary->setObject(Number::withInteger(2), sameBucket[1].ptr());
+    ASSERT_EQ(dictionary->capacity(), 3u);
+    dictionary->removeObjectForKey(sameBucket[0].ptr());
+    EXPECT_EQ(dictionary->count(), 1u);
+    EXPECT_EQ(dictionary->objectForKey(sameBucket[1].ptr()), nullptr);
+    EXPECT_EQ(dictionary->keyEnumerator()->allObjects()->count(), 1u);
+}
+
+TEST(JCMutableArray, InsertRemoveReplaceAndBounds)
+{
+    auto result = decodeMutable("[1,2,3]");
+    auto* array = downcast<JCMutableArray>(result.get());
+    array->insertObject(String::create("end"), 3); // at count: appends
+    EXPECT_EQ(downcast<String>(array->lastObject())->view(), "end");
+    EXPECT_EQ(reasonOf([&] { array->insertObject(String::create("x"), 5); }, RangeException),
+        "*** -[JCMutableArray insertObject:atIndex:]: index (5) beyond bounds (5)");
+    EXPECT_EQ(reasonOf([&] { array->insertObject(nullptr, 0); }, InvalidArgumentException),
+        "*** -[JCMutableArray insertObject:atIndex:]: attempt to insert nil");
+    EXPECT_EQ(reasonOf([&] { array->objectAtIndex(4); }, RangeException), "*** -[JCMutableArray objectAtIndex:]: index (4) beyond bounds (4)");
+    EXPECT_EQ(reasonOf([&] { array->replaceObjectAtIndex(0, nullptr); }, InvalidArgumentException),
+        "*** -[JCMutableArray replaceObjectAtIndex:withObject:]: attempt to insert nil");
+    array->removeObjectAtIndex(0);
+    array->replaceObjectAtIndex(0, String::create("two"));
+    EXPECT_EQ(array->componentsJoinedByString(" ")->view(), "two 3 end");
+    for (int i = 0; i < 40; ++i)
+        array->addObject(Number::withInteger(i)); // grows past the capacity in steps
+    EXPECT_EQ(array->count(), 43u);
+    Object* buffer[2];
+    EXPECT_EQ(reasonOf([&] { array->getObjects(buffer, 42, 2); }, RangeException),
+        "*** -[JCMutableArray getObjects:range:]: index (44) beyond bounds (43)");
+    auto immutable = JSONDecoder::decoder()->objectWithUTF8String(std::string_view("[1]"));
+    EXPECT_EQ(reasonOf([&] { downcast<Array>(immutable.get())->objectAtIndex(1); }, RangeException),
+        "*** -[JCArray objectAtIndex:]: index (1) beyond bounds (1)");
+}
+
+TEST(JCCollections, CopyRules)
+{
+    auto decoder = JSONDecoder::decoder();
+    auto array = decoder->objectWithUTF8String(std::string_view("[1,2]"));
+    auto* jcArray = downcast<Array>(array.get());
+    EXPECT_EQ(jcArray->copy().ptr(), jcArray);
+    auto arrayMutableCopy = jcArray->mutableCopy();
+    EXPECT_FALSE(is<JCMutableArray>(arrayMutableCopy));
+    EXPECT_TRUE(arrayMutableCopy->isEqual(jcArray));
+
+    auto dictionary = decoder->objectWithUTF8String(std::string_view(R"({"a":1})"));
+    auto* jcDictionary = downcast<Dictionary>(dictionary.get());
+    EXPECT_EQ(jcDictionary->copy().ptr(), jcDictionary);
+    EXPECT_FALSE(is<JCMutableDictionary>(jcDictionary->mutableCopy()));
+
+    auto mutableArray = decoder->mutableObjectWithUTF8String(std::string_view("[1]"));
+    auto frozen = downcast<Array>(mutableArray.get())->copy();
+    EXPECT_FALSE(is<MutableArray>(frozen));
+    EXPECT_FALSE(is<JCArray>(frozen));
+    EXPECT_EQ(downcast<Array>(decoder->mutableObjectWithUTF8String(std::string_view("[]")).get())->copy()->count(), 0u);
+    auto mutableDictionary = decoder->mutableObjectWithUTF8String(std::string_view(R"({"a":1})"));
+    auto frozenDictionary = downcast<Dictionary>(mutableDictionary.get())->copy();
+    EXPECT_FALSE(is<MutableDictionary>(frozenDictionary));
+    EXPECT_TRUE(frozenDictionary->isEqual(mutableDictionary.get()));
+}
+
+TEST(JCCollections, MutatingDuringWalkRaises)
+{
+    auto result = decodeMutable("[1,2,3]");
+    auto* array = downcast<MutableArray>(result.get());
+    EXPECT_THROW(
+        {
+            for (auto* element : *array)
+                array->addObject(element);
+        },
+        Exception);
+}

@@ -1,0 +1,311 @@
+#include <JSONCodec/JSONCodec.h>
+#include <Platform/Platform.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using namespace velvox;
+
+namespace {
+
+struct Failure {
+    std::string message;
+    uint64_t line { 0 };
+    uint64_t index { 0 };
+};
+
+Failure decodeFailure(std::string_view text, JCParseOptionFlags options = JCParseOptionStrict)
+{
+    RefPtr<Error> error;
+    auto decoder = JSONDecoder::decoderWithParseOptions(options);
+    auto result = decoder->objectWithUTF8String(text, &error);
+    EXPECT_FALSE(result) << text;
+    if (!error)
+        return { "(no error)" };
+    EXPECT_EQ(error->domain()->view(), JCErrorDomain);
+    EXPECT_EQ(error->code(), -1);
+    auto* info = error->userInfo();
+    return { error->localizedDescription()->str(), info->objectForKey<Number>(JCLineNumberKey)->unsignedLongLongValue(),
+        info->objectForKey<Number>(JCAtIndexKey)->unsignedLongLongValue() };
+}
+
+RefPtr<Object> decode(std::string_view text, JCParseOptionFlags options = JCParseOptionStrict)
+{
+    RefPtr<Error> error;
+    auto result = JSONDecoder::decoderWithParseOptions(options)->objectWithUTF8String(text, &error);
+    EXPECT_TRUE(result) << text << ": " << (error ? error->localizedDescription()->str() : "");
+    return result;
+}
+
+Object* first(const RefPtr<Object>& array)
+{
+    return downcast<Array>(array.get())->objectAtIndex(0);
+}
+
+} // namespace
+
+TEST(JSONDecoder, ErrorMessages)
+{
+    static const struct {
+        std::string_view input;
+        std::string_view message;
+    } cases[] = {
+        { "1", "Expected either '[' or '{'." },
+        { "\"text\"", "Expected either '[' or '{'." },
+        { "true", "Expected either '[' or '{'." },
+        { "", "Reached the end of the buffer." },
+        { "   \n ", "Reached the end of the buffer." },
+        { "[1] x", "A valid JSON object was parsed but there were additional non-white-space characters remaining." },
+        { "[1] // c", "A valid JSON object was parsed but there were additional non-white-space characters remaining." },
+        { "[01]", "Unexpected value." },
+        { "[1 2]", "Unexpected value." },
+        { "[1:]", "Expected a comma or a ']', not ':'" },
+        { "[:]", "Expected a value or a ']', not ':'" },
+        { "[1,:]", "Expected a value, not ':'" },
+        { "[1 x]", "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'." },
+        { "[tru]", "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'." },
+        { "[1,]", "Unexpected ']'." },
+        { "[,1]", "Unexpected ','." },
+        { "{\"a\" 1}", "Expected ':'." },
+        { "{\"a\":1 \"b\":2}", "Unexpected string." },
+        { "{,}", "Unexpected ','." },
+        { "{\"a\":1,}", "Unexpected '}'." },
+        { "{1:2}", "Expected a \"STRING\" or a '}', not '1'" },
+        { "{\"a\":1 :}", "Expected a comma or a '}', not ':'" },
+        { "{\"a\":}", "Expected a value, not '}'" },
+        { "{\"a\":1]", "Expected a comma or a '}', not ']'" },
+        { "[1}", "Expected a comma or a ']', not '}'" },
+        { "[18446744073709551616]", "The value '18446744073709551616' exceeded the maximum value that could be represented: 18446744073709551615." },
+        { "[-9223372036854775809]", "The value '-9223372036854775809' exceeded the minimum value that could be represented: -9223372036854775808." },
+        { "[1e400]", "The value '1e400' could not be represented as a 'double' due to overflow." },
+        { "[1e-400]", "The value '1e-400' could not be represented as a 'double' due to underflow." },
+        { "[-]", "Invalid number." },
+        { "[1.]", "Invalid number." },
+        { "[1e+]", "Invalid number." },
+        { "[\"\\u0000\"]", "Illegal \\u Unicode escape sequence." },
+        { "[\"\\ud800\"]", "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence." },
+        { "[\"\\ud800\\u0041\"]", "Illegal \\u Unicode escape sequence." },
+        { "[\"\\udc00\"]", "Illegal \\u Unicode escape sequence." },
+        { "[\"\\ufffe\"]", "Illegal \\u Unicode escape sequence." },
+        { "[\"\\ufdd0\"]", "Illegal \\u Unicode escape sequence." },
+        { "[\"\\u12G4\"]", "Unexpected character found in \\u Unicode escape sequence.  Found 'G', expected [0-9a-fA-F]." },
+        { "[\"\\x\"]", "Invalid escape sequence found in \"\" string." },
+        { "[\"a\x1f\"]", "Invalid character < 0x20 found in string: 0x1f." },
+        { "[\"abc", "Invalid string." },
+        { "[\"\xc3\x28\"]", "Illegal UTF8 sequence found in \"\" string." },
+        { "[\"\xe2\x82", "End of buffer reached while parsing UTF8 in \"\" string." },
+        { "[\"\xc0\xaf\"]", "Illegal UTF8 sequence found in \"\" string." },
+        { "[\"\xed\xa0\x80\"]", "Illegal UTF8 sequence found in \"\" string." },
+        { "/* c */ []", "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'." },
+        { "[[", "Internal error: Object == NULL" },
+    };
+    for (auto& c : cases)
+        EXPECT_EQ(decodeFailure(c.input).message, c.message) << "input: " << c.input;
+}
+
+TEST(JSONDecoder, ErrorsCarryLineAndIndex)
+{
+    auto failure = decodeFailure("[\n1,\r\n2,\r3,\n x]");
+    EXPECT_EQ(failure.line, 5u); // CR LF counts once
+    EXPECT_EQ(failure.index, 13u);
+    EXPECT_EQ(decodeFailure("[1,\n\n  ]").line, 3u);
+    // U+2028 counts as a newline only when asked.
+    EXPECT_EQ(decodeFailure("[1,\xe2\x80\xa8 x]", JCParseOptionUnicodeNewlines).line, 2u);
+    EXPECT_EQ(decodeFailure("[\"a\",\xc2\x85 x]", JCParseOptionUnicodeNewlines).line, 2u);
+}
+
+TEST(JSONDecoder, ParseOptions)
+{
+    EXPECT_TRUE(decode("[1] // c", JCParseOptionComments));
+    EXPECT_TRUE(decode("/* a\nb */ [1, // one\n 2 /* two */]", JCParseOptionComments));
+    EXPECT_EQ(decodeFailure("[1, /* \n */ x]", JCParseOptionComments).line, 2u);
+    EXPECT_TRUE(decode("[1] x", JCParseOptionPermitTextAfterValidJSON));
+    EXPECT_TRUE(decode("[1]   \n\t ")); // trailing white space is fine anyway
+    EXPECT_EQ(decodeFailure("[1,\xe2\x80\xa8 2]").message,
+        "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'.");
+    EXPECT_TRUE(decode("[1,\xe2\x80\xa8 2]", JCParseOptionUnicodeNewlines));
+    try {
+        JSONDecoder::decoderWithParseOptions(16);
+        FAIL();
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.name(), InvalidArgumentException);
+        EXPECT_EQ(exception.reason(), "Invalid parse options.");
+    }
+}
+
+TEST(JSONDecoder, LooseUnicodeReplacesWithFFFD)
+{
+    static const struct {
+        std::string_view input;
+        std::string_view text;
+    } cases[] = {
+        { "[\"\\u0000\"]", "\xef\xbf\xbd" },
+        { "[\"a\\ud800b\"]", "a\xef\xbf\xbd" "b" },
+        { "[\"\\ud800\\u0041\"]", "\xef\xbf\xbd" "A" },
+        { "[\"\xc3\x28\"]", "\xef\xbf\xbd(" },
+        { "[\"\\udc00\"]", "\xef\xbf\xbd" },
+    };
+    for (auto& c : cases) {
+        auto result = decode(c.input, JCParseOptionLooseUnicode);
+        ASSERT_TRUE(result) << c.input;
+        EXPECT_EQ(downcast<String>(first(result))->view(), c.text) << c.input;
+    }
+}
+
+TEST(JSONDecoder, StringsAndEscapes)
+{
+    auto result = decode(R"(["a\"b\\c\/d\b\f\n\r\t", "\u00e9\u20AC", "\ud83d\ude00", "plain", "", "caf\u00e9 \u00e9t\u00e9"])");
+    auto* array = downcast<Array>(result.get());
+    EXPECT_EQ(downcast<String>(array->objectAtIndex(0))->view(), "a\"b\\c/d\b\f\n\r\t");
+    EXPECT_EQ(downcast<String>(array->objectAtIndex(1))->view(), "\xc3\xa9\xe2\x82\xac");
+    EXPECT_EQ(downcast<String>(array->objectAtIndex(2))->view(), "\xf0\x9f\x98\x80");
+    EXPECT_EQ(downcast<String>(array->objectAtIndex(3))->view(), "plain");
+    EXPECT_EQ(array->objectAtIndex(4), &String::empty());
+    // Raw UTF-8 passes through unchanged, noncharacters included.
+    auto raw = decode("[\"\xf0\x9f\x8e\xb5 \xef\xbf\xbe\"]");
+    EXPECT_EQ(downcast<String>(first(raw))->view(), "\xf0\x9f\x8e\xb5 \xef\xbf\xbe");
+    // A long string with an escape far in needs the heap buffer.
+    std::string longText(10000, 'x');
+    auto longResult = decode("[\"" + longText + "\\n\"]");
+    EXPECT_EQ(downcast<String>(first(longResult))->length(), 10001u);
+}
+
+TEST(JSONDecoder, NumbersKeepTheirKinds)
+{
+    auto result = decode("[0, -0, 1.5, -12, 18446744073709551615, 9223372036854775807, 9223372036854775808, -9223372036854775808, 1e2, 0.1, 2.5E-3, true, false, null]");
+    auto* array = downcast<Array>(result.get());
+    auto number = [&](size_t i) { return downcast<Number>(array->objectAtIndex(i)); };
+    EXPECT_EQ(number(0)->objCType(), 'q');
+    EXPECT_EQ(number(1)->objCType(), 'd');
+    EXPECT_TRUE(std::signbit(number(1)->doubleValue()));
+    EXPECT_EQ(number(2)->doubleValue(), 1.5);
+    EXPECT_EQ(number(3)->integerValue(), -12);
+    EXPECT_EQ(number(4)->objCType(), 'Q');
+    EXPECT_EQ(number(4)->unsignedLongLongValue(), UINT64_MAX);
+    EXPECT_EQ(number(5)->objCType(), 'q'); // unsigned text that fits a signed number
+    EXPECT_EQ(number(6)->objCType(), 'Q');
+    EXPECT_EQ(number(7)->integerValue(), INT64_MIN);
+    EXPECT_EQ(number(8)->objCType(), 'd');
+    EXPECT_EQ(number(9)->doubleValue(), 0.1);
+    EXPECT_EQ(number(10)->doubleValue(), 2.5e-3);
+    EXPECT_EQ(array->objectAtIndex(11), &Number::trueValue());
+    EXPECT_EQ(array->objectAtIndex(12), &Number::falseValue());
+    EXPECT_EQ(array->objectAtIndex(13), &Null::null());
+    // Subnormal values are still ERANGE for the platform's conversion, which calls them an overflow.
+    EXPECT_EQ(decodeFailure("[4.9e-320]").message, "The value '4.9e-320' could not be represented as a 'double' due to overflow.");
+    EXPECT_EQ(downcast<Number>(first(decode("[0.0]")))->doubleValue(), 0.0);
+    EXPECT_EQ(downcast<Number>(first(decode("[1.7976931348623157e308]")))->doubleValue(), 1.7976931348623157e308);
+}
+
+TEST(JSONDecoder, CacheGivesOneObjectPerDistinctValue)
+{
+    std::string text = "[";
+    for (int i = 0; i < 1000; ++i)
+        text += (i ? "," : "") + std::string(R"({"title":"Night Drive","plays":1200,"ratio":0.5})");
+    text += "]";
+    auto decoder = JSONDecoder::decoder();
+    auto result = decoder->objectWithUTF8String(text);
+    ASSERT_TRUE(result);
+    auto* array = downcast<Array>(result.get());
+    ASSERT_EQ(array->count(), 1000u);
+    auto keyOf = [&](size_t i, std::string_view name) -> Object* {
+        auto* dictionary = downcast<Dictionary>(array->objectAtIndex(i));
+        for (auto& entry : *dictionary) {
+            if (downcast<String>(entry.key)->view() == name)
+                return entry.key;
+        }
+        return nullptr;
+    };
+    auto* dictionary0 = downcast<Dictionary>(array->objectAtIndex(0));
+    auto* dictionary999 = downcast<Dictionary>(array->objectAtIndex(999));
+    EXPECT_EQ(keyOf(0, "title"), keyOf(999, "title"));
+    EXPECT_EQ(dictionary0->objectForKey("title"), dictionary999->objectForKey("title"));
+    EXPECT_EQ(dictionary0->objectForKey("plays"), dictionary999->objectForKey("plays"));
+    EXPECT_EQ(dictionary0->objectForKey("ratio"), dictionary999->objectForKey("ratio"));
+    EXPECT_EQ(decoder->cachedObjectCount(), 6u);
+    // The cache survives between parses of one decoder, until cleared.
+    auto again = decoder->objectWithUTF8String(std::string_view(R"(["Night Drive"])"));
+    EXPECT_EQ(first(again), dictionary0->objectForKey("title"));
+    decoder->clearCache();
+    EXPECT_EQ(decoder->cachedObjectCount(), 0u);
+    auto fresh = decoder->objectWithUTF8String(std::string_view(R"(["Night Drive"])"));
+    EXPECT_NE(first(fresh), dictionary0->objectForKey("title"));
+    EXPECT_TRUE(first(fresh)->isEqual(dictionary0->objectForKey("title")));
+}
+
+TEST(JSONDecoder, CacheEvictionKeepsValuesRight)
+{
+    // Far more distinct values than buckets: every value must still come back right.
+    std::string text = "[";
+    for (int i = 0; i < 5000; ++i)
+        text += (i ? "," : "") + format("\"v%d\",%d,%d.5", i % 3000, i % 2500, i % 1700);
+    text += "]";
+    auto decoder = JSONDecoder::decoder();
+    for (int round = 0; round < 2; ++round) {
+        auto result = decoder->objectWithUTF8String(text);
+        auto* array = downcast<Array>(result.get());
+        ASSERT_EQ(array->count(), 15000u);
+        for (int i = 0; i < 5000; ++i) {
+            ASSERT_EQ(downcast<String>(array->objectAtIndex(3 * i))->str(), format("v%d", i % 3000));
+            ASSERT_EQ(downcast<Number>(array->objectAtIndex(3 * i + 1))->integerValue(), i % 2500);
+            ASSERT_EQ(downcast<Number>(array->objectAtIndex(3 * i + 2))->doubleValue(), i % 1700 + 0.5);
+        }
+    }
+    EXPECT_LE(decoder->cachedObjectCount(), 1024u);
+}
+
+TEST(JSONDecoder, MutableResultsAreMutableThroughout)
+{
+    auto decoder = JSONDecoder::decoder();
+    auto result = decoder->mutableObjectWithUTF8String(std::string_view(R"({"a":[1,{"b":[]}]})"));
+    auto* root = dynamicDowncast<MutableDictionary>(result.get());
+    ASSERT_TRUE(root);
+    auto* array = dynamicDowncast<MutableArray>(root->objectForKey("a"));
+    ASSERT_TRUE(array);
+    EXPECT_TRUE(is<MutableDictionary>(array->objectAtIndex(1)));
+    EXPECT_TRUE(is<MutableArray>(downcast<Dictionary>(array->objectAtIndex(1))->objectForKey("b")));
+    auto immutable = decoder->objectWithUTF8String(std::string_view(R"({"a":[1]})"));
+    EXPECT_FALSE(is<MutableDictionary>(immutable));
+    EXPECT_FALSE(is<MutableArray>(downcast<Dictionary>(immutable.get())->objectForKey("a")));
+}
+
+TEST(JSONDecoder, NullInputsAndReleasedState)
+{
+    auto decoder = JSONDecoder::decoder();
+    try {
+        decoder->objectWithUTF8String(nullptr, 0);
+        FAIL();
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.reason(), "The string argument is NULL.");
+    }
+    try {
+        decoder->objectWithData(nullptr);
+        FAIL();
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.reason(), "The jsonData argument is NULL.");
+    }
+    decoder->releaseParseState();
+    try {
+        decoder->objectWithUTF8String(std::string_view("[]"));
+        FAIL();
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.name(), InternalInconsistencyException);
+        EXPECT_EQ(exception.reason(), "parseState is NULL.");
+    }
+}
+
+TEST(JSONDecoder, DeepNestingIsAllowedButBounded)
+{
+    std::string deep = std::string(1000, '[') + std::string(1000, ']');
+    EXPECT_TRUE(decode(deep));
+    std::string tooDeep = std::string(100000, '[') + std::string(100000, ']');
+    EXPECT_EQ(decodeFailure(tooDeep).message, "Nesting is deeper than 4096 levels.");
+    // Wide nesting grows the object stack onto the heap and back.
+    std::string wide = "[";
+    for (int i = 0; i < 5000; ++i)
+        wide += (i ? ",[" : "[") + std::to_string(i) + ",{\"k\":[1,2,3]}]";
+    wide += "]";
+    auto result = decode(wide);
+    EXPECT_EQ(downcast<Array>(result.get())->count(), 5000u);
+}
