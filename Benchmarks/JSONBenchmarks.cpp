@@ -1,0 +1,431 @@
+// The JSON codec against its peers, in one run: decode to a full tree, decode
+// and walk every node, encode compact text. Each benchmark also reports the
+// heap allocations of one decode.
+
+#include "AllocationCounter.h"
+
+#include <JSONCodec/JSONCodec.h>
+#include <Platform/Platform.h>
+
+#include <benchmark/benchmark.h>
+#include <cJSON.h>
+#include <nlohmann/json.hpp>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+#include <simdjson.h>
+#include <yajl/yajl_tree.h>
+
+#include <fstream>
+#include <sstream>
+
+using namespace velvox;
+
+namespace {
+
+struct Sample {
+    std::string name;
+    std::string text;
+    simdjson::padded_string padded;
+};
+
+std::vector<std::unique_ptr<Sample>>& samples()
+{
+    static std::vector<std::unique_ptr<Sample>> list;
+    return list;
+}
+
+void loadSamples()
+{
+    for (auto name : { "twitter", "citm_catalog", "canada", "api_page", "api_large" }) {
+        std::ifstream file(std::string(VELVOX_SHARED_DATA) + "/json/" + name + ".json", std::ios::binary);
+        std::stringstream contents;
+        contents << file.rdbuf();
+        auto sample = std::make_unique<Sample>();
+        sample->name = name;
+        sample->text = contents.str();
+        sample->padded = simdjson::padded_string(sample->text);
+        if (sample->text.empty()) {
+            fprintf(stderr, "cannot read %s.json\n", name);
+            exit(1);
+        }
+        samples().push_back(std::move(sample));
+    }
+}
+
+// Allocations made by one call of the action.
+template<typename Action>
+double allocationsOf(Action&& action)
+{
+    uint64_t before = bench::allocationCount();
+    action();
+    return static_cast<double>(bench::allocationCount() - before);
+}
+
+void finish(benchmark::State& state, const Sample& sample, double allocations)
+{
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(sample.text.size()));
+    state.counters["allocs"] = allocations;
+}
+
+// MARK: Walkers: visit every node, count them and touch every string.
+
+struct WalkResult {
+    size_t nodes { 0 };
+    size_t bytes { 0 };
+};
+
+void walkVelvox(const Object* object, WalkResult& result)
+{
+    ++result.nodes;
+    const ClassInfo* info = object->classInfo();
+    if (info == &JCArray::s_info) {
+        auto* array = static_cast<const JCArray*>(object);
+        size_t count = array->count();
+        Object* const* elements = array->objects();
+        for (size_t i = 0; i < count; ++i)
+            walkVelvox(elements[i], result);
+    } else if (auto* dictionary = dynamicDowncast<Dictionary>(object)) {
+        for (auto& entry : *dictionary) {
+            walkVelvox(entry.key, result);
+            walkVelvox(entry.object, result);
+        }
+    } else if (auto* array = dynamicDowncast<Array>(object)) {
+        for (auto* element : *array)
+            walkVelvox(element, result);
+    } else if (info == &String::s_info)
+        result.bytes += static_cast<const String*>(object)->length();
+    else if (auto* number = dynamicDowncast<Number>(object))
+        result.bytes += static_cast<size_t>(number->doubleValue()) & 1;
+}
+
+void walkRapid(const rapidjson::Value& value, WalkResult& result)
+{
+    ++result.nodes;
+    if (value.IsArray()) {
+        for (auto& element : value.GetArray())
+            walkRapid(element, result);
+    } else if (value.IsObject()) {
+        for (auto& member : value.GetObject()) {
+            ++result.nodes;
+            result.bytes += member.name.GetStringLength();
+            walkRapid(member.value, result);
+        }
+    } else if (value.IsString())
+        result.bytes += value.GetStringLength();
+    else if (value.IsNumber())
+        result.bytes += static_cast<size_t>(value.GetDouble()) & 1;
+}
+
+void walkSimd(simdjson::dom::element element, WalkResult& result)
+{
+    ++result.nodes;
+    switch (element.type()) {
+    case simdjson::dom::element_type::ARRAY:
+        for (auto child : simdjson::dom::array(element))
+            walkSimd(child, result);
+        break;
+    case simdjson::dom::element_type::OBJECT:
+        for (auto field : simdjson::dom::object(element)) {
+            ++result.nodes;
+            result.bytes += field.key.size();
+            walkSimd(field.value, result);
+        }
+        break;
+    case simdjson::dom::element_type::STRING:
+        result.bytes += std::string_view(element).size();
+        break;
+    case simdjson::dom::element_type::DOUBLE:
+    case simdjson::dom::element_type::INT64:
+    case simdjson::dom::element_type::UINT64:
+        result.bytes += static_cast<size_t>(double(element)) & 1;
+        break;
+    default:
+        break;
+    }
+}
+
+void walkNlohmann(const nlohmann::json& value, WalkResult& result)
+{
+    ++result.nodes;
+    if (value.is_array()) {
+        for (auto& element : value)
+            walkNlohmann(element, result);
+    } else if (value.is_object()) {
+        for (auto& [key, member] : value.items()) {
+            ++result.nodes;
+            result.bytes += key.size();
+            walkNlohmann(member, result);
+        }
+    } else if (value.is_string())
+        result.bytes += value.get_ref<const std::string&>().size();
+    else if (value.is_number())
+        result.bytes += static_cast<size_t>(value.get<double>()) & 1;
+}
+
+void walkCJSON(const cJSON* item, WalkResult& result)
+{
+    ++result.nodes;
+    if (item->string) {
+        ++result.nodes;
+        result.bytes += strlen(item->string);
+    }
+    if (cJSON_IsArray(item) || cJSON_IsObject(item)) {
+        for (auto* child = item->child; child; child = child->next)
+            walkCJSON(child, result);
+    } else if (cJSON_IsString(item))
+        result.bytes += strlen(item->valuestring);
+    else if (cJSON_IsNumber(item))
+        result.bytes += static_cast<size_t>(item->valuedouble) & 1;
+}
+
+void walkYajl(yajl_val value, WalkResult& result)
+{
+    ++result.nodes;
+    if (YAJL_IS_ARRAY(value)) {
+        for (size_t i = 0; i < value->u.array.len; ++i)
+            walkYajl(value->u.array.values[i], result);
+    } else if (YAJL_IS_OBJECT(value)) {
+        for (size_t i = 0; i < value->u.object.len; ++i) {
+            ++result.nodes;
+            result.bytes += strlen(value->u.object.keys[i]);
+            walkYajl(value->u.object.values[i], result);
+        }
+    } else if (YAJL_IS_STRING(value))
+        result.bytes += strlen(value->u.string);
+    else if (YAJL_IS_NUMBER(value))
+        result.bytes += static_cast<size_t>(YAJL_GET_DOUBLE(value)) & 1;
+}
+
+// MARK: Decoders. Each answers through `walk` whether to walk the tree.
+
+void velvoxDecode(benchmark::State& state, const Sample* sample, bool walk)
+{
+    // One decoder for the whole run, as a client keeps one for its feed.
+    auto decoder = JSONDecoder::decoder();
+    auto once = [&] {
+        auto result = decoder->objectWithUTF8String(sample->text);
+        if (!result)
+            state.SkipWithError("decode failed");
+        if (walk) {
+            WalkResult counts;
+            walkVelvox(result.get(), counts);
+            benchmark::DoNotOptimize(counts);
+        }
+        benchmark::DoNotOptimize(result.get());
+    };
+    double cold = allocationsOf([&] {
+        auto fresh = JSONDecoder::decoder();
+        auto result = fresh->objectWithUTF8String(sample->text);
+    });
+    double warm = allocationsOf(once);
+    for (auto _ : state)
+        once();
+    finish(state, *sample, warm);
+    state.counters["allocs_fresh_decoder"] = cold;
+}
+
+void rapidDecode(benchmark::State& state, const Sample* sample, bool walk)
+{
+    auto once = [&] {
+        rapidjson::Document document;
+        document.Parse(sample->text.data(), sample->text.size());
+        if (document.HasParseError())
+            state.SkipWithError("decode failed");
+        if (walk) {
+            WalkResult counts;
+            walkRapid(document, counts);
+            benchmark::DoNotOptimize(counts);
+        }
+    };
+    double allocations = allocationsOf(once);
+    for (auto _ : state)
+        once();
+    finish(state, *sample, allocations);
+}
+
+void simdDecode(benchmark::State& state, const Sample* sample, bool walk)
+{
+    simdjson::dom::parser parser;
+    auto once = [&] {
+        simdjson::dom::element root;
+        if (parser.parse(sample->padded).get(root))
+            state.SkipWithError("decode failed");
+        if (walk) {
+            WalkResult counts;
+            walkSimd(root, counts);
+            benchmark::DoNotOptimize(counts);
+        }
+    };
+    once();
+    double allocations = allocationsOf(once);
+    for (auto _ : state)
+        once();
+    finish(state, *sample, allocations);
+}
+
+void nlohmannDecode(benchmark::State& state, const Sample* sample, bool walk)
+{
+    auto once = [&] {
+        auto document = nlohmann::json::parse(sample->text);
+        if (walk) {
+            WalkResult counts;
+            walkNlohmann(document, counts);
+            benchmark::DoNotOptimize(counts);
+        }
+        benchmark::DoNotOptimize(document);
+    };
+    double allocations = allocationsOf(once);
+    for (auto _ : state)
+        once();
+    finish(state, *sample, allocations);
+}
+
+void cjsonDecode(benchmark::State& state, const Sample* sample, bool walk)
+{
+    auto once = [&] {
+        cJSON* document = cJSON_ParseWithLength(sample->text.data(), sample->text.size());
+        if (!document)
+            state.SkipWithError("decode failed");
+        else if (walk) {
+            WalkResult counts;
+            walkCJSON(document, counts);
+            benchmark::DoNotOptimize(counts);
+        }
+        cJSON_Delete(document);
+    };
+    double allocations = allocationsOf(once);
+    for (auto _ : state)
+        once();
+    finish(state, *sample, allocations);
+}
+
+void yajlDecode(benchmark::State& state, const Sample* sample, bool walk)
+{
+    auto once = [&] {
+        char message[256];
+        yajl_val document = yajl_tree_parse(sample->text.c_str(), message, sizeof(message));
+        if (!document)
+            state.SkipWithError("decode failed");
+        else if (walk) {
+            WalkResult counts;
+            walkYajl(document, counts);
+            benchmark::DoNotOptimize(counts);
+        }
+        yajl_tree_free(document);
+    };
+    double allocations = allocationsOf(once);
+    for (auto _ : state)
+        once();
+    finish(state, *sample, allocations);
+}
+
+// MARK: Encoders
+
+void velvoxEncode(benchmark::State& state, const Sample* sample)
+{
+    auto tree = JSONDecoder::decoder()->objectWithUTF8String(sample->text);
+    size_t bytes = 0;
+    for (auto _ : state) {
+        auto data = jc_encode(tree.get(), JCSerializeOptionNone, JCEncodeAsData, nullptr);
+        bytes = downcast<Data>(data.get())->length();
+        benchmark::DoNotOptimize(data.get());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+
+void rapidEncode(benchmark::State& state, const Sample* sample)
+{
+    rapidjson::Document document;
+    document.Parse(sample->text.data(), sample->text.size());
+    size_t bytes = 0;
+    for (auto _ : state) {
+        rapidjson::StringBuffer buffer;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        document.Accept(writer);
+        bytes = buffer.GetSize();
+        benchmark::DoNotOptimize(buffer.GetString());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+
+void simdEncode(benchmark::State& state, const Sample* sample)
+{
+    simdjson::dom::parser parser;
+    simdjson::dom::element root = parser.parse(sample->padded);
+    size_t bytes = 0;
+    for (auto _ : state) {
+        std::string text = simdjson::to_string(root);
+        bytes = text.size();
+        benchmark::DoNotOptimize(text.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+
+void nlohmannEncode(benchmark::State& state, const Sample* sample)
+{
+    auto document = nlohmann::json::parse(sample->text);
+    size_t bytes = 0;
+    for (auto _ : state) {
+        std::string text = document.dump();
+        bytes = text.size();
+        benchmark::DoNotOptimize(text.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+
+void cjsonEncode(benchmark::State& state, const Sample* sample)
+{
+    cJSON* document = cJSON_ParseWithLength(sample->text.data(), sample->text.size());
+    size_t bytes = 0;
+    for (auto _ : state) {
+        char* text = cJSON_PrintUnformatted(document);
+        bytes = strlen(text);
+        benchmark::DoNotOptimize(text);
+        cJSON_free(text);
+    }
+    cJSON_Delete(document);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    loadSamples();
+    using Decoder = void (*)(benchmark::State&, const Sample*, bool);
+    const std::pair<const char*, Decoder> decoders[] = {
+        { "VelvoxKit", velvoxDecode },
+        { "RapidJSON", rapidDecode },
+        { "simdjson", simdDecode },
+        { "nlohmann", nlohmannDecode },
+        { "cJSON", cjsonDecode },
+        { "yajl", yajlDecode },
+    };
+    using Encoder = void (*)(benchmark::State&, const Sample*);
+    const std::pair<const char*, Encoder> encoders[] = {
+        { "VelvoxKit", velvoxEncode },
+        { "RapidJSON", rapidEncode },
+        { "simdjson", simdEncode },
+        { "nlohmann", nlohmannEncode },
+        { "cJSON", cjsonEncode },
+    };
+    for (auto& sample : samples()) {
+        for (auto [name, decode] : decoders) {
+            benchmark::RegisterBenchmark((std::string("Decode/") + name + "/" + sample->name).c_str(), decode, sample.get(), false)
+                ->Unit(benchmark::kMicrosecond);
+        }
+        for (auto [name, decode] : decoders) {
+            benchmark::RegisterBenchmark((std::string("DecodeWalk/") + name + "/" + sample->name).c_str(), decode, sample.get(), true)
+                ->Unit(benchmark::kMicrosecond);
+        }
+        for (auto [name, encode] : encoders) {
+            benchmark::RegisterBenchmark((std::string("Encode/") + name + "/" + sample->name).c_str(), encode, sample.get())
+                ->Unit(benchmark::kMicrosecond);
+        }
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

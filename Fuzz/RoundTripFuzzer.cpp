@@ -1,0 +1,34 @@
+// Decode, encode, decode again: the trees must be equal and the second
+// encoding must repeat the first byte for byte. The first byte picks the parse
+// options and the encoding style.
+
+#include <JSONCodec/JSONCodec.h>
+#include <Platform/Platform.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+using namespace velvox;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (!size)
+        return 0;
+    JCParseOptionFlags parseOptions = data[0] & JCParseOptionValidFlags;
+    JCSerializeOptionFlags serializeOptions = (data[0] >> 4) & 3;
+    auto first = JSONDecoder::decoderWithParseOptions(parseOptions)->objectWithUTF8String(reinterpret_cast<const char*>(data + 1), size - 1);
+    if (!first)
+        return 0;
+    RefPtr<Error> error;
+    auto text = jc_encode(first.get(), serializeOptions, JCEncodeAsData, &error);
+    if (!text)
+        abort(); // every decoded tree can be encoded
+    auto* bytes = downcast<Data>(text.get());
+    auto second = JSONDecoder::decoder()->objectWithData(bytes, &error);
+    if (!second || !second->isEqual(first.get()))
+        abort();
+    auto again = jc_encode(second.get(), serializeOptions, JCEncodeAsData, &error);
+    if (!again || !again->isEqual(text.get()))
+        abort();
+    return 0;
+}
