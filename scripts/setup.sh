@@ -15,7 +15,7 @@ while [ $# -gt 0 ]; do
     --build-dir) build_dir=$2; shift 2 ;;
     --sanitize) cmake_args+=(-DVELVOX_SANITIZE=ON); shift ;;
     --benchmarks)
-      cmake_args+=(-DVELVOX_BUILD_BENCHMARKS=ON -DCMAKE_BUILD_TYPE=Release)
+      cmake_args+=(-DVELVOX_BUILD_BENCHMARKS=ON -DCMAKE_BUILD_TYPE=Release -DVELVOX_BUILD_TESTS=OFF)
       packages+=(libbenchmark-dev rapidjson-dev libsimdjson-dev nlohmann-json3-dev libcjson-dev libyajl-dev)
       shift ;;
     --fuzzers)

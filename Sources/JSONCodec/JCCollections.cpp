@@ -60,7 +60,8 @@ void JCArrayStorage::releaseAll()
 {
     for (size_t i = 0; i < count; ++i)
         objects[i]->deref();
-    free(objects);
+    if (!inlineStorage)
+        free(objects);
     objects = nullptr;
     count = capacity = 0;
 }
@@ -68,6 +69,13 @@ void JCArrayStorage::releaseAll()
 JCArray::~JCArray()
 {
     m_storage.releaseAll();
+}
+
+void JCArray::operator delete(JCArray* array, std::destroying_delete_t)
+{
+    size_t size = sizeof(JCArray) + array->m_storage.capacity * sizeof(Object*);
+    array->~JCArray();
+    detail::deallocateSmall(array, size);
 }
 
 JCMutableArray::~JCMutableArray()
@@ -123,31 +131,58 @@ void JCMutableArray::replaceObjectAtIndex(size_t index, Object* object)
 
 Array* detail::JCArrayFactory::JCArrayCreate(Object** objects, size_t count, bool mutableCollection)
 {
-    Object** storage = nullptr;
-    if (count) {
-        storage = static_cast<Object**>(malloc(count * sizeof(Object*)));
-        if (!storage)
-            return nullptr;
-        memcpy(storage, objects, count * sizeof(Object*));
-    }
     if (mutableCollection) {
+        Object** storage = nullptr;
+        if (count) {
+            storage = static_cast<Object**>(malloc(count * sizeof(Object*)));
+            if (!storage)
+                return nullptr;
+            memcpy(storage, objects, count * sizeof(Object*));
+        }
         auto* array = new JCMutableArray;
-        array->m_storage = { storage, count, count, 0 };
+        array->m_storage = { storage, count, count, 0, false };
         return array;
     }
-    auto* array = new JCArray;
-    array->m_storage = { storage, count, count, 0 };
+    // One block for the object and its elements.
+    void* memory = allocateSmall(sizeof(JCArray) + count * sizeof(Object*));
+    auto* array = ::new (memory) JCArray;
+    auto* storage = reinterpret_cast<Object**>(static_cast<char*>(memory) + sizeof(JCArray));
+    if (count)
+        memcpy(storage, objects, count * sizeof(Object*));
+    array->m_storage = { storage, count, count, 0, true };
     return array;
 }
 
 // MARK: Dictionaries
 
-size_t JCDictionaryCapacityForCount(size_t count)
+size_t JCDictionaryCapacityIndexForCount(size_t count)
 {
     size_t target = static_cast<size_t>(static_cast<double>(count) * 1.33);
+    auto* begin = std::begin(jc_dictionaryCapacities);
     auto* end = std::end(jc_dictionaryCapacities);
-    auto* found = std::lower_bound(std::begin(jc_dictionaryCapacities), end, target);
-    return found == end ? end[-1] : *found;
+    auto* found = std::lower_bound(begin, end, target);
+    return (found == end ? end - 1 : found) - begin;
+}
+
+size_t JCDictionaryCapacityForCount(size_t count)
+{
+    return jc_dictionaryCapacities[JCDictionaryCapacityIndexForCount(count)];
+}
+
+size_t JCDictionaryStorage::bucketForHash(size_t hash) const
+{
+    // Dividing by a constant is a multiplication; by a variable, a slow division.
+    switch (capacityIndex) {
+#define JC_BUCKET_CASE(index) \
+    case index:               \
+        return hash % jc_dictionaryCapacities[index];
+        JC_BUCKET_CASE(1) JC_BUCKET_CASE(2) JC_BUCKET_CASE(3) JC_BUCKET_CASE(4) JC_BUCKET_CASE(5) JC_BUCKET_CASE(6) JC_BUCKET_CASE(7)
+        JC_BUCKET_CASE(8) JC_BUCKET_CASE(9) JC_BUCKET_CASE(10) JC_BUCKET_CASE(11) JC_BUCKET_CASE(12) JC_BUCKET_CASE(13)
+        JC_BUCKET_CASE(14) JC_BUCKET_CASE(15) JC_BUCKET_CASE(16)
+#undef JC_BUCKET_CASE
+    default:
+        return hash % capacity;
+    }
 }
 
 JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
@@ -155,7 +190,7 @@ JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
     if (!key || !capacity)
         return nullptr;
     size_t hash = key->hash();
-    size_t start = hash % capacity;
+    size_t start = bucketForHash(hash);
     for (size_t i = 0; i < capacity; ++i) {
         auto& candidate = entry[(start + i) % capacity];
         if (!candidate.key)
@@ -169,7 +204,7 @@ JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
 void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object)
 {
     if (capacity) {
-        size_t start = keyHash % capacity;
+        size_t start = bucketForHash(keyHash);
         for (size_t i = 0; i < capacity; ++i) {
             auto& candidate = entry[(start + i) % capacity];
             if (candidate.key && candidate.keyHash == keyHash && (candidate.key == key || candidate.key->isEqual(key)))
@@ -195,20 +230,24 @@ void JCDictionaryStorage::removeEntry(JCHashTableEntry& removed)
     object->deref();
 }
 
-void JCDictionaryStorage::resizeIfNeccessary(size_t newCapacity)
+void JCDictionaryStorage::resizeIfNeccessary(size_t newCapacityIndex)
 {
+    size_t newCapacity = jc_dictionaryCapacities[newCapacityIndex];
     auto* table = static_cast<JCHashTableEntry*>(calloc(newCapacity ? newCapacity : 1, sizeof(JCHashTableEntry)));
     if (!table)
         Exception::raise(MallocException, "Unable to allocate memory for hash table.");
     JCHashTableEntry* old = std::exchange(entry, table);
     size_t oldCapacity = std::exchange(capacity, newCapacity);
+    capacityIndex = static_cast<uint8_t>(newCapacityIndex);
+    bool oldInline = std::exchange(inlineStorage, false);
     size_t oldCount = std::exchange(count, 0);
     for (size_t i = 0; i < oldCapacity; ++i) {
         if (old[i].key)
             addObject(old[i].keyHash, old[i].key, old[i].object);
     }
     VXParameterAssert(oldCount == count);
-    free(old);
+    if (!oldInline)
+        free(old);
 }
 
 bool JCDictionaryStorage::nextEntry(size_t& state, Dictionary::Entry& out) const
@@ -247,7 +286,8 @@ void JCDictionaryStorage::releaseAll()
             entry[i].object->deref();
         }
     }
-    free(entry);
+    if (!inlineStorage)
+        free(entry);
     entry = nullptr;
     count = capacity = 0;
 }
@@ -255,6 +295,13 @@ void JCDictionaryStorage::releaseAll()
 JCDictionary::~JCDictionary()
 {
     m_storage.releaseAll();
+}
+
+void JCDictionary::operator delete(JCDictionary* dictionary, std::destroying_delete_t)
+{
+    size_t size = sizeof(JCDictionary) + dictionary->m_storage.capacity * sizeof(JCHashTableEntry);
+    dictionary->~JCDictionary();
+    detail::deallocateSmall(dictionary, size);
 }
 
 JCMutableDictionary::~JCMutableDictionary()
@@ -290,9 +337,9 @@ void JCMutableDictionary::setObject(Object* object, Object* key)
         Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil key", className(), "setObject:forKey:");
     if (!object)
         Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil value (key: %@)", className(), "setObject:forKey:", key);
-    size_t needed = JCDictionaryCapacityForCount(m_storage.count + 1);
-    if (m_storage.capacity < needed)
-        m_storage.resizeIfNeccessary(needed);
+    size_t neededIndex = JCDictionaryCapacityIndexForCount(m_storage.count + 1);
+    if (m_storage.capacity < jc_dictionaryCapacities[neededIndex])
+        m_storage.resizeIfNeccessary(neededIndex);
     Ref<Object> keyCopy = key->copyObject();
     size_t keyHash = keyCopy->hash();
     object->ref();
@@ -310,23 +357,31 @@ void JCMutableDictionary::removeObjectForKey(const Object* key)
 
 Dictionary* detail::JCDictionaryFactory::JCDictionaryCreate(Object** keys, size_t* keyHashes, Object** objects, size_t count, bool mutableCollection)
 {
-    size_t capacity = JCDictionaryCapacityForCount(count);
-    auto* table = static_cast<JCHashTableEntry*>(calloc(capacity ? capacity : 1, sizeof(JCHashTableEntry)));
-    if (!table)
-        return nullptr;
-    auto fill = [&](JCDictionaryStorage& storage) {
+    size_t capacityIndex = JCDictionaryCapacityIndexForCount(count);
+    size_t capacity = jc_dictionaryCapacities[capacityIndex];
+    auto fill = [&](JCDictionaryStorage& storage, JCHashTableEntry* table, bool inlineStorage) {
         storage.entry = table;
         storage.capacity = capacity;
+        storage.capacityIndex = static_cast<uint8_t>(capacityIndex);
+        storage.inlineStorage = inlineStorage;
         for (size_t i = 0; i < count; ++i)
             storage.addObject(keyHashes[i], keys[i], objects[i]);
     };
     if (mutableCollection) {
+        auto* table = static_cast<JCHashTableEntry*>(calloc(capacity ? capacity : 1, sizeof(JCHashTableEntry)));
+        if (!table)
+            return nullptr;
         auto* dictionary = new JCMutableDictionary;
-        fill(dictionary->m_storage);
+        fill(dictionary->m_storage, table, false);
         return dictionary;
     }
-    auto* dictionary = new JCDictionary;
-    fill(dictionary->m_storage);
+    // One block for the object and its table.
+    size_t tableSize = capacity * sizeof(JCHashTableEntry);
+    void* memory = allocateSmall(sizeof(JCDictionary) + tableSize);
+    auto* dictionary = ::new (memory) JCDictionary;
+    auto* table = reinterpret_cast<JCHashTableEntry*>(static_cast<char*>(memory) + sizeof(JCDictionary));
+    memset(table, 0, tableSize);
+    fill(dictionary->m_storage, table, true);
     return dictionary;
 }
 

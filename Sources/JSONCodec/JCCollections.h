@@ -12,6 +12,7 @@
 #include <Platform/Collections.h>
 
 #include <cstdint>
+#include <new>
 
 namespace velvox {
 
@@ -26,6 +27,8 @@ struct JCArrayStorage {
     size_t count { 0 };
     size_t capacity { 0 };
     uint64_t mutations { 0 };
+    // Immutable arrays keep their elements in the same block as the object.
+    bool inlineStorage { false };
 
     Object* objectAtIndex(const Object& owner, size_t index) const;
     void getObjects(const Object& owner, Object** buffer, size_t location, size_t length) const;
@@ -40,6 +43,8 @@ public:
     void getObjects(Object** buffer, size_t location, size_t length) const override { m_storage.getObjects(*this, buffer, location, length); }
     // The elements, for callers that walk many.
     Object* const* objects() const { return m_storage.objects; }
+
+    static void operator delete(JCArray*, std::destroying_delete_t);
 
 private:
     friend class detail::JCArrayFactory;
@@ -78,12 +83,17 @@ struct JCDictionaryStorage {
     size_t count { 0 };
     size_t capacity { 0 };
     uint64_t mutations { 0 };
+    // The capacity's place in the capacity table, for a division by a constant.
+    uint8_t capacityIndex { 0 };
+    // Immutable dictionaries keep their table in the same block as the object.
+    bool inlineStorage { false };
 
+    size_t bucketForHash(size_t hash) const;
     JCHashTableEntry* entryForKey(const Object* key) const;
     // Takes over both references; releases them when there is no room.
     void addObject(size_t keyHash, Object* key, Object* object);
     void removeEntry(JCHashTableEntry&);
-    void resizeIfNeccessary(size_t newCapacity);
+    void resizeIfNeccessary(size_t newCapacityIndex);
     bool nextEntry(size_t& state, Dictionary::Entry& entry) const;
     size_t getKeysAndObjects(size_t arrayLength, Object** keys, Object** objects) const;
     void releaseAll();
@@ -92,6 +102,8 @@ struct JCDictionaryStorage {
 // The table size for a number of keys: the first entry of the capacity table
 // that is at least count × 1.33.
 size_t JCDictionaryCapacityForCount(size_t count);
+// That entry's place in the table.
+size_t JCDictionaryCapacityIndexForCount(size_t count);
 
 class JCDictionary final : public Dictionary {
     VX_OBJECT(JCDictionary)
@@ -103,6 +115,8 @@ public:
     Ref<Enumerator> keyEnumerator() const override;
     size_t getObjects(size_t arrayLength, Object** objects, Object** keys) const { return m_storage.getKeysAndObjects(arrayLength, keys, objects); }
     size_t capacity() const { return m_storage.capacity; }
+
+    static void operator delete(JCDictionary*, std::destroying_delete_t);
 
 private:
     friend class detail::JCDictionaryFactory;

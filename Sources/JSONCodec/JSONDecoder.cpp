@@ -15,6 +15,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fast_float/fast_float.h>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace velvox {
 
@@ -66,6 +69,48 @@ constexpr size_t JCCacheBuckets = 1024;
 const char unexpectedTokenMessage[]
     = "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'.";
 
+// The string hash folds each byte in as hash × 33 + byte. Eight bytes at a time
+// it is hash × 33⁸ + Σ byteᵢ × 33⁷⁻ⁱ, whose products do not wait on each other;
+// wrapping arithmetic makes both forms give the same value.
+inline uint64_t hashRun(uint64_t hash, const uint8_t* p, const uint8_t* end)
+{
+    constexpr uint64_t k1 = 33, k2 = k1 * 33, k3 = k2 * 33, k4 = k3 * 33, k5 = k4 * 33, k6 = k5 * 33, k7 = k6 * 33, k8 = k7 * 33;
+    while (end - p >= 8) {
+        hash = hash * k8 + p[0] * k7 + p[1] * k6 + p[2] * k5 + p[3] * k4 + p[4] * k3 + p[5] * k2 + p[6] * k1 + p[7];
+        p += 8;
+    }
+    while (p < end)
+        hash = hash * 33 + *p++;
+    return hash;
+}
+
+// Skips bytes that a string holds as they are: ASCII from 0x20 on, but the
+// quote mark and the backslash.
+inline const uint8_t* skipPlainASCII(const uint8_t* at, const uint8_t* end)
+{
+#ifdef __SSE2__
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i backslash = _mm_set1_epi8('\\');
+    const __m128i space = _mm_set1_epi8(0x20);
+    while (end - at >= 16) {
+        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+        // A signed compare puts the bytes from 0x80 on below 0x20 too.
+        __m128i special = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash)), _mm_cmplt_epi8(chunk, space));
+        int mask = _mm_movemask_epi8(special);
+        if (mask)
+            return at + __builtin_ctz(static_cast<unsigned>(mask));
+        at += 16;
+    }
+#endif
+    while (at < end) {
+        uint8_t c = *at;
+        if (c < 0x20 || c >= 0x80 || c == '"' || c == '\\')
+            break;
+        ++at;
+    }
+    return at;
+}
+
 } // namespace
 
 struct JCConstPtrRange {
@@ -78,7 +123,10 @@ struct JCTokenCacheItem {
     uint64_t hash { 0 };
     size_t keyHash { 0 };
     size_t size { 0 };
-    uint8_t* bytes { nullptr }; // owned
+    // The value's bytes: a string's own bytes (alive while the cache holds
+    // the string), or a number's eight bytes in `numberBytes`. No copy is made.
+    const uint8_t* bytes { nullptr };
+    uint8_t numberBytes[8] {};
     uint8_t type { JCValueTypeNone };
 };
 
@@ -150,7 +198,6 @@ struct JCParseState {
             auto& item = cache.items[i];
             if (item.object)
                 item.object->deref();
-            free(item.bytes);
             item = JCTokenCacheItem {};
             cache.age[i] = 0;
         }
@@ -325,6 +372,29 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
 {
     const uint8_t* bytes = state->stringBytes;
     size_t length = state->stringLength;
+    size_t at = state->atIndex;
+    // The common cases inline: blanks, tabs and LF.
+    while (at < length) {
+        uint8_t c = bytes[at];
+        if (c == ' ' || c == '\t') {
+            ++at;
+            continue;
+        }
+        if (c == '\n') {
+            ++at;
+            ++state->lineNumber;
+            state->lineStartIndex = at;
+            continue;
+        }
+        if (c == '\r' || c == '/' || c >= 0xC2)
+            break;
+        state->atIndex = at;
+        return;
+    }
+    state->atIndex = at;
+    if (at >= length)
+        return;
+
     bool comments = state->parseOptionFlags & JCParseOptionComments;
     while (state->atIndex < length) {
         uint8_t c = bytes[state->atIndex];
@@ -380,12 +450,9 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
 bool JCParser::jc_parse_next_token(JCParseState* state)
 {
     jc_parse_skip_whitespace(state);
-    state->prev_atIndex = state->atIndex;
-    state->prev_lineNumber = state->lineNumber;
-    state->prev_lineStartIndex = state->lineStartIndex;
     auto& token = state->token;
     token.type = JCTokenTypeInvalid;
-    token.value = JCTokenValue {};
+    token.value.cacheItem = nullptr;
     if (state->atIndex >= state->stringLength)
         return false;
     const uint8_t* at = state->stringBytes + state->atIndex;
@@ -484,7 +551,12 @@ bool JCParser::jc_parse_string(JCParseState* state)
     };
 
     // Fast path: no escapes and well-formed UTF-8, so the value is the input itself.
-    while (at < end) {
+    while (true) {
+        const uint8_t* run = at;
+        at = skipPlainASCII(at, end);
+        hash = hashRun(hash, run, at);
+        if (at >= end)
+            return fail(end);
         uint8_t c = *at;
         if (c == '"')
             return finish(at, start + 1, at - start - 1);
@@ -495,20 +567,13 @@ bool JCParser::jc_parse_string(JCParseState* state)
             jc_error(state, "Invalid character < 0x20 found in string: 0x%2.2x.", c);
             return fail(at);
         }
-        if (c < 0x80) {
-            hash = hash * 33 + c;
-            ++at;
-            continue;
-        }
         const uint8_t* next;
         uint32_t codePoint;
         if (ConvertSingleCodePointInUTF8(at, end, &next, &codePoint) != ConversionResult::ok)
             break;
-        for (; at < next; ++at)
-            hash = hash * 33 + *at;
+        hash = hashRun(hash, at, next);
+        at = next;
     }
-    if (at >= end)
-        return fail(end);
 
     // Slow path: decode into the token buffer.
     size_t used = at - (start + 1);
@@ -516,6 +581,17 @@ bool JCParser::jc_parse_string(JCParseState* state)
         goto bufferFailure;
     memcpy(state->tokenBuffer.bytes, start + 1, used);
     while (at < end) {
+        const uint8_t* run = at;
+        at = skipPlainASCII(at, end);
+        if (at > run) {
+            if (!growTokenBuffer(state, used + (at - run) + 4))
+                goto bufferFailure;
+            memcpy(state->tokenBuffer.bytes + used, run, at - run);
+            used += at - run;
+            hash = hashRun(hash, run, at);
+            if (at >= end)
+                break;
+        }
         if (!growTokenBuffer(state, used + 4))
             goto bufferFailure;
         uint8_t* out = state->tokenBuffer.bytes;
@@ -924,16 +1000,18 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
     if (slot) {
         if (slot->object)
             slot->object->deref();
-        slot->object = nullptr;
-        auto* copy = static_cast<uint8_t*>(realloc(slot->bytes, length ? length : 1));
-        if (!copy) {
-            free(slot->bytes);
-            *slot = JCTokenCacheItem {};
-            return object;
-        }
-        memcpy(copy, value.ptrRange.ptr, length);
         object->ref();
-        *slot = { object, hash, 0, length, copy, value.type };
+        slot->object = object;
+        slot->hash = hash;
+        slot->keyHash = 0;
+        slot->size = length;
+        slot->type = value.type;
+        if (value.type == JCValueTypeString)
+            slot->bytes = reinterpret_cast<const uint8_t*>(static_cast<String*>(object)->utf8());
+        else {
+            memcpy(slot->numberBytes, value.ptrRange.ptr, sizeof(slot->numberBytes));
+            slot->bytes = slot->numberBytes;
+        }
         cache.age[slotBucket] = 0;
         value.cacheItem = slot;
     }

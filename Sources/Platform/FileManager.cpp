@@ -124,7 +124,10 @@ bool FileManager::removeItemAtPath(const std::string& path, RefPtr<Error>* error
 bool FileManager::writeFileAtomically(const std::string& path, std::string_view contents)
 {
     std::string folder = stringByDeletingLastPathComponent(path);
-    std::string pattern = stringByAppendingPathComponent(folder.empty() ? "." : folder, "." + lastPathComponent(path) + ".XXXXXX");
+    std::string temporaryName = ".";
+    temporaryName.append(lastPathComponent(path));
+    temporaryName.append(".XXXXXX");
+    std::string pattern = stringByAppendingPathComponent(folder.empty() ? "." : folder, temporaryName);
     int fd = mkostemp(pattern.data(), O_CLOEXEC);
     if (fd < 0)
         return false;

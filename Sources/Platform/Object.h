@@ -5,6 +5,7 @@
 // operations (description, equality, hashing) that collections rely on.
 
 #include "Ref.h"
+#include "SmallAllocator.h"
 
 #include <atomic>
 #include <cstddef>
@@ -69,6 +70,11 @@ public:
 
     // Objects that can be written to a keyed archive answer their coding.
     virtual const Coding* asCoding() const { return nullptr; }
+
+    // Objects live in the small-object lists (see SmallAllocator.h). The
+    // deleting destructor passes the dynamic type's size.
+    static void* operator new(size_t size) { return detail::allocateSmall(size); }
+    static void operator delete(void* pointer, size_t size) { detail::deallocateSmall(pointer, size); }
 
 protected:
     Object() = default;

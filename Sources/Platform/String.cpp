@@ -17,21 +17,29 @@ Ref<String> String::create(std::string_view text)
 {
     if (text.empty())
         return empty();
-    void* memory = ::operator new(sizeof(String) + text.size() + 1);
+    void* memory = detail::allocateSmall(sizeof(String) + text.size() + 1);
     char* chars = static_cast<char*>(memory) + sizeof(String);
     memcpy(chars, text.data(), text.size());
     chars[text.size()] = 0;
-    return adoptRef(*new (memory) String(chars, text.size()));
+    return adoptRef(*::new (memory) String(chars, text.size()));
+}
+
+void String::operator delete(String* string, std::destroying_delete_t)
+{
+    // A string on the stack is never deleted, so every string here owns trailing bytes.
+    size_t size = sizeof(String) + string->m_length + 1;
+    string->~String();
+    detail::deallocateSmall(string, size);
 }
 
 String& String::empty()
 {
     // Never freed: every empty string in the process is this one.
     static String* s_empty = [] {
-        void* memory = ::operator new(sizeof(String) + 1);
+        void* memory = detail::allocateSmall(sizeof(String) + 1);
         char* chars = static_cast<char*>(memory) + sizeof(String);
         chars[0] = 0;
-        return new (memory) String(chars, 0);
+        return ::new (memory) String(chars, 0);
     }();
     return *s_empty;
 }

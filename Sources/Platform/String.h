@@ -8,6 +8,7 @@
 #include "Object.h"
 
 #include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -65,7 +66,8 @@ public:
     // Hash of a byte string, the same as the hash of a String of those bytes.
     static size_t hashBytes(const char* bytes, size_t length);
 
-    static void operator delete(void* pointer) { ::operator delete(pointer); }
+    // A string and its bytes are one block, whose size only the string knows.
+    static void operator delete(String* string, std::destroying_delete_t);
 
 protected:
     // A string over bytes it does not own, for lookups on the stack; see StackString.
