@@ -1,0 +1,49 @@
+#include "VXStringToArrayValueTransformer.h"
+
+#include "VXValueTransformerSupport.h"
+
+namespace velvox {
+
+VX_DEFINE_CLASS(VXStringToArrayValueTransformer, ValueTransformer)
+
+Ref<VXStringToArrayValueTransformer> VXStringToArrayValueTransformer::create()
+{
+    return create(", ");
+}
+
+Ref<VXStringToArrayValueTransformer> VXStringToArrayValueTransformer::create(std::string_view separatorString)
+{
+    return adoptRef(*new VXStringToArrayValueTransformer(String::create(separatorString)));
+}
+
+void VXStringToArrayValueTransformer::registerValueTransformer()
+{
+    detail::registerTransformer<VXStringToArrayValueTransformer>(VXStringToArrayValueTransformerName);
+}
+
+const ClassInfo& VXStringToArrayValueTransformer::transformedValueClass() const
+{
+    return Array::s_info;
+}
+
+RefPtr<Object> VXStringToArrayValueTransformer::transformedValue(Object* value) const
+{
+    if (!value)
+        return nullptr;
+    auto* string = dynamicDowncast<String>(value);
+    if (!string)
+        detail::raiseForValue("Value (%@) does is not of class NSString.", value);
+    if (string->isEmpty())
+        return Array::create();
+    return string->componentsSeparatedByString(m_separatorString->view());
+}
+
+RefPtr<Object> VXStringToArrayValueTransformer::reverseTransformedValue(Object* value) const
+{
+    auto* array = dynamicDowncast<Array>(value);
+    if (!array)
+        detail::raiseForValue("Value (%@) does is not of class NSArray.", value);
+    return array->componentsJoinedByString(m_separatorString->view());
+}
+
+} // namespace velvox

@@ -1,0 +1,54 @@
+#include "ZUPropertyDescriptor.h"
+
+namespace velvox {
+
+VX_DEFINE_CLASS(ZUPropertyDescriptor, Object)
+
+bool detail::answersNumericValue(const Object* object)
+{
+    // The classes that answer intValue, integerValue and doubleValue.
+    return is<Number>(object) || is<String>(object);
+}
+
+ZUPropertyDescriptor::ZUPropertyDescriptor(Ref<String>&& keyPath, Ref<String>&& source, RefPtr<String>&& transformerName)
+    : m_keyPath(std::move(keyPath))
+    , m_source(std::move(source))
+    , m_transformerName(std::move(transformerName))
+{
+}
+
+Ref<ZUPropertyDescriptor> ZUPropertyDescriptor::descriptorForKeyPath(std::string_view keyPath)
+{
+    auto path = String::create(keyPath);
+    return adoptRef(*new ZUPropertyDescriptor(Ref<String>(path), std::move(path), nullptr));
+}
+
+Ref<ZUPropertyDescriptor> ZUPropertyDescriptor::descriptorForKeyPath(std::string_view keyPath, std::string_view source)
+{
+    return adoptRef(*new ZUPropertyDescriptor(String::create(keyPath), String::create(source), nullptr));
+}
+
+Ref<ZUPropertyDescriptor> ZUPropertyDescriptor::descriptorForKeyPath(std::string_view keyPath, std::string_view source, std::string_view transformer)
+{
+    return adoptRef(*new ZUPropertyDescriptor(String::create(keyPath), String::create(source), String::create(transformer)));
+}
+
+RefPtr<ValueTransformer> ZUPropertyDescriptor::transformer() const
+{
+    if (!m_transformerName)
+        return nullptr;
+    return ValueTransformer::valueTransformerForName(m_transformerName->view());
+}
+
+const ZUPropertyAccessor& ZUPropertyDescriptor::accessor() const
+{
+    VXAssert(m_accessor, "The property descriptor for %@ is not bound to a member.", m_keyPath);
+    return *m_accessor;
+}
+
+Ref<String> ZUPropertyDescriptor::description() const
+{
+    return String::format("<%@ 0x%08X keyPath = %@ | source = %@ | transformer = %@>", className(), this, m_keyPath, m_source, m_transformerName);
+}
+
+} // namespace velvox
