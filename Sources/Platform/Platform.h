@@ -2,6 +2,7 @@
 
 // Everything the platform layer offers, in one include.
 
+#include "Block.h"
 #include "Collections.h"
 #include "Exception.h"
 #include "FileManager.h"
@@ -14,4 +15,5 @@
 #include "RunLoop.h"
 #include "String.h"
 #include "ValueTransformer.h"
+#include "URLLoading.h"
 #include "Values.h"

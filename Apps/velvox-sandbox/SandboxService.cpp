@@ -1,0 +1,742 @@
+#include "SandboxService.h"
+
+#include <JSONCodec/JSONCodec.h>
+#include <Platform/Platform.h>
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <ctime>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace velvox::sandbox {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A 1×1 PNG: every avatar, artwork and waveform the sandbox serves.
+const unsigned char pngBytes[] = { 0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52, 0x00, 0x00,
+    0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x08, 0x06, 0x00, 0x00, 0x00, 0x1F, 0x15, 0xC4, 0x89, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x44, 0x41, 0x54,
+    0x78, 0x9C, 0x63, 0x60, 0x60, 0xF8, 0x0F, 0x00, 0x01, 0x04, 0x01, 0x00, 0x5F, 0xE5, 0xC3, 0x4B, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45, 0x4E,
+    0x44, 0xAE, 0x42, 0x60, 0x82 };
+
+std::string lowercase(std::string_view text)
+{
+    std::string out(text);
+    std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return out;
+}
+
+std::string timestampNow()
+{
+    time_t now = time(nullptr);
+    struct tm utc;
+    gmtime_r(&now, &utc);
+    char text[40];
+    strftime(text, sizeof(text), "%Y/%m/%d %H:%M:%S +0000", &utc);
+    return text;
+}
+
+int64_t integerOf(const Dictionary& record, std::string_view key)
+{
+    auto* number = record.objectForKey<Number>(key);
+    return number ? number->integerValue() : 0;
+}
+
+std::string textOf(const Dictionary& record, std::string_view key)
+{
+    auto* string = record.objectForKey<String>(key);
+    return string ? string->str() : std::string();
+}
+
+} // namespace
+
+struct SandboxService::Impl {
+    Options options;
+    httplib::Server server;
+    std::thread thread;
+    int port { 0 };
+    std::atomic<bool> stopping { false };
+
+    mutable std::mutex mutex;
+    std::condition_variable stopped;
+    int64_t me { 0 };
+    std::map<int64_t, Ref<MutableDictionary>> users;
+    std::map<int64_t, Ref<MutableDictionary>> tracks;
+    std::vector<Ref<MutableDictionary>> comments;
+    std::set<std::pair<int64_t, int64_t>> follows;   // (follower, followed)
+    std::set<std::pair<int64_t, int64_t>> favorites; // (user, track)
+    std::vector<Ref<Dictionary>> activities;
+    std::map<int64_t, Clock::time_point> uploads;
+    int64_t nextTrackIdentifier { 90000 };
+    int64_t nextCommentIdentifier { 900000 };
+    std::vector<Fault> faults;
+    std::map<std::string, int> requestCounts;
+    int totalRequests { 0 };
+
+    bool loadCatalogue(std::string* error);
+    void installRoutes();
+
+    // Records (under the lock).
+    Ref<Dictionary> shortUser(int64_t identifier) const;
+    Ref<Dictionary> fullUser(int64_t identifier) const;
+    Ref<Dictionary> fullTrack(int64_t identifier) const;
+    Ref<Dictionary> commentRecord(const Dictionary& comment) const;
+    Ref<Dictionary> activityRecord(const Dictionary& activity) const;
+
+    // Answers.
+    void sendJSON(httplib::Response&, Object* value, int status = 200) const;
+    void sendError(httplib::Response&, int status, std::string_view message) const;
+    template<typename Items>
+    void sendPage(const httplib::Request&, httplib::Response&, const Items& items) const;
+    bool authorized(const httplib::Request&) const;
+    // Applies a fault, if one matches; answers whether the request is answered by it.
+    bool applyFault(const httplib::Request&, httplib::Response&);
+};
+
+SandboxService::SandboxService(Options options)
+    : m_impl(std::make_unique<Impl>())
+{
+    m_impl->options = std::move(options);
+}
+
+SandboxService::~SandboxService()
+{
+    stop();
+}
+
+bool SandboxService::Impl::loadCatalogue(std::string* error)
+{
+    std::string path = options.cataloguePath;
+    if (path.empty())
+        path = Bundle::mainBundle().pathForResource("sandbox/catalogue", "json").value_or("");
+    auto data = Data::createWithContentsOfFile(path);
+    if (!data) {
+        if (error)
+            *error = "cannot read the catalogue " + (path.empty() ? std::string("Resources/sandbox/catalogue.json") : path);
+        return false;
+    }
+    RefPtr<Error> parseError;
+    auto catalogue = mutableObjectFromJSONDataWithParseOptions(*data, JCParseOptionStrict, &parseError);
+    auto* root = dynamicDowncast<Dictionary>(catalogue.get());
+    if (!root) {
+        if (error)
+            *error = "the catalogue is not a JSON object: " + (parseError ? parseError->localizedDescription()->str() : std::string());
+        return false;
+    }
+    me = integerOf(*root, "me");
+    for (auto* user : *root->objectForKey<Array>("users"))
+        users.emplace(integerOf(*downcast<Dictionary>(user), "id"), *downcast<MutableDictionary>(user));
+    for (auto* track : *root->objectForKey<Array>("tracks"))
+        tracks.emplace(integerOf(*downcast<Dictionary>(track), "id"), *downcast<MutableDictionary>(track));
+    for (auto* comment : *root->objectForKey<Array>("comments"))
+        comments.emplace_back(*downcast<MutableDictionary>(comment));
+    for (auto* pair : *root->objectForKey<Array>("follows")) {
+        auto* entry = downcast<Array>(pair);
+        follows.emplace(downcast<Number>(entry->objectAtIndex(0))->integerValue(), downcast<Number>(entry->objectAtIndex(1))->integerValue());
+    }
+    for (auto* pair : *root->objectForKey<Array>("favorites")) {
+        auto* entry = downcast<Array>(pair);
+        favorites.emplace(downcast<Number>(entry->objectAtIndex(0))->integerValue(), downcast<Number>(entry->objectAtIndex(1))->integerValue());
+    }
+    for (auto* activity : *root->objectForKey<Array>("activities"))
+        activities.emplace_back(*downcast<Dictionary>(activity));
+    return true;
+}
+
+// MARK: Records
+
+Ref<Dictionary> SandboxService::Impl::shortUser(int64_t identifier) const
+{
+    auto record = MutableDictionary::create();
+    auto it = users.find(identifier);
+    if (it == users.end())
+        return record->copy();
+    for (auto key : { "id", "kind", "username", "permalink", "uri", "permalink_url", "avatar_url" }) {
+        if (auto* value = it->second->objectForKey(key))
+            record->setObject(value, key);
+    }
+    return record->copy();
+}
+
+Ref<Dictionary> SandboxService::Impl::fullUser(int64_t identifier) const
+{
+    auto record = users.at(identifier)->mutableCopy();
+    int64_t followers = 0, followings = 0, trackCount = 0, favoriteCount = 0;
+    for (auto& [follower, followed] : follows) {
+        followers += followed == identifier;
+        followings += follower == identifier;
+    }
+    for (auto& [trackIdentifier, track] : tracks)
+        trackCount += integerOf(*track, "user_id") == identifier;
+    for (auto& [user, track] : favorites)
+        favoriteCount += user == identifier;
+    record->setObject(Number::withInteger(followers), "followers_count");
+    record->setObject(Number::withInteger(followings), "followings_count");
+    record->setObject(Number::withInteger(trackCount), "track_count");
+    record->setObject(Number::withInteger(favoriteCount), "public_favorites_count");
+    return record->copy();
+}
+
+Ref<Dictionary> SandboxService::Impl::fullTrack(int64_t identifier) const
+{
+    auto record = tracks.at(identifier)->mutableCopy();
+    if (auto upload = uploads.find(identifier); upload != uploads.end()) {
+        double age = std::chrono::duration<double>(Clock::now() - upload->second).count();
+        record->setObject(String::create(age >= options.processingSeconds ? "finished" : "storing"), "state");
+    }
+    int64_t favoriters = 0, commentCount = 0;
+    for (auto& [user, track] : favorites)
+        favoriters += track == identifier;
+    for (auto& comment : comments)
+        commentCount += integerOf(*comment, "track_id") == identifier;
+    record->setObject(Number::withInteger(favoriters), "favoritings_count");
+    record->setObject(Number::withInteger(commentCount), "comment_count");
+    record->setObject(Number::withBool(favorites.count({ me, identifier })), "user_favorite");
+    record->setObject(shortUser(integerOf(*record, "user_id")), "user");
+    return record->copy();
+}
+
+Ref<Dictionary> SandboxService::Impl::commentRecord(const Dictionary& comment) const
+{
+    auto record = comment.mutableCopy();
+    record->setObject(shortUser(integerOf(comment, "user_id")), "user");
+    return record->copy();
+}
+
+Ref<Dictionary> SandboxService::Impl::activityRecord(const Dictionary& activity) const
+{
+    auto record = MutableDictionary::create();
+    for (auto key : { "type", "created_at", "tags" })
+        record->setObject(activity.objectForKey(key), key);
+    std::string type = textOf(activity, "type");
+    int64_t trackIdentifier = integerOf(activity, "track_id");
+    auto* note = activity.objectForKey("sharing_note");
+    if (type == "track")
+        record->setObject(fullTrack(trackIdentifier), "origin");
+    else if (type == "track-sharing") {
+        auto origin = MutableDictionary::create();
+        origin->setObject(fullTrack(trackIdentifier), "track");
+        origin->setObject(note, "sharing_note");
+        record->setObject(origin, "origin");
+    } else {
+        // Playlists: a small record of their own.
+        auto playlist = MutableDictionary::create();
+        playlist->setObject(Number::withInteger(70000 + trackIdentifier), "id");
+        playlist->setObject(String::create("playlist"), "kind");
+        playlist->setObject(String::create("Sandbox playlist"), "title");
+        playlist->setObject(Array::create({ fullTrack(trackIdentifier).ptr() }), "tracks");
+        if (type == "playlist-sharing") {
+            auto origin = MutableDictionary::create();
+            origin->setObject(playlist, "playlist");
+            origin->setObject(note, "sharing_note");
+            record->setObject(origin, "origin");
+        } else
+            record->setObject(playlist, "origin");
+    }
+    return record->copy();
+}
+
+// MARK: Answers
+
+void SandboxService::Impl::sendJSON(httplib::Response& response, Object* value, int status) const
+{
+    auto text = jc_encode(value, JCSerializeOptionNone, JCEncodeAsString, nullptr);
+    std::string body = text ? downcast<String>(text.get())->str() : std::string("null");
+    // URLs of the catalogue point at the sandbox itself.
+    const std::string base = "http://127.0.0.1:" + std::to_string(port);
+    for (size_t at = 0; (at = body.find("{base}", at)) != std::string::npos; at += base.size())
+        body.replace(at, 6, base);
+    response.status = status;
+    response.set_content(body, "application/json; charset=utf-8");
+}
+
+void SandboxService::Impl::sendError(httplib::Response& response, int status, std::string_view message) const
+{
+    auto error = Dictionary::create({ { "error_message", String::create(message).ptr() } });
+    sendJSON(response, Dictionary::create({ { "errors", Array::create({ error.ptr() }).ptr() } }).ptr(), status);
+}
+
+template<typename Items>
+void SandboxService::Impl::sendPage(const httplib::Request& request, httplib::Response& response, const Items& items) const
+{
+    size_t limit = 50, offset = 0;
+    if (request.has_param("limit"))
+        limit = std::clamp<long>(std::atol(request.get_param_value("limit").c_str()), 0, 200);
+    if (request.has_param("offset"))
+        offset = std::max<long>(0, std::atol(request.get_param_value("offset").c_str()));
+    auto page = MutableArray::create();
+    for (size_t i = offset; i < items.size() && i < offset + limit; ++i)
+        page->addObject(items[i].ptr());
+    sendJSON(response, page.ptr());
+}
+
+bool SandboxService::Impl::authorized(const httplib::Request& request) const
+{
+    if (request.get_header_value("Authorization") == "OAuth " + options.token)
+        return true;
+    return request.has_param("oauth_token") && request.get_param_value("oauth_token") == options.token;
+}
+
+bool SandboxService::Impl::applyFault(const httplib::Request& request, httplib::Response& response)
+{
+    Fault fault;
+    {
+        std::lock_guard lock(mutex);
+        auto it = std::find_if(faults.begin(), faults.end(), [&](auto& candidate) { return request.path.starts_with(candidate.pathPrefix); });
+        if (it == faults.end())
+            return false;
+        fault = *it;
+        if (it->count > 0 && --it->count == 0)
+            faults.erase(it);
+    }
+    switch (fault.kind) {
+    case Fault::Kind::Latency: {
+        std::unique_lock lock(mutex);
+        stopped.wait_for(lock, std::chrono::duration<double>(fault.seconds), [&] { return stopping.load(); });
+        return false;
+    }
+    case Fault::Kind::Status:
+        sendError(response, fault.status, std::to_string(fault.status) + " - Sandbox fault");
+        return true;
+    case Fault::Kind::NotJSON:
+        response.status = 200;
+        response.set_content("<html><body>Service temporarily unavailable</body></html>", "text/html");
+        return true;
+    case Fault::Kind::CutOff: {
+        auto body = std::make_shared<std::string>(R"([{"id":1,"title":"a record that never ends","description":"0123456789"}])");
+        response.set_content_provider(body->size(), "application/json", [body](size_t offset, size_t, httplib::DataSink& sink) {
+            if (offset)
+                return false; // the rest never comes
+            sink.write(body->data(), body->size() / 2);
+            return true;
+        });
+        return true;
+    }
+    case Fault::Kind::Drop:
+        response.set_chunked_content_provider("application/json", [](size_t, httplib::DataSink&) { return false; });
+        return true;
+    case Fault::Kind::NoAnswer: {
+        std::unique_lock lock(mutex);
+        stopped.wait(lock, [&] { return stopping.load(); });
+        response.status = 503;
+        return true;
+    }
+    }
+    return false;
+}
+
+// MARK: Routes
+
+void SandboxService::Impl::installRoutes()
+{
+    server.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+        {
+            std::lock_guard lock(mutex);
+            std::string key = request.method + " " + request.path;
+            std::string query;
+            for (auto& [name, value] : request.params) {
+                if (request.method == "GET" || request.method == "DELETE")
+                    query += (query.empty() ? "?" : "&") + name + "=" + value;
+            }
+            ++requestCounts[key + query];
+            ++totalRequests;
+        }
+        if (options.logRequests)
+            VXLog("velvox-sandbox: %s %s", request.method, request.path);
+        if (!request.path.starts_with("/images/") && !authorized(request)) {
+            sendError(response, 401, "401 - Unauthorized");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (applyFault(request, response))
+            return httplib::Server::HandlerResponse::Handled;
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
+
+    auto identifier = [](const httplib::Request& request, size_t group = 1) { return std::stoll(request.matches[group].str()); };
+    auto userTracks = [this](int64_t user) {
+        std::vector<Ref<Dictionary>> items;
+        for (auto it = tracks.rbegin(); it != tracks.rend(); ++it) {
+            if (integerOf(*it->second, "user_id") == user)
+                items.push_back(fullTrack(it->first));
+        }
+        return items;
+    };
+    auto userFavorites = [this](int64_t user) {
+        std::vector<Ref<Dictionary>> items;
+        for (auto& [owner, track] : favorites) {
+            if (owner == user && tracks.count(track))
+                items.push_back(fullTrack(track));
+        }
+        return items;
+    };
+    auto followersOf = [this](int64_t user) {
+        std::vector<Ref<Dictionary>> items;
+        for (auto& [follower, followed] : follows) {
+            if (followed == user && users.count(follower))
+                items.push_back(fullUser(follower));
+        }
+        return items;
+    };
+    auto followingsOf = [this](int64_t user) {
+        std::vector<Ref<Dictionary>> items;
+        for (auto& [follower, followed] : follows) {
+            if (follower == user && users.count(followed))
+                items.push_back(fullUser(followed));
+        }
+        return items;
+    };
+
+    server.Get("/me", [this](const httplib::Request&, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        sendJSON(response, fullUser(me).ptr());
+    });
+    server.Get("/me/tracks", [this, userTracks](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        sendPage(request, response, userTracks(me));
+    });
+    server.Get("/me/favorites", [this, userFavorites](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        sendPage(request, response, userFavorites(me));
+    });
+    server.Get("/me/followers", [this, followersOf](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        sendPage(request, response, followersOf(me));
+    });
+    server.Get("/me/followings", [this, followingsOf](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        sendPage(request, response, followingsOf(me));
+    });
+
+    // Follow checks: the user's record when the relation holds, else 404.
+    server.Get(R"(/me/(followings|followers)/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t other = identifier(request, 2);
+        bool followings = request.matches[1] == "followings";
+        bool holds = followings ? follows.count({ me, other }) : follows.count({ other, me });
+        if (!holds || !users.count(other))
+            return sendError(response, 404, "404 - Not Found");
+        sendJSON(response, fullUser(other).ptr());
+    });
+    server.Put(R"(/me/followings/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t other = identifier(request);
+        if (!users.count(other))
+            return sendError(response, 404, "404 - Not Found");
+        bool added = follows.emplace(me, other).second;
+        sendJSON(response, fullUser(other).ptr(), added ? 201 : 200);
+    });
+    server.Delete(R"(/me/followings/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t other = identifier(request);
+        if (!follows.erase({ me, other }))
+            return sendError(response, 404, "404 - Not Found");
+        sendJSON(response, Dictionary::create({ { "status", String::create("200 - OK").ptr() } }).ptr());
+    });
+    server.Put(R"(/me/favorites/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t track = identifier(request);
+        if (!tracks.count(track))
+            return sendError(response, 404, "404 - Not Found");
+        bool added = favorites.emplace(me, track).second;
+        sendJSON(response, Dictionary::create({ { "status", String::create(added ? "201 - Created" : "200 - OK").ptr() } }).ptr(), added ? 201 : 200);
+    });
+    server.Delete(R"(/me/favorites/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        if (!favorites.erase({ me, identifier(request) }))
+            return sendError(response, 404, "404 - Not Found");
+        sendJSON(response, Dictionary::create({ { "status", String::create("200 - OK").ptr() } }).ptr());
+    });
+
+    // Activity feeds: cursor paging; "exclusive" holds what was shared with the user.
+    server.Get(R"(/me/activities/tracks(/exclusive)?)", [this](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        bool exclusive = request.matches[1].length() > 0;
+        std::vector<Ref<Dictionary>> feed;
+        for (auto& activity : activities) {
+            if (!exclusive || textOf(*activity, "type").ends_with("-sharing"))
+                feed.push_back(activity);
+        }
+        size_t start = 0;
+        if (request.has_param("cursor")) {
+            std::string cursor = request.get_param_value("cursor");
+            if (!cursor.starts_with("c") || cursor.size() < 2)
+                return sendError(response, 400, "400 - Bad cursor");
+            start = std::strtoull(cursor.c_str() + 1, nullptr, 10);
+        }
+        size_t pageSize = static_cast<size_t>(std::max(1, options.activityPageSize));
+        auto collection = MutableArray::create();
+        for (size_t i = start; i < feed.size() && i < start + pageSize; ++i)
+            collection->addObject(activityRecord(*feed[i]));
+        auto answer = MutableDictionary::create();
+        answer->setObject(collection, "collection");
+        if (start + pageSize < feed.size())
+            answer->setObject(String::format("{base}%s?cursor=c%zu", request.path, start + pageSize), "next_href");
+        sendJSON(response, answer.ptr());
+    });
+
+    server.Get(R"(/users/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t user = identifier(request);
+        if (!users.count(user))
+            return sendError(response, 404, "404 - Not Found");
+        sendJSON(response, fullUser(user).ptr());
+    });
+    server.Get(R"(/users/(\d+)/(tracks|favorites|followers|followings|connections))",
+        [this, identifier, userTracks, userFavorites, followersOf, followingsOf](const httplib::Request& request, httplib::Response& response) {
+            std::lock_guard lock(mutex);
+            int64_t user = identifier(request);
+            if (!users.count(user))
+                return sendError(response, 404, "404 - Not Found");
+            std::string list = request.matches[2];
+            if (list == "tracks") {
+                // A "q" narrows a user's tracks to those whose title holds it.
+                auto items = userTracks(user);
+                if (request.has_param("q")) {
+                    std::string query = lowercase(request.get_param_value("q"));
+                    std::erase_if(items, [&](auto& track) { return lowercase(textOf(*track, "title")).find(query) == std::string::npos; });
+                }
+                return sendPage(request, response, items);
+            }
+            if (list == "favorites")
+                return sendPage(request, response, userFavorites(user));
+            if (list == "followers")
+                return sendPage(request, response, followersOf(user));
+            if (list == "followings")
+                return sendPage(request, response, followingsOf(user));
+            sendPage(request, response, std::vector<Ref<Dictionary>> {});
+        });
+    server.Get("/users", [this](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        std::string query = lowercase(request.get_param_value("q"));
+        std::vector<Ref<Dictionary>> items;
+        for (auto& [identifier, user] : users) {
+            if (lowercase(textOf(*user, "username")).find(query) != std::string::npos || lowercase(textOf(*user, "full_name")).find(query) != std::string::npos)
+                items.push_back(fullUser(identifier));
+        }
+        sendPage(request, response, items);
+    });
+
+    server.Get("/tracks", [this](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        std::string query = lowercase(request.get_param_value("q"));
+        std::vector<Ref<Dictionary>> items;
+        for (auto& [identifier, track] : tracks) {
+            if (textOf(*track, "sharing") == "private")
+                continue;
+            for (auto key : { "title", "tag_list", "genre" }) {
+                if (lowercase(textOf(*track, key)).find(query) != std::string::npos) {
+                    items.push_back(fullTrack(identifier));
+                    break;
+                }
+            }
+        }
+        sendPage(request, response, items);
+    });
+    server.Get(R"(/tracks/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t track = identifier(request);
+        if (!tracks.count(track))
+            return sendError(response, 404, "404 - Not Found");
+        sendJSON(response, fullTrack(track).ptr());
+    });
+    server.Get(R"(/tracks/(\d+)/comments)", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t track = identifier(request);
+        if (!tracks.count(track))
+            return sendError(response, 404, "404 - Not Found");
+        std::vector<Ref<Dictionary>> items;
+        for (auto& comment : comments) {
+            if (integerOf(*comment, "track_id") == track)
+                items.push_back(commentRecord(*comment));
+        }
+        sendPage(request, response, items);
+    });
+    server.Get(R"(/tracks/(\d+)/favoriters)", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t track = identifier(request);
+        std::vector<Ref<Dictionary>> items;
+        for (auto& [user, favorite] : favorites) {
+            if (favorite == track && users.count(user))
+                items.push_back(fullUser(user));
+        }
+        sendPage(request, response, items);
+    });
+    server.Post(R"(/tracks/(\d+)/comments)", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        int64_t track = identifier(request);
+        if (!tracks.count(track))
+            return sendError(response, 404, "404 - Not Found");
+        std::string body = request.has_param("comment[body]") ? request.get_param_value("comment[body]")
+            : request.has_file("comment[body]")                ? request.get_file_value("comment[body]").content
+                                                               : std::string();
+        if (body.empty())
+            return sendError(response, 422, "422 - comment[body] is required");
+        auto comment = MutableDictionary::create();
+        int64_t commentIdentifier = nextCommentIdentifier++;
+        comment->setObject(Number::withInteger(commentIdentifier), "id");
+        comment->setObject(String::create("comment"), "kind");
+        comment->setObject(String::create(timestampNow()), "created_at");
+        comment->setObject(Number::withInteger(track), "track_id");
+        comment->setObject(Number::withInteger(me), "user_id");
+        if (request.has_param("comment[timestamp]"))
+            comment->setObject(Number::withInteger(std::atoll(request.get_param_value("comment[timestamp]").c_str())), "timestamp");
+        else
+            comment->setObject(&Null::null(), "timestamp");
+        comment->setObject(String::create(body), "body");
+        comment->setObject(String::format("{base}/comments/%lld", static_cast<long long>(commentIdentifier)), "uri");
+        comments.push_back(comment);
+        sendJSON(response, commentRecord(*comment).ptr(), 201);
+    });
+
+    // Uploads: a multipart (or form) POST makes a track that is "storing" for a while.
+    server.Post("/tracks", [this](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        auto field = [&](const std::string& name) -> std::string {
+            if (request.has_file(name))
+                return request.get_file_value(name).content;
+            return request.has_param(name) ? request.get_param_value(name) : std::string();
+        };
+        std::string title = field("track[title]");
+        if (title.empty())
+            return sendError(response, 422, "422 - track[title] is required");
+        int64_t trackIdentifier = nextTrackIdentifier++;
+        auto track = MutableDictionary::create();
+        track->setObject(Number::withInteger(trackIdentifier), "id");
+        track->setObject(String::create("track"), "kind");
+        track->setObject(String::create(timestampNow()), "created_at");
+        track->setObject(Number::withInteger(me), "user_id");
+        track->setObject(Number::withInteger(0), "duration");
+        track->setObject(&Number::trueValue(), "commentable");
+        track->setObject(String::create("storing"), "state");
+        std::string sharing = field("track[sharing]");
+        track->setObject(String::create(sharing.empty() ? "public" : sharing), "sharing");
+        track->setObject(String::create(field("track[tag_list]")), "tag_list");
+        track->setObject(String::create(field("track[description]")), "description");
+        track->setObject(String::create(title), "title");
+        track->setObject(String::create(lowercase(title)), "permalink");
+        std::string asset = field("track[asset_data]");
+        track->setObject(Number::withInteger(static_cast<int64_t>(asset.size())), "original_content_size");
+        track->setObject(String::format("{base}/tracks/%lld", static_cast<long long>(trackIdentifier)), "uri");
+        track->setObject(String::format("{base}/tracks/%lld/stream", static_cast<long long>(trackIdentifier)), "stream_url");
+        track->setObject(String::format("{base}/images/waveforms/%lld.png", static_cast<long long>(trackIdentifier)), "waveform_url");
+        track->setObject(Number::withInteger(0), "playback_count");
+        tracks.emplace(trackIdentifier, track);
+        uploads.emplace(trackIdentifier, Clock::now());
+        sendJSON(response, fullTrack(trackIdentifier).ptr(), 201);
+    });
+
+    // Images, the "-t300x300" variants included, need no token.
+    server.Get(R"(/images/(avatars|artworks|waveforms)/([A-Za-z0-9_.-]+)\.png)", [](const httplib::Request&, httplib::Response& response) {
+        response.set_content(std::string(reinterpret_cast<const char*>(pngBytes), sizeof(pngBytes)), "image/png");
+    });
+
+    server.set_error_handler([this](const httplib::Request&, httplib::Response& response) {
+        if (response.status == 404 && response.body.empty())
+            sendError(response, 404, "404 - Not Found");
+    });
+    server.set_exception_handler([this](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+        sendError(response, 500, "500 - Internal Server Error");
+    });
+}
+
+// MARK: Life cycle
+
+bool SandboxService::start(std::string* error)
+{
+    auto& impl = *m_impl;
+    {
+        std::lock_guard lock(impl.mutex);
+        if (impl.users.empty() && !impl.loadCatalogue(error))
+            return false;
+    }
+    impl.installRoutes();
+    impl.port = impl.options.port ? (impl.server.bind_to_port("127.0.0.1", impl.options.port) ? impl.options.port : -1)
+                                  : impl.server.bind_to_any_port("127.0.0.1");
+    if (impl.port <= 0) {
+        if (error)
+            *error = "cannot listen on 127.0.0.1:" + std::to_string(impl.options.port);
+        return false;
+    }
+    impl.stopping = false;
+    impl.thread = std::thread([&impl] { impl.server.listen_after_bind(); });
+    // The socket is bound already; connections queue until the loop runs.
+    while (!impl.server.is_running())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return true;
+}
+
+void SandboxService::stop()
+{
+    auto& impl = *m_impl;
+    if (!impl.thread.joinable())
+        return;
+    {
+        std::lock_guard lock(impl.mutex);
+        impl.stopping = true;
+    }
+    impl.stopped.notify_all();
+    impl.server.stop();
+    impl.thread.join();
+}
+
+std::string SandboxService::baseURL() const
+{
+    return "http://127.0.0.1:" + std::to_string(m_impl->port);
+}
+
+int SandboxService::port() const
+{
+    return m_impl->port;
+}
+
+const std::string& SandboxService::token() const
+{
+    return m_impl->options.token;
+}
+
+int64_t SandboxService::meUserIdentifier() const
+{
+    std::lock_guard lock(m_impl->mutex);
+    return m_impl->me;
+}
+
+void SandboxService::addFault(Fault fault)
+{
+    std::lock_guard lock(m_impl->mutex);
+    m_impl->faults.push_back(std::move(fault));
+}
+
+void SandboxService::clearFaults()
+{
+    std::lock_guard lock(m_impl->mutex);
+    m_impl->faults.clear();
+}
+
+int SandboxService::requestCount(const std::string& methodAndPath) const
+{
+    std::lock_guard lock(m_impl->mutex);
+    auto it = m_impl->requestCounts.find(methodAndPath);
+    return it == m_impl->requestCounts.end() ? 0 : it->second;
+}
+
+int SandboxService::totalRequestCount() const
+{
+    std::lock_guard lock(m_impl->mutex);
+    return m_impl->totalRequests;
+}
+
+void SandboxService::resetRequestCounts()
+{
+    std::lock_guard lock(m_impl->mutex);
+    m_impl->requestCounts.clear();
+    m_impl->totalRequests = 0;
+}
+
+} // namespace velvox::sandbox

@@ -1,0 +1,80 @@
+#pragma once
+
+// A local service that speaks the Velvox REST API over HTTP on loopback, with
+// a sample catalogue of users, tracks, comments, follow relations, favorites
+// and an activity feed. Programs and tests run it in-process on a free port;
+// the velvox-sandbox program runs it on its own.
+//
+// It serves on its own threads; every method here is thread-safe.
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace velvox::sandbox {
+
+// A fault injected into the answers of paths that start with `pathPrefix`.
+struct Fault {
+    enum class Kind {
+        Latency,  // answer normally, `seconds` late
+        Status,   // answer with `status` and a JSON error body
+        NotJSON,  // answer 200 with a body that is not JSON
+        CutOff,   // announce the whole body, send half of it, close
+        Drop,     // send the headers, then close the connection
+        NoAnswer, // accept the request and never answer (until the service stops)
+    };
+    Kind kind { Kind::Latency };
+    std::string pathPrefix { "/" };
+    int status { 500 };
+    double seconds { 0 };
+    // How many requests it applies to; -1 for all.
+    int count { -1 };
+};
+
+class SandboxService {
+public:
+    struct Options {
+        // Port 0 picks a free one.
+        int port { 0 };
+        std::string token { "sandbox-token" };
+        // The catalogue file; empty: the shipped Resources/sandbox/catalogue.json.
+        std::string cataloguePath;
+        // How long an uploaded track stays "storing" before it turns "finished".
+        double processingSeconds { 3 };
+        // How many activities one page of a feed holds.
+        int activityPageSize { 10 };
+        bool logRequests { false };
+    };
+
+    explicit SandboxService(Options);
+    ~SandboxService();
+
+    // Listens on 127.0.0.1 and serves in the background. Answers false (with
+    // the reason in `error`) when it cannot.
+    bool start(std::string* error = nullptr);
+    void stop();
+
+    // "http://127.0.0.1:PORT".
+    std::string baseURL() const;
+    int port() const;
+    const std::string& token() const;
+    // The identifier of the signed-in user ("/me").
+    int64_t meUserIdentifier() const;
+
+    void addFault(Fault);
+    void clearFaults();
+
+    // How many requests reached a handler, by "METHOD /path?query" as sent.
+    int requestCount(const std::string& methodAndPathWithQuery) const;
+    int totalRequestCount() const;
+    void resetRequestCounts();
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> m_impl;
+};
+
+} // namespace velvox::sandbox

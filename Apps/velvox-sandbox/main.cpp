@@ -1,0 +1,48 @@
+// velvox-sandbox: a local Velvox-compatible service for demos and tests.
+
+#include "SandboxService.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+
+int main(int argc, char** argv)
+{
+    CLI::App app { "velvox-sandbox: a local service that speaks the Velvox REST API, with a sample catalogue." };
+    velvox::sandbox::SandboxService::Options options;
+    app.add_option("--port", options.port, "Port on 127.0.0.1 (0 picks a free one)")->default_val(8080);
+    app.add_option("--token", options.token, "The OAuth token clients must send")->default_val("sandbox-token");
+    app.add_option("--catalogue", options.cataloguePath, "A catalogue file instead of the shipped one");
+    app.add_option("--processing-seconds", options.processingSeconds, "How long an upload stays \"storing\"")->default_val(3.0);
+    app.add_flag("--log", options.logRequests, "Log every request");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
+
+    // Ctrl-C and SIGTERM are waited for here, not handled asynchronously.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    velvox::sandbox::SandboxService service(options);
+    std::string error;
+    if (!service.start(&error)) {
+        fprintf(stderr, "velvox-sandbox: %s\n", error.c_str());
+        return 1;
+    }
+    printf("Velvox sandbox listening at %s\n", service.baseURL().c_str());
+    printf("token: %s\n", service.token().c_str());
+    printf("Press Ctrl-C to stop.\n");
+    fflush(stdout);
+
+    int received = 0;
+    sigwait(&signals, &received);
+    service.stop();
+    printf("\nVelvox sandbox stopped.\n");
+    return 0;
+}

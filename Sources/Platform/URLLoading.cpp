@@ -1,0 +1,379 @@
+#include "URLLoading.h"
+
+#include "Exception.h"
+#include "RunLoop.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <mutex>
+#include <unordered_map>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(URLResponse, Object)
+VX_DEFINE_CLASS(URLTask, Object)
+
+Ref<URLResponse> URLResponse::create(long statusCode, Ref<Dictionary>&& headers, Ref<Data>&& body)
+{
+    return adoptRef(*new URLResponse(statusCode, std::move(headers), std::move(body)));
+}
+
+std::string percentEncode(std::string_view text)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(text.size() * 3);
+    for (unsigned char c : text) {
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.' || c == '~')
+            out.push_back(static_cast<char>(c));
+        else {
+            out.push_back('%');
+            out.push_back(digits[c >> 4]);
+            out.push_back(digits[c & 15]);
+        }
+    }
+    return out;
+}
+
+struct URLLoader::Impl {
+    CURLM* multi { nullptr };
+    RunLoop* loop { nullptr };
+    RefPtr<Timer> timer;
+    std::map<curl_socket_t, uint64_t> watches;
+    std::unordered_map<CURL*, Ref<URLTask>> tasks;
+    // Events gathered while libcurl runs, delivered once it has returned, so
+    // that callbacks may start and cancel tasks freely.
+    std::vector<std::function<void()>> pending;
+
+    void action(curl_socket_t socket, int flags);
+    void deliverPending();
+
+    static size_t writeCallback(char* bytes, size_t size, size_t count, void* userData);
+    static size_t headerCallback(char* bytes, size_t size, size_t count, void* userData);
+    static int progressCallback(void* userData, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal, curl_off_t uploaded);
+};
+
+URLLoader::URLLoader()
+    : m_impl(std::make_unique<Impl>())
+{
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    m_impl->loop = &RunLoop::current();
+    m_impl->multi = curl_multi_init();
+    if (!m_impl->multi)
+        throw std::bad_alloc();
+    auto* impl = m_impl.get();
+
+    curl_multi_setopt(m_impl->multi, CURLMOPT_SOCKETDATA, impl);
+    curl_multi_setopt(m_impl->multi, CURLMOPT_SOCKETFUNCTION,
+        +[](CURL*, curl_socket_t socket, int what, void* userData, void*) -> int {
+            auto* impl = static_cast<Impl*>(userData);
+            auto it = impl->watches.find(socket);
+            if (what == CURL_POLL_REMOVE) {
+                if (it != impl->watches.end()) {
+                    impl->loop->unwatchSocket(it->second);
+                    impl->watches.erase(it);
+                }
+                return 0;
+            }
+            SocketEvent events = SocketEvent::None;
+            if (what == CURL_POLL_IN || what == CURL_POLL_INOUT)
+                events = events | SocketEvent::Readable;
+            if (what == CURL_POLL_OUT || what == CURL_POLL_INOUT)
+                events = events | SocketEvent::Writable;
+            if (it != impl->watches.end()) {
+                impl->loop->updateSocket(it->second, events);
+                return 0;
+            }
+            uint64_t watch = impl->loop->watchSocket(socket, events, [impl](int fd, SocketEvent ready) {
+                int flags = 0;
+                if (any(ready & SocketEvent::Readable))
+                    flags |= CURL_CSELECT_IN;
+                if (any(ready & SocketEvent::Writable))
+                    flags |= CURL_CSELECT_OUT;
+                if (any(ready & SocketEvent::Error))
+                    flags |= CURL_CSELECT_ERR;
+                impl->action(fd, flags);
+            });
+            impl->watches.emplace(socket, watch);
+            return 0;
+        });
+    curl_multi_setopt(m_impl->multi, CURLMOPT_TIMERDATA, impl);
+    curl_multi_setopt(m_impl->multi, CURLMOPT_TIMERFUNCTION,
+        +[](CURLM*, long timeoutMilliseconds, void* userData) -> int {
+            auto* impl = static_cast<Impl*>(userData);
+            if (impl->timer)
+                impl->timer->cancel();
+            impl->timer = nullptr;
+            if (timeoutMilliseconds < 0)
+                return 0;
+            // libcurl must not be called from inside this callback: go through the loop.
+            impl->timer = impl->loop->performAfterDelay(static_cast<double>(timeoutMilliseconds) / 1000.0,
+                [impl] { impl->action(CURL_SOCKET_TIMEOUT, 0); });
+            return 0;
+        });
+}
+
+URLLoader::~URLLoader()
+{
+    for (auto& [handle, task] : m_impl->tasks) {
+        curl_multi_remove_handle(m_impl->multi, handle);
+        task->m_loader = nullptr;
+    }
+    m_impl->tasks.clear();
+    if (m_impl->timer)
+        m_impl->timer->cancel();
+    for (auto& [socket, watch] : m_impl->watches)
+        m_impl->loop->unwatchSocket(watch);
+    curl_multi_cleanup(m_impl->multi);
+}
+
+URLLoader& URLLoader::current()
+{
+    thread_local std::unique_ptr<URLLoader> loader(new URLLoader);
+    return *loader;
+}
+
+size_t URLLoader::runningTaskCount() const
+{
+    return m_impl->tasks.size();
+}
+
+URLTask::~URLTask()
+{
+    if (m_loader)
+        m_loader->cancel(*this);
+    if (m_handle)
+        curl_easy_cleanup(static_cast<CURL*>(m_handle));
+    curl_slist_free_all(static_cast<curl_slist*>(m_headerList));
+    curl_mime_free(static_cast<curl_mime*>(m_mime));
+}
+
+void URLTask::cancel()
+{
+    m_finished = true;
+    m_callbacks = {};
+    if (m_loader)
+        m_loader->cancel(*this);
+}
+
+void URLLoader::cancel(URLTask& task)
+{
+    auto* handle = static_cast<CURL*>(task.m_handle);
+    task.m_loader = nullptr;
+    curl_multi_remove_handle(m_impl->multi, handle);
+    // The task may die with this erase; nothing touches it after.
+    m_impl->tasks.erase(handle);
+}
+
+Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callbacks)
+{
+    auto task = adoptRef(*new URLTask);
+    task->m_callbacks = std::move(callbacks);
+    CURL* handle = curl_easy_init();
+    if (!handle)
+        throw std::bad_alloc();
+    task->m_handle = handle;
+    URLTask* raw = task.ptr();
+
+    curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(handle, CURLOPT_PRIVATE, raw);
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, raw->m_errorBuffer);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, Impl::writeCallback);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, raw);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, Impl::headerCallback);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, raw);
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, Impl::progressCallback);
+    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, raw);
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectTimeout * 1000));
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout * 1000));
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, request.verifyTLS ? 1L : 0L);
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, request.verifyTLS ? 2L : 0L);
+    curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
+
+    curl_slist* headers = nullptr;
+    for (auto& [name, value] : request.headers)
+        headers = curl_slist_append(headers, (name + ": " + value).c_str());
+    // A body goes at once, without waiting for a "100 Continue".
+    headers = curl_slist_append(headers, "Expect:");
+    task->m_headerList = headers;
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
+
+    const std::string& method = request.method;
+    if (!request.formParts.empty()) {
+        curl_mime* mime = curl_mime_init(handle);
+        task->m_mime = mime;
+        for (auto& part : request.formParts) {
+            curl_mimepart* field = curl_mime_addpart(mime);
+            curl_mime_name(field, part.name.c_str());
+            if (part.data) {
+                curl_mime_data(field, reinterpret_cast<const char*>(part.data->bytes()), part.data->length());
+                curl_mime_filename(field, part.fileName.empty() ? "data" : part.fileName.c_str());
+                curl_mime_type(field, part.contentType.empty() ? "application/octet-stream" : part.contentType.c_str());
+            } else if (!part.filePath.empty()) {
+                curl_mime_filedata(field, part.filePath.c_str());
+                if (!part.fileName.empty())
+                    curl_mime_filename(field, part.fileName.c_str());
+                curl_mime_type(field, part.contentType.empty() ? "application/octet-stream" : part.contentType.c_str());
+            } else
+                curl_mime_data(field, part.text.data(), part.text.size());
+        }
+        curl_easy_setopt(handle, CURLOPT_MIMEPOST, mime);
+        if (method != "POST")
+            curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
+    } else if (method == "GET") {
+        curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    } else if (method == "HEAD") {
+        curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+    } else if (!request.body.empty() || method == "POST" || method == "PUT") {
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
+        curl_easy_setopt(handle, CURLOPT_COPYPOSTFIELDS, request.body.c_str());
+        if (method != "POST")
+            curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
+    } else
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
+
+    task->m_loader = this;
+    m_impl->tasks.emplace(handle, task);
+    CURLMcode added = curl_multi_add_handle(m_impl->multi, handle);
+    if (added != CURLM_OK) {
+        m_impl->tasks.erase(handle);
+        task->m_loader = nullptr;
+        // Fail through the loop, as any other failure would arrive.
+        auto error = Error::create(URLErrorDomain, static_cast<int64_t>(CURLE_FAILED_INIT), curl_multi_strerror(added));
+        m_impl->loop->post([task, error] {
+            if (auto didComplete = std::exchange(task->m_callbacks.didComplete, nullptr); didComplete && !task->m_finished) {
+                task->m_finished = true;
+                didComplete(nullptr, error.ptr());
+            }
+        });
+    }
+    return task;
+}
+
+void URLLoader::Impl::action(curl_socket_t socket, int flags)
+{
+    int running = 0;
+    curl_multi_socket_action(multi, socket, flags, &running);
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+        if (message->msg != CURLMSG_DONE)
+            continue;
+        CURL* handle = message->easy_handle;
+        CURLcode result = message->data.result;
+        auto it = tasks.find(handle);
+        if (it == tasks.end())
+            continue;
+        Ref<URLTask> task = it->second;
+        tasks.erase(it);
+        curl_multi_remove_handle(multi, handle);
+        task->m_loader = nullptr;
+        RefPtr<URLResponse> response;
+        RefPtr<Error> error;
+        if (result == CURLE_OK) {
+            long status = 0;
+            curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+            auto headers = MutableDictionary::create();
+            for (auto& [name, value] : task->m_responseHeaders)
+                headers->setObject(String::create(value), name);
+            response = URLResponse::create(status, headers->copy(), Data::create(task->m_body.data(), task->m_body.size()));
+        } else {
+            std::string description = curl_easy_strerror(result);
+            if (task->m_errorBuffer[0])
+                description += std::string(": ") + task->m_errorBuffer;
+            error = Error::create(URLErrorDomain, static_cast<int64_t>(result), description);
+        }
+        pending.push_back([task, response, error] {
+            if (task->m_finished)
+                return;
+            task->m_finished = true;
+            if (auto didComplete = std::exchange(task->m_callbacks.didComplete, nullptr))
+                didComplete(response.get(), error.get());
+            task->m_callbacks = {};
+        });
+    }
+    deliverPending();
+}
+
+void URLLoader::Impl::deliverPending()
+{
+    while (!pending.empty()) {
+        auto events = std::exchange(pending, {});
+        for (auto& event : events)
+            event();
+    }
+}
+
+size_t URLLoader::Impl::writeCallback(char* bytes, size_t size, size_t count, void* userData)
+{
+    auto* task = static_cast<URLTask*>(userData);
+    size_t length = size * count;
+    task->m_body.append(bytes, length);
+    if (task->m_callbacks.didReceiveData && task->m_loader) {
+        Ref<URLTask> protectedTask { *task };
+        auto chunk = Data::create(bytes, length);
+        task->m_loader->m_impl->pending.push_back([protectedTask, chunk] {
+            if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveData)
+                protectedTask->m_callbacks.didReceiveData(chunk);
+        });
+    }
+    return length;
+}
+
+size_t URLLoader::Impl::headerCallback(char* bytes, size_t size, size_t count, void* userData)
+{
+    auto* task = static_cast<URLTask*>(userData);
+    size_t length = size * count;
+    std::string_view line(bytes, length);
+    while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
+        line.remove_suffix(1);
+    // Each status line (an interim 100, a redirect) starts a new set of headers.
+    if (line.starts_with("HTTP/")) {
+        task->m_responseHeaders.clear();
+        return length;
+    }
+    size_t colon = line.find(':');
+    if (colon == std::string_view::npos)
+        return length;
+    std::string name(line.substr(0, colon));
+    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::string_view value = line.substr(colon + 1);
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
+        value.remove_prefix(1);
+    task->m_responseHeaders.emplace_back(std::move(name), std::string(value));
+    return length;
+}
+
+int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal, curl_off_t uploaded)
+{
+    auto* task = static_cast<URLTask*>(userData);
+    if (!task->m_loader)
+        return 0;
+    auto& pending = task->m_loader->m_impl->pending;
+    Ref<URLTask> protectedTask { *task };
+    // Only real progress is reported: never a count of zero, never the same count twice.
+    if (uploaded > 0 && static_cast<uint64_t>(uploaded) != task->m_lastSent) {
+        task->m_lastSent = static_cast<uint64_t>(uploaded);
+        uint64_t sent = static_cast<uint64_t>(uploaded), total = static_cast<uint64_t>(std::max(uploadTotal, uploaded));
+        pending.push_back([protectedTask, sent, total] {
+            if (!protectedTask->m_finished && protectedTask->m_callbacks.didSendBytes)
+                protectedTask->m_callbacks.didSendBytes(sent, total);
+        });
+    }
+    if (downloaded > 0 && static_cast<uint64_t>(downloaded) != task->m_lastReceived) {
+        task->m_lastReceived = static_cast<uint64_t>(downloaded);
+        uint64_t received = static_cast<uint64_t>(downloaded), total = static_cast<uint64_t>(std::max<curl_off_t>(downloadTotal, 0));
+        pending.push_back([protectedTask, received, total] {
+            if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveBytes)
+                protectedTask->m_callbacks.didReceiveBytes(received, total);
+        });
+    }
+    return 0;
+}
+
+} // namespace velvox

@@ -1,0 +1,163 @@
+#include "VXVelvoxAPI.h"
+
+#include <Platform/FileManager.h>
+#include <Platform/Number.h>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(VXVelvoxAPI, Object)
+
+RefPtr<VXVelvoxAPI> VXVelvoxAPI::create(std::string_view baseURL, std::string_view accessToken)
+{
+    auto url = URL::create(baseURL);
+    if (!url || url->scheme().empty() || url->host().empty())
+        return nullptr;
+    return adoptRef(new VXVelvoxAPI(std::string(baseURL), std::string(accessToken)));
+}
+
+VXVelvoxAPI::~VXVelvoxAPI()
+{
+    // Requests of a client that is gone end silently.
+    auto tasks = std::move(m_tasks);
+    for (auto& [identifier, task] : tasks)
+        task->cancel();
+}
+
+Ref<VXVelvoxAPI> VXVelvoxAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate) const
+{
+    auto copy = adoptRef(*new VXVelvoxAPI(m_baseURL, m_accessToken));
+    copy->m_delegate = delegate;
+    copy->m_timeout = m_timeout;
+    copy->m_connectTimeout = m_connectTimeout;
+    return copy;
+}
+
+namespace {
+
+std::string parameterText(Object* value)
+{
+    if (auto* string = dynamicDowncast<String>(value))
+        return string->str();
+    return value->description()->str();
+}
+
+std::string encodedParameters(Dictionary* parameters)
+{
+    std::string text;
+    if (!parameters)
+        return text;
+    for (auto& entry : *parameters) {
+        if (!text.empty())
+            text.push_back('&');
+        text += percentEncode(parameterText(entry.key));
+        text.push_back('=');
+        text += percentEncode(parameterText(entry.object));
+    }
+    return text;
+}
+
+bool isUpload(Object* value)
+{
+    if (is<Data>(value))
+        return true;
+    auto* url = dynamicDowncast<URL>(value);
+    return url && url->scheme() == "file";
+}
+
+} // namespace
+
+std::string VXVelvoxAPI::URLForResource(std::string_view resource, Dictionary* queryParameters) const
+{
+    std::string url = m_baseURL;
+    while (!url.empty() && url.back() == '/')
+        url.pop_back();
+    while (!resource.empty() && resource.front() == '/')
+        resource.remove_prefix(1);
+    url.push_back('/');
+    url.append(resource);
+    std::string query = encodedParameters(queryParameters);
+    if (!query.empty()) {
+        url.push_back(url.find('?') == std::string::npos ? '?' : '&');
+        url += query;
+    }
+    return url;
+}
+
+void VXVelvoxAPI::performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo)
+{
+    URLRequest request;
+    request.method = method.str();
+    request.timeout = m_timeout;
+    request.connectTimeout = m_connectTimeout;
+    request.headers = { { "Authorization", "OAuth " + m_accessToken }, { "Accept", "application/json" }, { "User-Agent", "VelvoxKit/0.1" } };
+    bool inQuery = request.method == "GET" || request.method == "DELETE" || request.method == "HEAD";
+    request.url = URLForResource(resource.view(), inQuery ? parameters : nullptr);
+    if (!inQuery && parameters) {
+        bool multipart = false;
+        for (auto& entry : *parameters)
+            multipart |= isUpload(entry.object);
+        if (multipart) {
+            for (auto& entry : *parameters) {
+                URLFormPart part;
+                part.name = parameterText(entry.key);
+                if (auto* data = dynamicDowncast<Data>(entry.object))
+                    part.data = data;
+                else if (isUpload(entry.object)) {
+                    part.filePath = downcast<URL>(entry.object)->path();
+                    part.fileName = lastPathComponent(part.filePath);
+                } else
+                    part.text = parameterText(entry.object);
+                request.formParts.push_back(std::move(part));
+            }
+        } else {
+            request.body = encodedParameters(parameters);
+            request.headers.emplace_back("Content-Type", "application/x-www-form-urlencoded");
+        }
+    }
+
+    uint64_t identifier = ++m_nextTask;
+    RefPtr<Object> protectedContext = context;
+    RefPtr<Dictionary> protectedUserInfo = userInfo;
+    URLTaskCallbacks callbacks;
+    callbacks.didSendBytes = [this, protectedContext, protectedUserInfo](uint64_t sent, uint64_t total) {
+        Ref protectedThis { *this };
+        if (m_delegate)
+            m_delegate->velvoxAPIDidSendBytes(*this, sent, total, protectedContext.get(), protectedUserInfo.get());
+    };
+    callbacks.didReceiveBytes = [this, protectedContext, protectedUserInfo](uint64_t received, uint64_t total) {
+        Ref protectedThis { *this };
+        if (m_delegate)
+            m_delegate->velvoxAPIDidReceiveBytes(*this, received, total, protectedContext.get(), protectedUserInfo.get());
+    };
+    callbacks.didReceiveData = [this, protectedContext, protectedUserInfo](Data& chunk) {
+        Ref protectedThis { *this };
+        if (m_delegate)
+            m_delegate->velvoxAPIDidReceiveData(*this, &chunk, protectedContext.get(), protectedUserInfo.get());
+    };
+    callbacks.didComplete = [this, identifier, protectedContext, protectedUserInfo](URLResponse* response, Error* error) {
+        Ref protectedThis { *this }; // the delegate may release the last reference to us
+        m_tasks.erase(identifier);
+        if (!m_delegate)
+            return;
+        if (error) {
+            m_delegate->velvoxAPIDidFailWithError(*this, error, protectedContext.get(), protectedUserInfo.get());
+            return;
+        }
+        if (response->statusCode() >= 400) {
+            auto info = Dictionary::create({
+                { LocalizedDescriptionKey, String::format("The service answered with HTTP status %ld.", response->statusCode()).ptr() },
+                { VXVelvoxAPIResponseBodyKey, &response->body() },
+                { VXVelvoxAPIResponseStatusKey, Number::withInteger(response->statusCode()).ptr() },
+            });
+            auto failure = Error::create(VXVelvoxAPIErrorDomain, response->statusCode(), info.ptr());
+            m_delegate->velvoxAPIDidFailWithError(*this, failure.ptr(), protectedContext.get(), protectedUserInfo.get());
+            return;
+        }
+        m_delegate->velvoxAPIDidFinishWithData(*this, &response->body(), protectedContext.get(), protectedUserInfo.get());
+    };
+    auto task = URLLoader::current().start(request, std::move(callbacks));
+    if (!task->isFinished())
+        m_tasks.emplace(identifier, std::move(task));
+}
+
+} // namespace velvox

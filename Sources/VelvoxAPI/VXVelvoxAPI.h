@@ -1,0 +1,75 @@
+#pragma once
+
+// The service's authenticated HTTP client. Made with the service's base URL
+// and an OAuth access token, sent as "Authorization: OAuth <token>".
+//
+// performMethod() joins the resource path to the base URL (with or without a
+// leading "/", the same URL), sends GET and DELETE parameters in the query
+// string and POST and PUT parameters as a form, or as multipart form data when
+// a value is Data or a file URL (an upload). It then calls the delegate, as
+// VXVelvoxAPIDelegate describes. An HTTP status of 400 or more fails with an
+// error in VXVelvoxAPIErrorDomain whose code is the status and whose user info
+// carries the body; a transfer failure fails with the URL loader's error
+// (URLErrorDomain, libcurl's code and description).
+
+#include "VXVelvoxAPIDelegate.h"
+
+#include <Platform/URLLoading.h>
+
+#include <string_view>
+#include <unordered_map>
+
+namespace velvox {
+
+inline constexpr std::string_view VXVelvoxAPIErrorDomain = "VXVelvoxAPIErrorDomain";
+// User info keys of an HTTP failure: the body (Data) and the status (Number).
+inline constexpr std::string_view VXVelvoxAPIResponseBodyKey = "VXVelvoxAPIResponseBodyKey";
+inline constexpr std::string_view VXVelvoxAPIResponseStatusKey = "VXVelvoxAPIResponseStatusKey";
+
+class VXVelvoxAPI : public Object {
+    VX_OBJECT(VXVelvoxAPI)
+public:
+    // Null when the base URL is not a valid URL.
+    static RefPtr<VXVelvoxAPI> create(std::string_view baseURL, std::string_view accessToken);
+
+    // A new client with the same authentication and configuration whose
+    // delegate is the given object. The delegate is not retained: it must
+    // outlive the client's requests (the API controller owns its client).
+    // Virtual, as performMethod(), so that tests can stand in a client of their own.
+    virtual Ref<VXVelvoxAPI> copyWithAPIDelegate(VXVelvoxAPIDelegate*) const;
+
+    // Sends the request asynchronously; the delegate hears of it later.
+    virtual void performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo);
+
+    const std::string& baseURL() const { return m_baseURL; }
+    const std::string& accessToken() const { return m_accessToken; }
+    VXVelvoxAPIDelegate* delegate() const { return m_delegate; }
+    // The full URL a resource path and GET parameters make.
+    std::string URLForResource(std::string_view resource, Dictionary* queryParameters) const;
+
+    double timeout() const { return m_timeout; }
+    void setTimeout(double seconds) { m_timeout = seconds; }
+    double connectTimeout() const { return m_connectTimeout; }
+    void setConnectTimeout(double seconds) { m_connectTimeout = seconds; }
+    size_t runningRequestCount() const { return m_tasks.size(); }
+
+protected:
+    VXVelvoxAPI(std::string baseURL, std::string accessToken)
+        : m_baseURL(std::move(baseURL))
+        , m_accessToken(std::move(accessToken))
+    {
+    }
+    ~VXVelvoxAPI() override;
+    void setDelegate(VXVelvoxAPIDelegate* delegate) { m_delegate = delegate; }
+
+private:
+    std::string m_baseURL;
+    std::string m_accessToken;
+    VXVelvoxAPIDelegate* m_delegate { nullptr };
+    double m_timeout { 60 };
+    double m_connectTimeout { 10 };
+    uint64_t m_nextTask { 0 };
+    std::unordered_map<uint64_t, Ref<URLTask>> m_tasks;
+};
+
+} // namespace velvox

@@ -1,0 +1,348 @@
+#include "VXAPIController.h"
+
+#include "VXKit.h"
+
+#include <Platform/Exception.h>
+#include <Platform/Format.h>
+
+#include <algorithm>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(VXAPIController, Object)
+
+VXAPIController::VXAPIController()
+    : m_runningConnections(MutableDictionary::create())
+{
+}
+
+VXAPIController::~VXAPIController()
+{
+    // The client first: its requests end silently with it.
+    m_api = nullptr;
+}
+
+Ref<VXAPIController> VXAPIController::create(VXVelvoxAPI* api)
+{
+    auto controller = adoptRef(*new VXAPIController);
+    if (api)
+        controller->m_api = api->copyWithAPIDelegate(controller.ptr());
+    return controller;
+}
+
+RefPtr<String> VXAPIController::executingCallbacksRequestIdentifier() const
+{
+    std::lock_guard lock(m_executingMutex);
+    return m_executingCallbacksRequestIdentifier;
+}
+
+void VXAPIController::setExecutingCallbacksRequestIdentifier(String* identifier)
+{
+    RefPtr<String> old;
+    std::lock_guard lock(m_executingMutex);
+    old = std::exchange(m_executingCallbacksRequestIdentifier, identifier);
+}
+
+Ref<String> VXAPIController::uniqIdentifierForPerformingMethod(const String& method, const String& resource, Dictionary* parameters) const
+{
+    std::string identifier = format("%@-", method);
+    identifier += format("%@-", resource);
+    if (parameters && parameters->count()) {
+        auto keys = parameters->allKeys();
+        std::vector<Object*> sorted;
+        for (auto* key : *keys)
+            sorted.push_back(key);
+        std::sort(sorted.begin(), sorted.end(), [](Object* a, Object* b) { return a->description()->compare(b->description()) < 0; });
+        Object* lastKey = sorted.back();
+        for (auto* key : sorted) {
+            identifier += format("%@=%@", key, parameters->objectForKey(key));
+            if (!key->isEqual(lastKey))
+                identifier += "-";
+        }
+    }
+    return String::create(identifier);
+}
+
+void VXAPIController::performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo)
+{
+    if (!m_api)
+        return;
+    auto identifier = uniqIdentifierForPerformingMethod(method, resource, parameters);
+    if (method.isEqualToString("GET")) {
+        if (auto* running = dynamicDowncast<MutableArray>(m_runningConnections->objectForKey(identifier.ptr()))) {
+            auto executing = executingCallbacksRequestIdentifier();
+            if (executing && executing->isEqual(identifier.ptr())) {
+                auto info = Dictionary::create({ { VXAPIRequestIdentifierKey, identifier.ptr() } });
+                throw Exception(VXRecursiveRequestCallbackException,
+                    format("A callback for requestId %@ tried to start a request with the same id. Ignoring the request, but you should fix this.", identifier),
+                    info.ptr());
+            }
+            if (userInfo)
+                running->addObject(userInfo);
+            return;
+        }
+    }
+    auto callers = MutableArray::create();
+    if (userInfo)
+        callers->addObject(userInfo);
+    // An identical PUT, POST or DELETE replaces the running one's callers.
+    m_runningConnections->setObject(callers, identifier.ptr());
+    auto clientInfo = Dictionary::create({ { VXAPIRequestIdentifierKey, identifier.ptr() } });
+    Ref protectedThis { *this };
+    m_api->performMethod(method, resource, parameters, context, clientInfo.ptr());
+}
+
+void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error* error, String* requestIdentifier)
+{
+    Ref protectedThis { *this }; // a block may release the last other reference to us
+    std::vector<RefPtr<VXAPICallbackBlockObject>> blocks;
+    if (requestIdentifier) {
+        if (auto* callers = dynamicDowncast<Array>(m_runningConnections->objectForKey(requestIdentifier))) {
+            for (auto* caller : *callers) {
+                auto* userInfo = dynamicDowncast<Dictionary>(caller);
+                if (auto* block = userInfo ? dynamicDowncast<VXAPICallbackBlockObject>(userInfo->objectForKey(VXAPICallbackBlockKey)) : nullptr)
+                    blocks.emplace_back(block);
+            }
+        }
+        m_runningConnections->removeObjectForKey(requestIdentifier);
+    }
+    setExecutingCallbacksRequestIdentifier(requestIdentifier);
+    for (auto& block : blocks) {
+        // Each caller gets a tree of its own.
+        RefPtr<Object> json = data ? JSONObject(*data) : nullptr;
+        (*block)(this, json.get(), error);
+    }
+    setExecutingCallbacksRequestIdentifier(nullptr);
+}
+
+void VXAPIController::loadForCollectionController(const VXAPICollectionRequest& collection, VXAPICallbackBlock block)
+{
+    auto userInfo = Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create(std::move(block)).get() } });
+    auto resource = collection.resource();
+    auto parameters = collection.requestParameters();
+    performMethod(*String::create("GET"), resource, parameters.get(), nullptr, userInfo.ptr());
+}
+
+// MARK: Delegate
+
+namespace {
+
+String* requestIdentifierIn(Dictionary* userInfo)
+{
+    return userInfo ? userInfo->objectForKey<String>(VXAPIRequestIdentifierKey) : nullptr;
+}
+
+} // namespace
+
+void VXAPIController::velvoxAPIDidFinishWithData(VXVelvoxAPI&, Data* data, Object*, Dictionary* userInfo)
+{
+    excuteCallbacksAndRemoveRequestWithData(data, nullptr, requestIdentifierIn(userInfo));
+}
+
+void VXAPIController::velvoxAPIDidFailWithError(VXVelvoxAPI&, Error* error, Object*, Dictionary* userInfo)
+{
+    Ref protectedThis { *this };
+    RefPtr<Error> protectedError = error;
+    excuteCallbacksAndRemoveRequestWithData(nullptr, error, requestIdentifierIn(userInfo));
+    if (error && error->code() == 401)
+        VXLog("VXAPIController could not complete request, because the API is not correctly authenticed.");
+}
+
+void VXAPIController::velvoxAPIDidReceiveData(VXVelvoxAPI&, Data*, Object*, Dictionary*)
+{
+}
+
+void VXAPIController::velvoxAPIDidReceiveBytes(VXVelvoxAPI&, uint64_t, uint64_t, Object*, Dictionary*)
+{
+}
+
+void VXAPIController::velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object*, Dictionary* userInfo)
+{
+    auto* identifier = requestIdentifierIn(userInfo);
+    auto* callers = identifier ? dynamicDowncast<Array>(m_runningConnections->objectForKey(identifier)) : nullptr;
+    // A client never reports zero bytes sent; such a call is ignored rather than divided by.
+    if (!callers || !bytes)
+        return;
+    Ref protectedThis { *this };
+    Ref<Array> snapshot = callers->copy();
+    float progress = static_cast<float>(static_cast<double>(total / bytes));
+    for (auto* caller : *snapshot) {
+        auto* info = dynamicDowncast<Dictionary>(caller);
+        if (auto* block = info ? dynamicDowncast<VXAPIProgressBlockObject>(info->objectForKey(VXAPIProgressBlockKey)) : nullptr)
+            (*block)(this, progress);
+    }
+}
+
+// MARK: Endpoints
+
+void VXAPIController::send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    // A null block cannot be stored: the dictionary raises, before anything is sent.
+    auto userInfo = Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create(std::move(block)).get() } });
+    performMethod(*String::create(method), *String::create(resource), parameters, nullptr, userInfo.ptr());
+}
+
+void VXAPIController::meUserRessouce(VXAPICallbackBlock block)
+{
+    send("GET", "/me", nullptr, std::move(block));
+}
+
+void VXAPIController::favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
+{
+    send("GET", "/me/favorites", parameters, std::move(block));
+}
+
+void VXAPIController::incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
+{
+    send("GET", "/me/activities/tracks", parameters, std::move(block));
+}
+
+void VXAPIController::exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
+{
+    send("GET", "/me/activities/tracks/exclusive", parameters, std::move(block));
+}
+
+void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
+{
+    send("GET", "/me/tracks", parameters, std::move(block));
+}
+
+void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "userIdentifier required for following check");
+    send("GET", format("/me/followings/%@", userIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "userIdentifier required for follower check");
+    send("GET", format("/me/followers/%@", userIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "userIdentifier required to start following a user");
+    send("PUT", format("/me/followings/%@", userIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "userIdentifier required to stop following a user");
+    send("DELETE", format("/me/followings/%@", userIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("GET", format("/users/%@/favorites", userIdentifier), parameters, std::move(block));
+}
+
+void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("GET", format("/users/%@/followers", userIdentifier), parameters, std::move(block));
+}
+
+void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("GET", format("/users/%@/followings", userIdentifier), parameters, std::move(block));
+}
+
+void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("GET", format("/users/%@/connections", userIdentifier), parameters, std::move(block));
+}
+
+void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("GET", format("/users/%@/tracks", userIdentifier), parameters, std::move(block));
+}
+
+void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("GET", format("/users/%@", userIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("PUT", format("me/followings/%@", userIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(userIdentifier, "You need to give a userID");
+    send("DELETE", format("me/followings/%@", userIdentifier), nullptr, std::move(block));
+}
+
+namespace {
+
+Ref<Dictionary> withQuery(Dictionary* parameters, String& query)
+{
+    auto copy = parameters ? parameters->mutableCopy() : MutableDictionary::create();
+    copy->setObject(&query, "q");
+    return copy;
+}
+
+} // namespace
+
+void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(query, "You need to provide a query to search for users");
+    send("GET", "users", withQuery(parameters, *query).ptr(), std::move(block));
+}
+
+void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(trackIdentifier, "You need to give a trackId");
+    send("GET", format("tracks/%@", trackIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock)
+{
+    VXAssert(track, "You need to give track parameters");
+    // As a nil-terminated list: no completion block ends the list at once.
+    auto userInfo = MutableDictionary::create();
+    if (auto completion = VXAPICallbackBlockObject::create(std::move(completionBlock))) {
+        userInfo->setObject(completion.get(), VXAPICallbackBlockKey);
+        if (auto progress = VXAPIProgressBlockObject::create(std::move(progressBlock)))
+            userInfo->setObject(progress.get(), VXAPIProgressBlockKey);
+    }
+    performMethod(*String::create("POST"), *String::create("tracks"), track, nullptr, userInfo->copy().ptr());
+}
+
+void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(trackIdentifier, "You need to give a trackID");
+    send("PUT", format("me/favorites/%@", trackIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(trackIdentifier, "You need to give a trackID");
+    send("DELETE", format("me/favorites/%@", trackIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
+{
+    VXAssert(trackIdentifier, "You need to give a trackID");
+    send("GET", format("tracks/%@/comments", trackIdentifier), nullptr, std::move(block));
+}
+
+void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(trackIdentifier, "You need to provide a trackId to comment on");
+    send("POST", format("tracks/%@/comments", trackIdentifier), parameters, std::move(block));
+}
+
+void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block)
+{
+    VXAssert(query, "You need to provide a query to search for tracks");
+    send("GET", "tracks", withQuery(parameters, *query).ptr(), std::move(block));
+}
+
+} // namespace velvox

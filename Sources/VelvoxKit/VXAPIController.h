@@ -1,0 +1,120 @@
+#pragma once
+
+// The single gateway between the framework and the service. It owns a copy of
+// an authenticated client (VXVelvoxAPI) with itself as delegate, identifies
+// every request by verb, path and sorted parameters, attaches an identical GET
+// issued while one is running to that request instead of sending it again, and
+// when the answer arrives calls every waiting completion block, in the order
+// they were registered, each with its own freshly decoded JSON value.
+//
+// Everything runs on one thread: the callers' and the client's callbacks
+// arrive on the run loop of the thread that issued the requests.
+
+#include <Platform/Block.h>
+#include <Platform/Collections.h>
+#include <Platform/Values.h>
+#include <VelvoxAPI/VXVelvoxAPI.h>
+
+#include <functional>
+#include <mutex>
+#include <string_view>
+
+namespace velvox {
+
+inline constexpr std::string_view VXAPICallbackBlockKey = "VXAPICallbackBlockKey";
+inline constexpr std::string_view VXAPIProgressBlockKey = "VXAPIProgressBlockKey";
+inline constexpr std::string_view VXAPIRequestIdentifierKey = "VXAPIRequestIdentifierKey";
+inline constexpr std::string_view VXRecursiveRequestCallbackException = "VXRecursiveRequestCallbackException";
+
+class VXAPIController;
+
+// Completion: the controller, the decoded answer (dictionary, array or null)
+// and the error (null on success). Called once per caller.
+using VXAPICallbackBlock = std::function<void(VXAPIController*, Object* json, Error* error)>;
+// Upload progress: the controller and total ÷ sent, an integer quotient, as a float.
+using VXAPIProgressBlock = std::function<void(VXAPIController*, float progress)>;
+using VXAPICallbackBlockObject = Block<void(VXAPIController*, Object*, Error*)>;
+using VXAPIProgressBlockObject = Block<void(VXAPIController*, float)>;
+
+// What a remote collection tells the controller when it loads a page.
+class VXAPICollectionRequest {
+public:
+    virtual ~VXAPICollectionRequest() = default;
+    virtual Ref<String> resource() const = 0;
+    virtual RefPtr<Dictionary> requestParameters() const = 0;
+};
+
+class VXAPIController final : public Object, public VXVelvoxAPIDelegate {
+    VX_OBJECT(VXAPIController)
+public:
+    // initWithAPI: keeps a copy of the client made with itself as delegate.
+    // With no client, requests are dropped silently.
+    static Ref<VXAPIController> create(VXVelvoxAPI* api);
+
+    VXVelvoxAPI* api() const { return m_api.get(); }
+    MutableDictionary& runningConnections() const { return m_runningConnections; }
+    void setRunningConnections(MutableDictionary& connections) { m_runningConnections = connections; }
+    RefPtr<String> executingCallbacksRequestIdentifier() const;
+    void setExecutingCallbacksRequestIdentifier(String*);
+
+    // Sends the request unless an identical GET is already running, in which
+    // case the caller shares that request's answer. `userInfo` is the caller's
+    // record: its completion block under VXAPICallbackBlockKey, its progress
+    // block under VXAPIProgressBlockKey. Raises VXRecursiveRequestCallbackException
+    // when a completion block starts a second identical GET during its delivery.
+    void performMethod(const String& method, const String& onResource, Dictionary* withParameters, Object* context, Dictionary* userInfo);
+    // "GET-/me-", "GET-me/favorites-limit=20-offset=0".
+    Ref<String> uniqIdentifierForPerformingMethod(const String& method, const String& onResource, Dictionary* withParameters) const;
+    void excuteCallbacksAndRemoveRequestWithData(Data* data, Error* error, String* requestIdentifier);
+    void loadForCollectionController(const VXAPICollectionRequest&, VXAPICallbackBlock block);
+
+    // The service's operations. Each asserts its required argument, formats
+    // its path, and sends with the given parameters. A null block raises.
+    void meUserRessouce(VXAPICallbackBlock block);
+    void favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
+    void incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
+    void exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
+    void tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
+    void meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
+    void meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
+    void startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
+    void stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
+    void favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
+    void followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
+    void followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
+    void connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
+    void tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
+    void userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block);
+    void followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block);
+    void unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block);
+    void usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block);
+    void trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
+    // POST "tracks" with the track dictionary (Data or file URL values upload as multipart).
+    void postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock);
+    void favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
+    void unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
+    void commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
+    void postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* withParameters, VXAPICallbackBlock block);
+    void tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block);
+
+    // VXVelvoxAPIDelegate
+    void velvoxAPIDidFinishWithData(VXVelvoxAPI&, Data* data, Object* context, Dictionary* userInfo) override;
+    void velvoxAPIDidFailWithError(VXVelvoxAPI&, Error* error, Object* context, Dictionary* userInfo) override;
+    void velvoxAPIDidReceiveData(VXVelvoxAPI&, Data* data, Object* context, Dictionary* userInfo) override;
+    void velvoxAPIDidReceiveBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override;
+    void velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override;
+
+private:
+    VXAPIController();
+    ~VXAPIController() override;
+
+    // The endpoint methods' common road.
+    void send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block);
+
+    RefPtr<VXVelvoxAPI> m_api;
+    mutable Ref<MutableDictionary> m_runningConnections;
+    mutable std::mutex m_executingMutex;
+    RefPtr<String> m_executingCallbacksRequestIdentifier;
+};
+
+} // namespace velvox
