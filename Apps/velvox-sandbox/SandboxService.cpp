@@ -95,6 +95,9 @@ struct SandboxService::Impl {
     void sendError(httplib::Response&, int status, std::string_view message) const;
     template<typename Items>
     void sendPage(const httplib::Request&, httplib::Response&, const Items& items) const;
+    // A page of records built only for the items on it.
+    void sendPage(const httplib::Request&, httplib::Response&, const std::vector<int64_t>& identifiers,
+        const std::function<Ref<Dictionary>(int64_t)>& build) const;
     bool authorized(const httplib::Request&) const;
     // Applies a fault, if one matches; answers whether the request is answered by it.
     bool applyFault(const httplib::Request&, httplib::Response&);
@@ -274,6 +277,20 @@ void SandboxService::Impl::sendPage(const httplib::Request& request, httplib::Re
     auto page = MutableArray::create();
     for (size_t i = offset; i < items.size() && i < offset + limit; ++i)
         page->addObject(items[i].ptr());
+    sendJSON(response, page.ptr());
+}
+
+void SandboxService::Impl::sendPage(const httplib::Request& request, httplib::Response& response, const std::vector<int64_t>& identifiers,
+    const std::function<Ref<Dictionary>(int64_t)>& build) const
+{
+    size_t limit = 50, offset = 0;
+    if (request.has_param("limit"))
+        limit = std::clamp<long>(std::atol(request.get_param_value("limit").c_str()), 0, 200);
+    if (request.has_param("offset"))
+        offset = std::max<long>(0, std::atol(request.get_param_value("offset").c_str()));
+    auto page = MutableArray::create();
+    for (size_t i = offset; i < identifiers.size() && i < offset + limit; ++i)
+        page->addObject(build(identifiers[i]).ptr());
     sendJSON(response, page.ptr());
 }
 
@@ -515,29 +532,29 @@ void SandboxService::Impl::installRoutes()
     server.Get("/users", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         std::string query = lowercase(request.get_param_value("q"));
-        std::vector<Ref<Dictionary>> items;
+        std::vector<int64_t> matches;
         for (auto& [identifier, user] : users) {
             if (lowercase(textOf(*user, "username")).find(query) != std::string::npos || lowercase(textOf(*user, "full_name")).find(query) != std::string::npos)
-                items.push_back(fullUser(identifier));
+                matches.push_back(identifier);
         }
-        sendPage(request, response, items);
+        sendPage(request, response, matches, [this](int64_t identifier) { return fullUser(identifier); });
     });
 
     server.Get("/tracks", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         std::string query = lowercase(request.get_param_value("q"));
-        std::vector<Ref<Dictionary>> items;
+        std::vector<int64_t> matches;
         for (auto& [identifier, track] : tracks) {
             if (textOf(*track, "sharing") == "private")
                 continue;
             for (auto key : { "title", "tag_list", "genre" }) {
                 if (lowercase(textOf(*track, key)).find(query) != std::string::npos) {
-                    items.push_back(fullTrack(identifier));
+                    matches.push_back(identifier);
                     break;
                 }
             }
         }
-        sendPage(request, response, items);
+        sendPage(request, response, matches, [this](int64_t identifier) { return fullTrack(identifier); });
     });
     server.Get(R"(/tracks/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);

@@ -28,6 +28,14 @@ int main(int argc, char** argv)
     json->add_flag("--permit-trailing", jsonOptions.permitTrailing, "Ignore text after the top-level value");
     json->add_option("file", jsonOptions.file, "The input; - or nothing reads standard input")->default_val("-");
 
+    velvox::app::APIOptions apiOptions;
+    auto* api = app.add_subcommand("api", "Send one request to the service (or to a sandbox started in-process) and print the answer.");
+    api->add_option("method", apiOptions.method, "GET, POST, PUT or DELETE")->required();
+    api->add_option("path", apiOptions.path, "The resource path, e.g. /me or tracks/20005")->required();
+    api->add_option("parameters", apiOptions.parameters, "KEY=VALUE, or KEY=@FILE to upload a file");
+    api->add_option("--base-url", apiOptions.baseURL, "The service's base URL; without it a sandbox runs in-process");
+    api->add_option("--token", apiOptions.token, "The OAuth access token");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -43,6 +51,8 @@ int main(int argc, char** argv)
     }
     if (app.got_subcommand(json))
         return velvox::app::runJSON(jsonOptions);
+    if (app.got_subcommand(api))
+        return velvox::app::runAPI(apiOptions);
 
     fputs(app.help().c_str(), stdout);
     return 0;

@@ -38,6 +38,29 @@ std::string percentEncode(std::string_view text)
     return out;
 }
 
+std::string percentDecode(std::string_view text)
+{
+    auto hex = [](char c) -> int {
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
+        return -1;
+    };
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() && hex(text[i + 1]) >= 0 && hex(text[i + 2]) >= 0) {
+            out.push_back(static_cast<char>(hex(text[i + 1]) * 16 + hex(text[i + 2])));
+            i += 2;
+        } else
+            out.push_back(text[i]);
+    }
+    return out;
+}
+
 struct URLLoader::Impl {
     CURLM* multi { nullptr };
     RunLoop* loop { nullptr };

@@ -131,5 +131,7 @@ private:
 
 // Percent-encodes text for a query string or form body (RFC 3986 unreserved characters stay).
 std::string percentEncode(std::string_view);
+// Turns %XX escapes back into bytes; malformed escapes stay as they are.
+std::string percentDecode(std::string_view);
 
 } // namespace velvox

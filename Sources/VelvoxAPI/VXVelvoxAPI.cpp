@@ -103,7 +103,7 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
                 if (auto* data = dynamicDowncast<Data>(entry.object))
                     part.data = data;
                 else if (isUpload(entry.object)) {
-                    part.filePath = downcast<URL>(entry.object)->path();
+                    part.filePath = percentDecode(downcast<URL>(entry.object)->path());
                     part.fileName = lastPathComponent(part.filePath);
                 } else
                     part.text = parameterText(entry.object);

@@ -1,0 +1,127 @@
+// Requests through the API controller, the client and the sandbox service on
+// loopback, and the share of each request that the framework itself costs
+// (controller, request identifier, decoding) beyond the HTTP round trip.
+
+#include <JSONCodec/JSONCodec.h>
+#include <Platform/Platform.h>
+#include <SandboxService.h>
+#include <VelvoxKit/VXAPIController.h>
+
+#include <benchmark/benchmark.h>
+
+using namespace velvox;
+
+namespace {
+
+sandbox::SandboxService& service()
+{
+    static auto* sandbox = [] {
+        auto* sandbox = new sandbox::SandboxService({});
+        std::string error;
+        if (!sandbox->start(&error)) {
+            fprintf(stderr, "cannot start the sandbox: %s\n", error.c_str());
+            exit(1);
+        }
+        return sandbox;
+    }();
+    return *sandbox;
+}
+
+Ref<Dictionary> pageParameters()
+{
+    return Dictionary::create({ { "q", &String::empty() }, { "limit", Number::withInteger(50).ptr() }, { "offset", Number::withInteger(0).ptr() } });
+}
+
+// One page of 50 tracks per request, one request at a time.
+void APIPageRoundTrip(benchmark::State& state)
+{
+    auto client = VXVelvoxAPI::create(service().baseURL(), service().token());
+    auto controller = VXAPIController::create(client.get());
+    auto parameters = pageParameters();
+    size_t items = 0;
+    for (auto _ : state) {
+        bool done = false;
+        controller->performMethod(*String::create("GET"), *String::create("tracks"), parameters.ptr(), nullptr,
+            Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create([&](VXAPIController*, Object* json, Error*) {
+                items = json ? downcast<Array>(json)->count() : 0;
+                done = true;
+            }).get() } }).ptr());
+        RunLoop::current().runUntil([&] { return done; }, 10);
+    }
+    state.counters["requests/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["items"] = static_cast<double>(items);
+}
+BENCHMARK(APIPageRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// The same request straight through the URL loader: the HTTP round trip alone.
+void HTTPPageRoundTrip(benchmark::State& state)
+{
+    URLRequest request;
+    request.url = service().baseURL() + "/tracks?q=&limit=50&offset=0";
+    request.headers = { { "Authorization", "OAuth " + service().token() } };
+    size_t bytes = 0;
+    for (auto _ : state) {
+        bool done = false;
+        URLTaskCallbacks callbacks;
+        callbacks.didComplete = [&](URLResponse* response, Error*) {
+            bytes = response ? response->body().length() : 0;
+            done = true;
+        };
+        auto task = URLLoader::current().start(request, std::move(callbacks));
+        RunLoop::current().runUntil([&] { return done; }, 10);
+    }
+    state.counters["requests/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["bytes"] = static_cast<double>(bytes);
+}
+BENCHMARK(HTTPPageRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// A client that answers at once with a recorded page: what the framework adds per request.
+class InstantAPI final : public VXVelvoxAPI {
+public:
+    static Ref<InstantAPI> create(Ref<Data> page) { return adoptRef(*new InstantAPI(std::move(page))); }
+    Ref<VXVelvoxAPI> copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate) const override
+    {
+        auto copy = create(m_page);
+        copy->setDelegate(delegate);
+        return copy;
+    }
+    void performMethod(const String&, const String&, Dictionary*, Object* context, Dictionary* userInfo) override
+    {
+        delegate()->velvoxAPIDidFinishWithData(*this, m_page.ptr(), context, userInfo);
+    }
+
+private:
+    explicit InstantAPI(Ref<Data> page)
+        : VXVelvoxAPI("http://instant.test", "token")
+        , m_page(std::move(page))
+    {
+    }
+    Ref<Data> m_page;
+};
+
+void APIFrameworkOverhead(benchmark::State& state)
+{
+    // Record the page once from the sandbox.
+    RefPtr<Data> page;
+    URLRequest request;
+    request.url = service().baseURL() + "/tracks?q=&limit=50&offset=0";
+    request.headers = { { "Authorization", "OAuth " + service().token() } };
+    URLTaskCallbacks callbacks;
+    callbacks.didComplete = [&](URLResponse* response, Error*) { page = response ? &response->body() : nullptr; };
+    auto task = URLLoader::current().start(request, std::move(callbacks));
+    RunLoop::current().runUntil([&] { return !!page; }, 10);
+    auto controller = VXAPIController::create(InstantAPI::create(*page).ptr());
+    auto parameters = pageParameters();
+    for (auto _ : state) {
+        controller->performMethod(*String::create("GET"), *String::create("tracks"), parameters.ptr(), nullptr,
+            Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create([&](VXAPIController*, Object* json, Error*) {
+                benchmark::DoNotOptimize(json);
+            }).get() } }).ptr());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * page->length()));
+}
+BENCHMARK(APIFrameworkOverhead)->Unit(benchmark::kMicrosecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
