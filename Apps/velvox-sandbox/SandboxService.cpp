@@ -93,8 +93,6 @@ struct SandboxService::Impl {
     // Answers.
     void sendJSON(httplib::Response&, Object* value, int status = 200) const;
     void sendError(httplib::Response&, int status, std::string_view message) const;
-    template<typename Items>
-    void sendPage(const httplib::Request&, httplib::Response&, const Items& items) const;
     // A page of records built only for the items on it.
     void sendPage(const httplib::Request&, httplib::Response&, const std::vector<int64_t>& identifiers,
         const std::function<Ref<Dictionary>(int64_t)>& build) const;
@@ -266,20 +264,6 @@ void SandboxService::Impl::sendError(httplib::Response& response, int status, st
     sendJSON(response, Dictionary::create({ { "errors", Array::create({ error.ptr() }).ptr() } }).ptr(), status);
 }
 
-template<typename Items>
-void SandboxService::Impl::sendPage(const httplib::Request& request, httplib::Response& response, const Items& items) const
-{
-    size_t limit = 50, offset = 0;
-    if (request.has_param("limit"))
-        limit = std::clamp<long>(std::atol(request.get_param_value("limit").c_str()), 0, 200);
-    if (request.has_param("offset"))
-        offset = std::max<long>(0, std::atol(request.get_param_value("offset").c_str()));
-    auto page = MutableArray::create();
-    for (size_t i = offset; i < items.size() && i < offset + limit; ++i)
-        page->addObject(items[i].ptr());
-    sendJSON(response, page.ptr());
-}
-
 void SandboxService::Impl::sendPage(const httplib::Request& request, httplib::Response& response, const std::vector<int64_t>& identifiers,
     const std::function<Ref<Dictionary>(int64_t)>& build) const
 {
@@ -377,58 +361,58 @@ void SandboxService::Impl::installRoutes()
     });
 
     auto identifier = [](const httplib::Request& request, size_t group = 1) { return std::stoll(request.matches[group].str()); };
+    // Lists are identifiers; only the records on the page asked for are built.
     auto userTracks = [this](int64_t user) {
-        std::vector<Ref<Dictionary>> items;
+        std::vector<int64_t> identifiers;
         for (auto it = tracks.rbegin(); it != tracks.rend(); ++it) {
             if (integerOf(*it->second, "user_id") == user)
-                items.push_back(fullTrack(it->first));
+                identifiers.push_back(it->first);
         }
-        return items;
+        return identifiers;
     };
     auto userFavorites = [this](int64_t user) {
-        std::vector<Ref<Dictionary>> items;
+        std::vector<int64_t> identifiers;
         for (auto& [owner, track] : favorites) {
             if (owner == user && tracks.count(track))
-                items.push_back(fullTrack(track));
+                identifiers.push_back(track);
         }
-        return items;
+        return identifiers;
     };
-    auto followersOf = [this](int64_t user) {
-        std::vector<Ref<Dictionary>> items;
+    // The users who follow `user`, or whom `user` follows.
+    auto relatedUsers = [this](int64_t user, bool followers) {
+        std::vector<int64_t> identifiers;
         for (auto& [follower, followed] : follows) {
-            if (followed == user && users.count(follower))
-                items.push_back(fullUser(follower));
+            int64_t self = followers ? followed : follower;
+            int64_t other = followers ? follower : followed;
+            if (self == user && users.count(other))
+                identifiers.push_back(other);
         }
-        return items;
+        return identifiers;
     };
-    auto followingsOf = [this](int64_t user) {
-        std::vector<Ref<Dictionary>> items;
-        for (auto& [follower, followed] : follows) {
-            if (follower == user && users.count(followed))
-                items.push_back(fullUser(followed));
-        }
-        return items;
-    };
+    auto followersOf = [relatedUsers](int64_t user) { return relatedUsers(user, true); };
+    auto followingsOf = [relatedUsers](int64_t user) { return relatedUsers(user, false); };
+    std::function<Ref<Dictionary>(int64_t)> buildTrack = [this](int64_t identifier) { return fullTrack(identifier); };
+    std::function<Ref<Dictionary>(int64_t)> buildUser = [this](int64_t identifier) { return fullUser(identifier); };
 
     server.Get("/me", [this](const httplib::Request&, httplib::Response& response) {
         std::lock_guard lock(mutex);
         sendJSON(response, fullUser(me).ptr());
     });
-    server.Get("/me/tracks", [this, userTracks](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/tracks", [this, userTracks, buildTrack](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, userTracks(me));
+        sendPage(request, response, userTracks(me), buildTrack);
     });
-    server.Get("/me/favorites", [this, userFavorites](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/favorites", [this, userFavorites, buildTrack](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, userFavorites(me));
+        sendPage(request, response, userFavorites(me), buildTrack);
     });
-    server.Get("/me/followers", [this, followersOf](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/followers", [this, followersOf, buildUser](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, followersOf(me));
+        sendPage(request, response, followersOf(me), buildUser);
     });
-    server.Get("/me/followings", [this, followingsOf](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/followings", [this, followingsOf, buildUser](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, followingsOf(me));
+        sendPage(request, response, followingsOf(me), buildUser);
     });
 
     // Follow checks: the user's record when the relation holds, else 404.
@@ -506,7 +490,7 @@ void SandboxService::Impl::installRoutes()
         sendJSON(response, fullUser(user).ptr());
     });
     server.Get(R"(/users/(\d+)/(tracks|favorites|followers|followings|connections))",
-        [this, identifier, userTracks, userFavorites, followersOf, followingsOf](const httplib::Request& request, httplib::Response& response) {
+        [this, identifier, userTracks, userFavorites, followersOf, followingsOf, buildTrack, buildUser](const httplib::Request& request, httplib::Response& response) {
             std::lock_guard lock(mutex);
             int64_t user = identifier(request);
             if (!users.count(user))
@@ -517,19 +501,19 @@ void SandboxService::Impl::installRoutes()
                 auto items = userTracks(user);
                 if (request.has_param("q")) {
                     std::string query = lowercase(request.get_param_value("q"));
-                    std::erase_if(items, [&](auto& track) { return lowercase(textOf(*track, "title")).find(query) == std::string::npos; });
+                    std::erase_if(items, [&](int64_t track) { return lowercase(textOf(*tracks.at(track), "title")).find(query) == std::string::npos; });
                 }
-                return sendPage(request, response, items);
+                return sendPage(request, response, items, buildTrack);
             }
             if (list == "favorites")
-                return sendPage(request, response, userFavorites(user));
+                return sendPage(request, response, userFavorites(user), buildTrack);
             if (list == "followers")
-                return sendPage(request, response, followersOf(user));
+                return sendPage(request, response, followersOf(user), buildUser);
             if (list == "followings")
-                return sendPage(request, response, followingsOf(user));
-            sendPage(request, response, std::vector<Ref<Dictionary>> {});
+                return sendPage(request, response, followingsOf(user), buildUser);
+            sendPage(request, response, std::vector<int64_t> {}, buildUser);
         });
-    server.Get("/users", [this](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/users", [this, buildUser](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         std::string query = lowercase(request.get_param_value("q"));
         std::vector<int64_t> matches;
@@ -537,10 +521,10 @@ void SandboxService::Impl::installRoutes()
             if (lowercase(textOf(*user, "username")).find(query) != std::string::npos || lowercase(textOf(*user, "full_name")).find(query) != std::string::npos)
                 matches.push_back(identifier);
         }
-        sendPage(request, response, matches, [this](int64_t identifier) { return fullUser(identifier); });
+        sendPage(request, response, matches, buildUser);
     });
 
-    server.Get("/tracks", [this](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/tracks", [this, buildTrack](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         std::string query = lowercase(request.get_param_value("q"));
         std::vector<int64_t> matches;
@@ -554,7 +538,7 @@ void SandboxService::Impl::installRoutes()
                 }
             }
         }
-        sendPage(request, response, matches, [this](int64_t identifier) { return fullTrack(identifier); });
+        sendPage(request, response, matches, buildTrack);
     });
     server.Get(R"(/tracks/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
@@ -568,22 +552,22 @@ void SandboxService::Impl::installRoutes()
         int64_t track = identifier(request);
         if (!tracks.count(track))
             return sendError(response, 404, "404 - Not Found");
-        std::vector<Ref<Dictionary>> items;
-        for (auto& comment : comments) {
-            if (integerOf(*comment, "track_id") == track)
-                items.push_back(commentRecord(*comment));
+        std::vector<int64_t> indices;
+        for (size_t i = 0; i < comments.size(); ++i) {
+            if (integerOf(*comments[i], "track_id") == track)
+                indices.push_back(static_cast<int64_t>(i));
         }
-        sendPage(request, response, items);
+        sendPage(request, response, indices, [this](int64_t index) { return commentRecord(*comments[index]); });
     });
-    server.Get(R"(/tracks/(\d+)/favoriters)", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Get(R"(/tracks/(\d+)/favoriters)", [this, identifier, buildUser](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         int64_t track = identifier(request);
-        std::vector<Ref<Dictionary>> items;
+        std::vector<int64_t> favoriters;
         for (auto& [user, favorite] : favorites) {
             if (favorite == track && users.count(user))
-                items.push_back(fullUser(user));
+                favoriters.push_back(user);
         }
-        sendPage(request, response, items);
+        sendPage(request, response, favoriters, buildUser);
     });
     server.Post(R"(/tracks/(\d+)/comments)", [this, identifier](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);

@@ -238,6 +238,8 @@ private:
     static void jc_cache_age(JCParseState*);
     static void jc_objectStack_setToStackBuffer(JCObjectStack*, Object** objects, Object** keys, size_t* hashes, size_t count);
     static bool jc_objectStack_resize(JCObjectStack*, size_t newCount);
+    // Grows the stack by 128 entries when fewer than 4 are left; records the error when it cannot.
+    static bool jc_objectStack_makeRoom(JCParseState*, std::string_view failureFormat, long line);
     static void jc_objectStack_release(JCObjectStack*);
     static bool growTokenBuffer(JCParseState*, size_t needed);
 };
@@ -329,6 +331,15 @@ bool JCParser::jc_objectStack_resize(JCObjectStack* stack, size_t newCount)
     stack->count = newCount;
     stack->flags = JCObjectStack::JCObjectStackOnHeap | JCObjectStack::JCObjectStackMustFree;
     return true;
+}
+
+bool JCParser::jc_objectStack_makeRoom(JCParseState* state, std::string_view failureFormat, long line)
+{
+    auto& stack = state->objectStack;
+    if (stack.index <= stack.count - 4 || jc_objectStack_resize(&stack, stack.count + 128))
+        return true;
+    jc_error(state, failureFormat, stack.count - 4, sourcePath, line);
+    return false;
 }
 
 void JCParser::jc_objectStack_release(JCObjectStack* stack)
@@ -1059,13 +1070,8 @@ Object* JCParser::jc_parse_array(JCParseState* state)
     Object* parsedArray = nullptr;
 
     while (!state->error && state->atIndex < state->stringLength) {
-        if (stack.index > stack.count - 4) {
-            if (!jc_objectStack_resize(&stack, stack.count + 128)) {
-                jc_error(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", stack.count - 4, sourcePath,
-                    static_cast<long>(__LINE__));
-                break;
-            }
-        }
+        if (!jc_objectStack_makeRoom(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", __LINE__))
+            break;
         if (!jc_parse_next_token(state))
             break;
         uint8_t type = state->token.type;
@@ -1120,13 +1126,8 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
     Object* parsedDictionary = nullptr;
 
     while (!state->error && state->atIndex < state->stringLength) {
-        if (stack.index > stack.count - 4) {
-            if (!jc_objectStack_resize(&stack, stack.count + 128)) {
-                jc_error(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", stack.count - 4, sourcePath,
-                    static_cast<long>(__LINE__));
-                break;
-            }
-        }
+        if (!jc_objectStack_makeRoom(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", __LINE__))
+            break;
         if (!jc_parse_next_token(state))
             break;
         uint8_t type = state->token.type;

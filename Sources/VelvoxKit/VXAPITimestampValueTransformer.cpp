@@ -88,11 +88,9 @@ Ref<String> VXAPITimestampValueTransformer::stringFromDate(const Date& date)
 
 RefPtr<Object> VXAPITimestampValueTransformer::transformedValue(Object* value) const
 {
-    if (!value)
-        return nullptr;
-    auto* string = dynamicDowncast<String>(value);
+    auto* string = detail::stringInput(value);
     if (!string)
-        detail::raiseForValue("Value (%@) does is not of class NSString.", value);
+        return nullptr;
     if (string->isEmpty())
         return nullptr;
     return dateFromString(string->view());
@@ -100,10 +98,8 @@ RefPtr<Object> VXAPITimestampValueTransformer::transformedValue(Object* value) c
 
 RefPtr<Object> VXAPITimestampValueTransformer::reverseTransformedValue(Object* value) const
 {
-    auto* date = dynamicDowncast<Date>(value);
-    if (!date)
-        detail::raiseForValue("Value (%@) does is not of class NSDate.", value);
-    return stringFromDate(*date);
+    auto& dateValue = detail::requireInput<Date>(value, "Value (%@) does is not of class NSDate.");
+    return stringFromDate(dateValue);
 }
 
 } // namespace velvox

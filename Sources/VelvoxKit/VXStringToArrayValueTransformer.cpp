@@ -28,11 +28,9 @@ const ClassInfo& VXStringToArrayValueTransformer::transformedValueClass() const
 
 RefPtr<Object> VXStringToArrayValueTransformer::transformedValue(Object* value) const
 {
-    if (!value)
-        return nullptr;
-    auto* string = dynamicDowncast<String>(value);
+    auto* string = detail::stringInput(value);
     if (!string)
-        detail::raiseForValue("Value (%@) does is not of class NSString.", value);
+        return nullptr;
     if (string->isEmpty())
         return Array::create();
     return string->componentsSeparatedByString(m_separatorString->view());
@@ -40,10 +38,8 @@ RefPtr<Object> VXStringToArrayValueTransformer::transformedValue(Object* value) 
 
 RefPtr<Object> VXStringToArrayValueTransformer::reverseTransformedValue(Object* value) const
 {
-    auto* array = dynamicDowncast<Array>(value);
-    if (!array)
-        detail::raiseForValue("Value (%@) does is not of class NSArray.", value);
-    return array->componentsJoinedByString(m_separatorString->view());
+    auto& arrayValue = detail::requireInput<Array>(value, "Value (%@) does is not of class NSArray.");
+    return arrayValue.componentsJoinedByString(m_separatorString->view());
 }
 
 } // namespace velvox

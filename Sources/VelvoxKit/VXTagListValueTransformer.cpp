@@ -24,11 +24,9 @@ const ClassInfo& VXTagListValueTransformer::transformedValueClass() const
 
 RefPtr<Object> VXTagListValueTransformer::transformedValue(Object* value) const
 {
-    if (!value)
-        return nullptr;
-    auto* string = dynamicDowncast<String>(value);
+    auto* string = detail::stringInput(value);
     if (!string)
-        detail::raiseForValue("Value (%@) does is not of class NSString.", value);
+        return nullptr;
     if (string->isEmpty())
         return Array::create();
     return componentsSeparatedByWhitespacePreservingQuotations(*string);
@@ -36,12 +34,10 @@ RefPtr<Object> VXTagListValueTransformer::transformedValue(Object* value) const
 
 RefPtr<Object> VXTagListValueTransformer::reverseTransformedValue(Object* value) const
 {
-    auto* array = dynamicDowncast<Array>(value);
-    if (!array)
-        detail::raiseForValue("Value (%@) does is not of class NSArray.", value);
+    auto& arrayValue = detail::requireInput<Array>(value, "Value (%@) does is not of class NSArray.");
     std::string text;
     size_t index = 0;
-    for (auto* tag : *array) {
+    for (auto* tag : arrayValue) {
         if (index++)
             text.push_back(' ');
         // The element's text is formatted with "%@" and no argument, so every

@@ -25,11 +25,9 @@ const ClassInfo& VXURLStringValueTransformer::transformedValueClass() const
 
 RefPtr<Object> VXURLStringValueTransformer::transformedValue(Object* value) const
 {
-    if (!value)
-        return nullptr;
-    auto* string = dynamicDowncast<String>(value);
+    auto* string = detail::stringInput(value);
     if (!string)
-        detail::raiseForValue("Value (%@) does is not of class NSString.", value);
+        return nullptr;
     if (string->isEmpty())
         return nullptr;
     return URL::create(string->view());
@@ -37,10 +35,8 @@ RefPtr<Object> VXURLStringValueTransformer::transformedValue(Object* value) cons
 
 RefPtr<Object> VXURLStringValueTransformer::reverseTransformedValue(Object* value) const
 {
-    auto* url = dynamicDowncast<URL>(value);
-    if (!url)
-        detail::raiseForValue("Value (%@) does is not of class NSURL.", value);
-    return url->absoluteString();
+    auto& urlValue = detail::requireInput<URL>(value, "Value (%@) does is not of class NSURL.");
+    return urlValue.absoluteString();
 }
 
 } // namespace velvox

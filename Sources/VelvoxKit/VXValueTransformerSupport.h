@@ -19,6 +19,28 @@ namespace velvox::detail {
     Exception::raise(InternalInconsistencyException, format, static_cast<const Object*>(nullptr));
 }
 
+// The forward preamble of the transformers that read strings: an absent value
+// gives null, a string itself, any other value raises.
+inline String* stringInput(Object* value)
+{
+    if (!value)
+        return nullptr;
+    auto* string = dynamicDowncast<String>(value);
+    if (!string)
+        raiseForValue("Value (%@) does is not of class NSString.", value);
+    return string;
+}
+
+// The reverse preamble: the value must be of kind T (an absent one included).
+template<typename T>
+T& requireInput(Object* value, std::string_view message)
+{
+    auto* typed = dynamicDowncast<T>(value);
+    if (!typed)
+        raiseForValue(message, value);
+    return *typed;
+}
+
 // The classes that answer intValue, integerValue and doubleValue.
 inline bool answersNumericValue(const Object* value)
 {
@@ -57,11 +79,9 @@ struct EnumerationName {
 template<size_t N>
 RefPtr<Object> enumerationFromString(Object* value, const EnumerationName (&table)[N])
 {
-    if (!value)
-        return Number::withInteger(0);
-    auto* string = dynamicDowncast<String>(value);
+    auto* string = stringInput(value);
     if (!string)
-        raiseForValue("Value (%@) does is not of class NSString.", value);
+        return Number::withInteger(0);
     for (auto& entry : table) {
         if (string->view() == entry.name)
             return Number::withInteger(entry.value);
