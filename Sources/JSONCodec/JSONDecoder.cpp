@@ -111,6 +111,50 @@ inline const uint8_t* skipPlainASCII(const uint8_t* at, const uint8_t* end)
     return at;
 }
 
+// Equality of two byte runs of one length; short runs without a call.
+inline bool bytesEqual(const uint8_t* a, const uint8_t* b, size_t length)
+{
+    if (length <= 16) {
+        auto load64 = [](const uint8_t* p) {
+            uint64_t value;
+            memcpy(&value, p, 8);
+            return value;
+        };
+        auto load32 = [](const uint8_t* p) {
+            uint32_t value;
+            memcpy(&value, p, 4);
+            return value;
+        };
+        if (length >= 8)
+            return load64(a) == load64(b) && load64(a + length - 8) == load64(b + length - 8);
+        if (length >= 4)
+            return load32(a) == load32(b) && load32(a + length - 4) == load32(b + length - 4);
+        for (size_t i = 0; i < length; ++i) {
+            if (a[i] != b[i])
+                return false;
+        }
+        return true;
+    }
+    return !memcmp(a, b, length);
+}
+
+// Skips a run of blanks, sixteen at a time.
+inline size_t skipBlanks(const uint8_t* bytes, size_t at, size_t length)
+{
+#ifdef __SSE2__
+    const __m128i blank = _mm_set1_epi8(' ');
+    while (length - at >= 16) {
+        int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + at)), blank));
+        if (mask != 0xFFFF)
+            return at + __builtin_ctz(static_cast<unsigned>(~mask));
+        at += 16;
+    }
+#endif
+    while (at < length && bytes[at] == ' ')
+        ++at;
+    return at;
+}
+
 } // namespace
 
 struct JCConstPtrRange {
@@ -387,7 +431,11 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
     // The common cases inline: blanks, tabs and LF.
     while (at < length) {
         uint8_t c = bytes[at];
-        if (c == ' ' || c == '\t') {
+        if (c == ' ') {
+            at = skipBlanks(bytes, at + 1, length);
+            continue;
+        }
+        if (c == '\t') {
             ++at;
             continue;
         }
@@ -973,7 +1021,7 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
             slotBucket = bucket;
             break;
         }
-        if (item.hash == hash && item.size == length && item.type == value.type && !memcmp(item.bytes, value.ptrRange.ptr, length)) {
+        if (item.hash == hash && item.size == length && item.type == value.type && bytesEqual(item.bytes, value.ptrRange.ptr, length)) {
             cache.age[bucket] = static_cast<uint8_t>(cache.age[bucket] * 2 + 1);
             value.cacheItem = &item;
             item.object->ref();

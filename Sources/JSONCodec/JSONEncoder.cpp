@@ -39,7 +39,11 @@ struct JCEncodeState {
     long depth { 0 };
     size_t nesting { 0 };
     RefPtr<Error> error;
-    WriteOne write1 { nullptr };
+    WriteOne write1Slow { nullptr };
+    bool pretty { false };
+
+    // The single-character writer: the pretty one, or a plain store.
+    bool write1(int depthChange, char character);
 };
 
 template<typename... Args>
@@ -90,6 +94,16 @@ bool jc_encode_write1fast(JCEncodeState* state, int, char character)
     if (!ensure(state, 16, 1024))
         return false;
     state->stringBuffer.bytes[state->atIndex++] = static_cast<uint8_t>(character);
+    return true;
+}
+
+inline bool JCEncodeState::write1(int depthChange, char character)
+{
+    if (pretty) [[unlikely]]
+        return write1Slow(this, depthChange, character);
+    if (atIndex + 16 > stringBuffer.length) [[unlikely]]
+        return jc_encode_write1fast(this, depthChange, character);
+    stringBuffer.bytes[atIndex++] = static_cast<uint8_t>(character);
     return true;
 }
 
@@ -263,11 +277,11 @@ bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object);
 
 bool encodeArray(JCEncodeState* state, const Array& array)
 {
-    if (!state->write1(state, 1, '['))
+    if (!state->write1(1, '['))
         return false;
     size_t count = array.count();
     auto writeElement = [&](Object* element, size_t index) {
-        if (index && !state->write1(state, 0, ','))
+        if (index && !state->write1(0, ','))
             return false;
         return jc_encode_add_atom_to_buffer(state, element);
     };
@@ -285,25 +299,41 @@ bool encodeArray(JCEncodeState* state, const Array& array)
                 return false;
         }
     }
-    return state->write1(state, -1, ']');
+    return state->write1(-1, ']');
 }
 
 bool encodeDictionary(JCEncodeState* state, const Dictionary& dictionary)
 {
-    if (!state->write1(state, 1, '{'))
+    if (!state->write1(1, '{'))
         return false;
-    size_t index = 0;
-    for (auto& entry : dictionary) {
-        if (index++ && !state->write1(state, 0, ','))
+    auto writePair = [&](Object* key, Object* object, size_t index) {
+        if (index && !state->write1(0, ','))
             return false;
-        if (!is<String>(entry.key)) {
+        if (key->classInfo() != &String::s_info && !is<String>(key)) {
             jc_encode_error(state, "Key must be a string object.");
             return false;
         }
-        if (!jc_encode_add_atom_to_buffer(state, entry.key) || !state->write1(state, 0, ':') || !jc_encode_add_atom_to_buffer(state, entry.object))
-            return false;
+        return jc_encode_add_atom_to_buffer(state, key) && state->write1(0, ':') && jc_encode_add_atom_to_buffer(state, object);
+    };
+    size_t count = dictionary.count();
+    // The codec's own dictionaries hand over up to 1020 entries in one call.
+    const JCDictionary* codecDictionary = dictionary.classInfo() == &JCDictionary::s_info ? static_cast<const JCDictionary*>(&dictionary) : nullptr;
+    if (codecDictionary && count <= 1020) {
+        Object* keys[1020];
+        Object* objects[1020];
+        size_t got = codecDictionary->getObjects(count, objects, keys);
+        for (size_t i = 0; i < got; ++i) {
+            if (!writePair(keys[i], objects[i], i))
+                return false;
+        }
+    } else {
+        size_t index = 0;
+        for (auto& entry : dictionary) {
+            if (!writePair(entry.key, entry.object, index++))
+                return false;
+        }
     }
-    return state->write1(state, -1, '}');
+    return state->write1(-1, '}');
 }
 
 bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
@@ -316,7 +346,13 @@ bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
             jc_encode_error(state, "Unable to resize temporary buffer.");
             return false;
         }
-        memcpy(state->stringBuffer.bytes + state->atIndex, state->stringBuffer.bytes + cached.offset, cached.length);
+        uint8_t* buffer = state->stringBuffer.bytes;
+        // Most repeats are short (numbers, keys): a fixed 16-byte copy needs no call. The
+        // buffer has at least 256 bytes of room past atIndex, and the copied text lies before it.
+        if (cached.length <= 16)
+            memmove(buffer + state->atIndex, buffer + cached.offset, 16);
+        else
+            memcpy(buffer + state->atIndex, buffer + cached.offset, cached.length);
         state->atIndex += cached.length;
         return true;
     }
@@ -327,13 +363,14 @@ bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
         ok = encodeString(state, *static_cast<String*>(object));
     else if (info == &Number::s_info)
         ok = encodeNumber(state, *static_cast<Number*>(object));
-    else if (info == &JCDictionary::s_info || info == &JCArray::s_info || is<Dictionary>(object) || is<Array>(object)) {
+    else if (bool isDictionary = info == &JCDictionary::s_info || (info != &JCArray::s_info && is<Dictionary>(object));
+             isDictionary || info == &JCArray::s_info || is<Array>(object)) {
         // Bounded, so that a hostile tree cannot exhaust the stack.
         if (++state->nesting > maximumDepth) {
             jc_encode_error(state, "Nesting is deeper than %zu levels.", maximumDepth);
             return false;
         }
-        if (is<Dictionary>(object))
+        if (isDictionary)
             ok = encodeDictionary(state, *static_cast<Dictionary*>(object));
         else
             ok = encodeArray(state, *static_cast<Array*>(object));
@@ -373,7 +410,8 @@ RefPtr<Object> jc_encode(Object* object, JCSerializeOptionFlags options, int enc
     auto* state = &encodeState;
     uint8_t stackBuffer[4096];
     state->serializeOptionFlags = options;
-    state->write1 = (options & JCSerializeOptionPretty) ? jc_encode_write1slow : jc_encode_write1fast;
+    state->pretty = options & JCSerializeOptionPretty;
+    state->write1Slow = jc_encode_write1slow;
     state->stringBuffer.roundSizeUpToMultipleOf = 32768;
     state->stringBuffer.setToStackBuffer(stackBuffer, sizeof(stackBuffer));
 
