@@ -13,7 +13,7 @@ def main(path):
         if run.get("run_type") == "aggregate" and run.get("aggregate_name") != "median":
             continue
         speed = run.get("bytes_per_second", 0) / 1e6
-        results[name] = (speed, run.get("allocs"), run.get("allocs_fresh_decoder"))
+        results[name] = (speed, run.get("allocs"), run.get("allocs_fresh_decoder"), run.get("objects"), run.get("objects_fresh_decoder"))
     table = defaultdict(dict)
     files, peers = [], []
     for name, value in results.items():
@@ -42,7 +42,14 @@ def main(path):
         row = table[("Decode", f)]
         cells = [f"{row[p][1]:.0f}" if p in row and row[p][1] is not None else "–" for p in peers]
         fresh = row.get("VelvoxKit", (0, None, None))[2]
-        print(f"| {f} | " + " | ".join(cells) + f" | {fresh:.0f} |" if fresh is not None else " | – |")
+        print(f"| {f} | " + " | ".join(cells) + (f" | {fresh:.0f} |" if fresh is not None else " | – |"))
+    print("\n### Objects made per decode by VelvoxKit (strings, numbers, arrays, dictionaries)\n")
+    print("| file | with a warm decoder (its cache filled by an earlier parse) | with a fresh decoder |")
+    print("|---|---|---|")
+    for f in files:
+        ours = table[("Decode", f)].get("VelvoxKit")
+        if ours and ours[3] is not None:
+            print(f"| {f} | {ours[3]:.0f} | {ours[4]:.0f} |")
 
 if __name__ == "__main__":
     main(sys.argv[1])

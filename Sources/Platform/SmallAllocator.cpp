@@ -38,6 +38,7 @@ struct Lists {
 
 thread_local bool Lists::s_destroyed = false;
 thread_local Lists t_lists;
+thread_local uint64_t t_allocations = 0;
 
 inline size_t classOf(size_t size)
 {
@@ -46,8 +47,14 @@ inline size_t classOf(size_t size)
 
 } // namespace
 
+uint64_t smallAllocationCount()
+{
+    return t_allocations;
+}
+
 void* allocateSmall(size_t size)
 {
+    ++t_allocations;
     size_t sizeClass = classOf(size);
     if (size <= largestSmall && !Lists::s_destroyed) {
         auto& lists = t_lists;
