@@ -191,7 +191,7 @@ TEST(ValueTransformers, TimeInterval)
     EXPECT_EQ(value(Number::withDouble(1500.9)), 1.5);
     EXPECT_EQ(value(Number::withDouble(-1500.9)), -1.5);
     EXPECT_EQ(value(String::create("2500")), 2.5);
-    auto reverse = [&](Object* input) { return downcast<Number>(milliseconds->reverseTransformedValue(input).get()); };
+    auto reverse = [&](Object* input) -> RefPtr<Number> { return downcast<Number>(milliseconds->reverseTransformedValue(input).get()); };
     EXPECT_EQ(reverse(Number::withDouble(0.0015))->integerValue(), 1);
     EXPECT_EQ(reverse(Number::withDouble(1.5))->integerValue(), 1500);
     EXPECT_EQ(reverse(Number::withDouble(-0.0019))->integerValue(), -1);
@@ -211,7 +211,8 @@ TEST(ValueTransformers, NumberToString)
     EXPECT_EQ(text(transformer->transformedValue(Number::withInteger(123))), "123");
     EXPECT_EQ(text(transformer->transformedValue(Number::withDouble(12.5))), "12.5");
     EXPECT_EQ(text(transformer->transformedValue(nullptr)), "(nil)");
-    auto reversed = downcast<Number>(transformer->reverseTransformedValue(String::create("123")).get());
+    auto reversedObject = transformer->reverseTransformedValue(String::create("123"));
+    auto* reversed = downcast<Number>(reversedObject.get());
     EXPECT_EQ(reversed->objCType(), 'd');
     EXPECT_EQ(reversed->doubleValue(), 123.0);
     EXPECT_EQ(downcast<Number>(transformer->reverseTransformedValue(nullptr).get())->doubleValue(), 0.0);
