@@ -661,6 +661,9 @@ bool SandboxService::start(std::string* error)
     // Headers and body go out in separate writes: without this, Nagle's
     // algorithm holds the body back for a delayed acknowledgement (40 ms).
     impl.server.set_tcp_nodelay(true);
+    // Idle kept-alive connections hold a worker until they time out, and stop()
+    // waits for the workers: keep that wait short.
+    impl.server.set_keep_alive_timeout(1);
     impl.port = impl.options.port ? (impl.server.bind_to_port("127.0.0.1", impl.options.port) ? impl.options.port : -1)
                                   : impl.server.bind_to_any_port("127.0.0.1");
     if (impl.port <= 0) {

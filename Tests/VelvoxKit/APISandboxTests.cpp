@@ -194,39 +194,71 @@ TEST_F(APIOnSandbox, ActivityFeedsPageByCursor)
 TEST_F(APIOnSandbox, FollowingChangesWhatLaterAnswersShow)
 {
     auto other = String::create("1011");
-    Answer before;
-    controller->meIsFollowingUserForIdentifier(other, recorder(before));
-    ASSERT_TRUE(wait({ &before }));
-    bool wasFollowing = !before.error;
-    if (wasFollowing) {
-        Answer stop;
-        controller->stopFollowingByUserForIdentifier(other, recorder(stop));
-        ASSERT_TRUE(wait({ &stop }));
-    }
-    Answer notFollowing, follow, following, unfollow, afterUnfollow, followerCheck;
-    controller->meIsFollowingUserForIdentifier(other, recorder(notFollowing));
-    ASSERT_TRUE(wait({ &notFollowing }));
-    EXPECT_EQ(notFollowing.error->code(), 404);
-    controller->followUserWithIdentifer(other, recorder(follow));
-    ASSERT_TRUE(wait({ &follow }));
-    EXPECT_FALSE(follow.error);
-    EXPECT_EQ(dictionary(follow)->objectForKey<Number>("id")->integerValue(), 1011);
-    EXPECT_EQ(s_sandbox->requestCount("PUT /me/followings/1011"), 1);
-    controller->meIsFollowingUserForIdentifier(other, recorder(following));
-    ASSERT_TRUE(wait({ &following }));
-    EXPECT_FALSE(following.error);
-    controller->unfollowUserWithIdentifer(other, recorder(unfollow));
-    ASSERT_TRUE(wait({ &unfollow }));
-    EXPECT_FALSE(unfollow.error);
-    controller->meIsFollowingUserForIdentifier(other, recorder(afterUnfollow));
-    controller->meIsFollowedByUserForIdentifier(other, recorder(followerCheck));
-    ASSERT_TRUE(wait({ &afterUnfollow, &followerCheck }));
-    EXPECT_EQ(afterUnfollow.error->code(), 404);
-    EXPECT_TRUE(followerCheck.error ? followerCheck.error->code() == 404 : is<Dictionary>(followerCheck.json));
-    Answer start;
+    auto followed = [&] {
+        Answer check;
+        controller->meIsFollowingUserForIdentifier(other, recorder(check));
+        EXPECT_TRUE(wait({ &check }));
+        if (check.error) {
+            EXPECT_EQ(check.error->code(), 404);
+        }
+        return !check.error;
+    };
+    // Both pairs of operations: with a leading "/" and without.
+    Answer start, stop, follow, unfollow, followerCheck;
     controller->startFollowingUserForIdentifier(other, recorder(start));
     ASSERT_TRUE(wait({ &start }));
     EXPECT_FALSE(start.error);
+    EXPECT_EQ(dictionary(start)->objectForKey<Number>("id")->integerValue(), 1011);
+    EXPECT_TRUE(followed());
+    controller->stopFollowingByUserForIdentifier(other, recorder(stop));
+    ASSERT_TRUE(wait({ &stop }));
+    EXPECT_FALSE(stop.error);
+    EXPECT_FALSE(followed());
+    controller->followUserWithIdentifer(other, recorder(follow));
+    ASSERT_TRUE(wait({ &follow }));
+    EXPECT_FALSE(follow.error);
+    EXPECT_EQ(s_sandbox->requestCount("PUT /me/followings/1011"), 2);
+    EXPECT_TRUE(followed());
+    controller->unfollowUserWithIdentifer(other, recorder(unfollow));
+    ASSERT_TRUE(wait({ &unfollow }));
+    EXPECT_FALSE(unfollow.error);
+    EXPECT_FALSE(followed());
+    // Whether 1011 follows the me user: the catalogue decides; either answer is well-formed.
+    controller->meIsFollowedByUserForIdentifier(other, recorder(followerCheck));
+    ASSERT_TRUE(wait({ &followerCheck }));
+    EXPECT_TRUE(followerCheck.error ? followerCheck.error->code() == 404 : is<Dictionary>(followerCheck.json));
+}
+
+namespace {
+
+// A collection page as a remote collection would ask for it.
+class FavoritesPage final : public VXAPICollectionRequest {
+public:
+    FavoritesPage(int limit, int offset)
+        : m_parameters(page(limit, offset))
+    {
+    }
+    Ref<String> resource() const override { return String::create("me/favorites"); }
+    RefPtr<Dictionary> requestParameters() const override { return m_parameters; }
+
+private:
+    Ref<Dictionary> m_parameters;
+};
+
+} // namespace
+
+TEST_F(APIOnSandbox, CollectionsLoadTheirPages)
+{
+    Answer first, again, second;
+    controller->loadForCollectionController(FavoritesPage(3, 0), recorder(first));
+    controller->loadForCollectionController(FavoritesPage(3, 0), recorder(again));
+    controller->loadForCollectionController(FavoritesPage(3, 3), recorder(second));
+    ASSERT_TRUE(wait({ &first, &again, &second }));
+    EXPECT_EQ(s_sandbox->requestCount("GET /me/favorites?limit=3&offset=0"), 1);
+    EXPECT_EQ(s_sandbox->requestCount("GET /me/favorites?limit=3&offset=3"), 1);
+    EXPECT_EQ(array(first)->count(), 3u);
+    EXPECT_TRUE(array(first)->isEqual(array(again)));
+    EXPECT_FALSE(array(first)->isEqual(array(second)));
 }
 
 TEST_F(APIOnSandbox, FavoritesAndComments)
