@@ -217,16 +217,12 @@ struct JCParseState {
     size_t atIndex { 0 };
     size_t lineNumber { 1 };
     size_t lineStartIndex { 0 };
-    size_t prev_atIndex { 0 };
-    size_t prev_lineNumber { 1 };
-    size_t prev_lineStartIndex { 0 };
     JCParseToken token;
     JCManagedBuffer tokenBuffer;
     JCObjectStack objectStack;
     JCTokenCache cache;
     RefPtr<Error> error;
     bool mutableCollections { false };
-    bool errorIsPrev { false };
     size_t depth { 0 };
 
     ~JCParseState()
@@ -1282,11 +1278,7 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     state->atIndex = 0;
     state->lineNumber = 1;
     state->lineStartIndex = 0;
-    state->prev_atIndex = 0;
-    state->prev_lineNumber = 1;
-    state->prev_lineStartIndex = 0;
     state->error = nullptr;
-    state->errorIsPrev = false;
     state->mutableCollections = mutableCollections;
     state->depth = 0;
 
@@ -1322,12 +1314,8 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     state->atIndex = 0;
     state->lineNumber = 1;
     state->lineStartIndex = 0;
-    state->prev_atIndex = 0;
-    state->prev_lineNumber = 1;
-    state->prev_lineStartIndex = 0;
     state->token = JCParseToken {};
     state->error = nullptr;
-    state->errorIsPrev = false;
     state->mutableCollections = false;
     return parsed;
 }
