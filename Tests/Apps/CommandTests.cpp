@@ -1,0 +1,144 @@
+// The programs as a person or a script runs them.
+
+#include <Platform/Platform.h>
+#include <VelvoxKit/VXKit.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace velvox;
+
+namespace {
+
+struct Outcome {
+    int status { -1 };
+    std::string output;
+};
+
+// Runs a shell command line; captures standard output and, when asked, standard error.
+Outcome run(const std::string& command, bool withErrors = false)
+{
+    Outcome outcome;
+    FILE* pipe = popen((command + (withErrors ? " 2>&1" : " 2>/dev/null")).c_str(), "r");
+    if (!pipe)
+        return outcome;
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+        outcome.output.append(buffer, n);
+    int status = pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
+std::string velvoxProgram() { return VELVOX_PROGRAM; }
+
+std::string temporaryFile(std::string_view contents)
+{
+    char pattern[] = "/tmp/velvox-command-XXXXXX";
+    int fd = mkstemp(pattern);
+    EXPECT_EQ(write(fd, contents.data(), contents.size()), static_cast<ssize_t>(contents.size()));
+    close(fd);
+    return pattern;
+}
+
+} // namespace
+
+TEST(VelvoxJSON, WritesTheDecodedTreeBack)
+{
+    auto file = temporaryFile(R"({ "tags" : ["a", "b\u00e9"], "plays": 1200, "ratio": 0.1 })");
+    auto compact = run(velvoxProgram() + " json " + file);
+    EXPECT_EQ(compact.status, 0);
+    auto tree = JSONObject(*String::create(compact.output));
+    ASSERT_TRUE(is<Dictionary>(tree)) << compact.output;
+    EXPECT_EQ(downcast<Dictionary>(tree.get())->objectForKey<Number>("plays")->integerValue(), 1200);
+    EXPECT_EQ(compact.output.find(' '), std::string::npos);
+    auto escaped = run(velvoxProgram() + " json --pretty --escape-unicode " + file);
+    EXPECT_EQ(escaped.status, 0);
+    EXPECT_NE(escaped.output.find("\"b\\u00e9\""), std::string::npos) << escaped.output;
+    EXPECT_NE(escaped.output.find("\n  \""), std::string::npos);
+    // Standard input, and the options that loosen the grammar.
+    auto piped = run("printf '[1] // note' | " + velvoxProgram() + " json --comments");
+    EXPECT_EQ(piped.status, 0);
+    EXPECT_EQ(piped.output, "[1]\n");
+    unlink(file.c_str());
+}
+
+TEST(VelvoxJSON, FailsWithTheDecodersMessageLineAndIndex)
+{
+    auto file = temporaryFile("[1,\n 2,\n ]");
+    auto failed = run(velvoxProgram() + " json " + file, true);
+    EXPECT_EQ(failed.status, 1);
+    // The index is where the decoder stood: just past the offending token.
+    EXPECT_EQ(failed.output, "velvox json: Unexpected ']'. (line 3, byte index 10)\n");
+    auto missing = run(velvoxProgram() + " json /nonexistent/file.json", true);
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.output.find("cannot read /nonexistent/file.json"), std::string::npos);
+    unlink(file.c_str());
+}
+
+TEST(VelvoxAPI, TalksToAnInProcessSandbox)
+{
+    auto user = run(velvoxProgram() + " api GET /users/1003");
+    EXPECT_EQ(user.status, 0);
+    auto tree = JSONObject(*String::create(user.output));
+    ASSERT_TRUE(is<Dictionary>(tree)) << user.output;
+    EXPECT_EQ(downcast<Dictionary>(tree.get())->objectForKey<Number>("id")->integerValue(), 1003);
+
+    auto missing = run(velvoxProgram() + " api GET /users/1", true);
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.output.find("VXVelvoxAPIErrorDomain 404"), std::string::npos) << missing.output;
+
+    auto audio = temporaryFile(std::string(300000, 'x'));
+    auto upload = run(velvoxProgram() + " api POST tracks 'track[title]=Command Demo' track[asset_data]=@" + audio, true);
+    EXPECT_EQ(upload.status, 0) << upload.output;
+    EXPECT_NE(upload.output.find("Uploading ["), std::string::npos);
+    EXPECT_NE(upload.output.find("\"title\": \"Command Demo\""), std::string::npos);
+    unlink(audio.c_str());
+
+    auto refused = run(velvoxProgram() + " api GET /me --base-url http://127.0.0.1:9 --token x", true);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.output.find("VXURLErrorDomain 7"), std::string::npos) << refused.output;
+}
+
+TEST(VelvoxSandbox, StartsPrintsItsAddressAndStopsOnInterrupt)
+{
+    int output[2];
+    ASSERT_EQ(pipe(output), 0);
+    pid_t child = fork();
+    if (!child) {
+        dup2(output[1], STDOUT_FILENO);
+        close(output[0]);
+        execl(VELVOX_SANDBOX_PROGRAM, VELVOX_SANDBOX_PROGRAM, "--port", "0", nullptr);
+        _exit(127);
+    }
+    close(output[1]);
+    FILE* lines = fdopen(output[0], "r");
+    char line[256];
+    ASSERT_TRUE(fgets(line, sizeof(line), lines));
+    std::string first(line);
+    ASSERT_EQ(first.rfind("Velvox sandbox listening at http://127.0.0.1:", 0), 0u) << first;
+    std::string base = first.substr(first.find("http://"));
+    base.erase(base.find_last_not_of("\n") + 1);
+    ASSERT_TRUE(fgets(line, sizeof(line), lines));
+    EXPECT_EQ(std::string(line), "token: sandbox-token\n");
+
+    auto me = run(velvoxProgram() + " api GET /me --base-url " + base + " --token sandbox-token");
+    EXPECT_EQ(me.status, 0);
+    EXPECT_NE(me.output.find("\"id\": 1000"), std::string::npos);
+    auto refused = run(velvoxProgram() + " api GET /me --base-url " + base + " --token wrong", true);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.output.find("401"), std::string::npos);
+
+    kill(child, SIGINT);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    fclose(lines);
+}
