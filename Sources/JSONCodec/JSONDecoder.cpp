@@ -504,7 +504,13 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
 // on an error (recorded).
 bool JCParser::jc_parse_next_token(JCParseState* state)
 {
-    jc_parse_skip_whitespace(state);
+    // Most tokens follow another at once or after white space; skip the call
+    // when the next byte cannot begin white space or a comment.
+    if (state->atIndex < state->stringLength) {
+        uint8_t next = state->stringBytes[state->atIndex];
+        if (next <= ' ' || next == '/' || next >= 0x80)
+            jc_parse_skip_whitespace(state);
+    }
     auto& token = state->token;
     token.type = JCTokenTypeInvalid;
     token.value.cacheItem = nullptr;
@@ -821,6 +827,42 @@ bool JCParser::jc_parse_number(JCParseState* state)
         jc_error(state, "Invalid number.");
         return false;
     };
+
+    // Most numbers are short integers: read them at once. Anything else (a
+    // fraction, an exponent, -0, 19 digits or more, the end of the input) goes
+    // through the state machine below.
+    {
+        const uint8_t* digits = start + (*start == '-');
+        const uint8_t* after = digits;
+        if (after < end && *after == '0')
+            ++after;
+        else {
+            while (after < end && isDigit(*after))
+                ++after;
+        }
+        size_t count = after - digits;
+        bool negative = *start == '-';
+        if (count && count <= 18 && after < end && *after != '.' && *after != 'e' && *after != 'E' && !(negative && *digits == '0')) {
+            uint64_t magnitude = 0;
+            for (const uint8_t* p = digits; p < after; ++p)
+                magnitude = magnitude * 10 + (*p - '0');
+            auto& value = state->token.value;
+            if (negative) {
+                value.type = JCValueTypeLongLong;
+                value.number.longLongValue = -static_cast<long long>(magnitude);
+                value.hash = JCHashSeed + JCValueTypeLongLong + static_cast<uint64_t>(value.number.longLongValue);
+            } else {
+                value.type = JCValueTypeUnsignedLongLong;
+                value.number.unsignedLongLongValue = magnitude;
+                value.hash = JCHashSeed + JCValueTypeUnsignedLongLong + magnitude;
+            }
+            value.ptrRange = { reinterpret_cast<const uint8_t*>(&value.number), sizeof(value.number) };
+            value.hash = hashRun(value.hash, value.ptrRange.ptr, value.ptrRange.ptr + sizeof(value.number));
+            state->token.tokenPtrRange = { start, static_cast<size_t>(after - start) };
+            state->atIndex = after - bytes;
+            return true;
+        }
+    }
 
     enum { Start, Minus, LeadingZero, IntegerDigits, Period, FractionDigits, Exponent, ExponentSign, ExponentDigits } machine = Start;
     while (true) {

@@ -18,27 +18,36 @@ struct FreeBlock {
     FreeBlock* next;
 };
 
+// Trivial, so that reaching it costs no initialisation check; the cleanup at
+// thread exit lives in a separate object that is touched only once.
 struct Lists {
-    FreeBlock* heads[classCount] {};
-    size_t counts[classCount] {};
-
-    ~Lists()
-    {
-        for (auto*& head : heads) {
-            while (head) {
-                FreeBlock* next = head->next;
-                free(head);
-                head = next;
-            }
-        }
-        s_destroyed = true;
-    }
-    static thread_local bool s_destroyed;
+    FreeBlock* heads[classCount];
+    size_t counts[classCount];
+    bool cleanupRegistered;
 };
 
-thread_local bool Lists::s_destroyed = false;
 thread_local Lists t_lists;
+thread_local bool t_listsDestroyed = false;
 thread_local uint64_t t_allocations = 0;
+
+struct ListsCleanup {
+    void arm() { }
+    ~ListsCleanup()
+    {
+        for (size_t sizeClass = 0; sizeClass < classCount; ++sizeClass) {
+            for (FreeBlock* block = t_lists.heads[sizeClass]; block;) {
+                FreeBlock* next = block->next;
+                free(block);
+                block = next;
+            }
+            t_lists.heads[sizeClass] = nullptr;
+            t_lists.counts[sizeClass] = 0;
+        }
+        t_listsDestroyed = true;
+    }
+};
+
+thread_local ListsCleanup t_cleanup;
 
 inline size_t classOf(size_t size)
 {
@@ -56,7 +65,7 @@ void* allocateSmall(size_t size)
 {
     ++t_allocations;
     size_t sizeClass = classOf(size);
-    if (size <= largestSmall && !Lists::s_destroyed) {
+    if (size <= largestSmall) {
         auto& lists = t_lists;
         if (FreeBlock* block = lists.heads[sizeClass]) {
             lists.heads[sizeClass] = block->next;
@@ -77,8 +86,12 @@ void deallocateSmall(void* pointer, size_t size)
     if (!pointer)
         return;
     size_t sizeClass = classOf(size);
-    if (size <= largestSmall && !Lists::s_destroyed) {
+    if (size <= largestSmall && !t_listsDestroyed) {
         auto& lists = t_lists;
+        if (!lists.cleanupRegistered) {
+            lists.cleanupRegistered = true;
+            t_cleanup.arm(); // constructs it, so that it frees the lists at thread exit
+        }
         if (lists.counts[sizeClass] < listLimit) {
             auto* block = static_cast<FreeBlock*>(pointer);
             block->next = lists.heads[sizeClass];
