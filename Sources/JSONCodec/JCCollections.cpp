@@ -58,8 +58,12 @@ void JCArrayStorage::getObjects(const Object& owner, Object** buffer, size_t loc
 
 void JCArrayStorage::releaseAll()
 {
-    for (size_t i = 0; i < count; ++i)
+    // Elements are scattered in memory: fetch a few ahead of the one released.
+    for (size_t i = 0; i < count; ++i) {
+        if (i + 4 < count)
+            __builtin_prefetch(objects[i + 4], 1);
         objects[i]->deref();
+    }
     if (!inlineStorage)
         free(objects);
     objects = nullptr;
@@ -281,6 +285,8 @@ size_t JCDictionaryStorage::getKeysAndObjects(size_t arrayLength, Object** keys,
 void JCDictionaryStorage::releaseAll()
 {
     for (size_t i = 0; i < capacity; ++i) {
+        if (i + 2 < capacity && entry[i + 2].key)
+            __builtin_prefetch(entry[i + 2].object, 1);
         if (entry[i].key) {
             entry[i].key->deref();
             entry[i].object->deref();
