@@ -17,16 +17,6 @@ VX_DEFINE_CLASS(JCDictionaryEnumerator, Enumerator)
 
 namespace {
 
-[[noreturn]] void raiseBeyondBounds(const Object& owner, const char* selector, size_t index, size_t bound)
-{
-    Exception::raise(RangeException, "*** -[%@ %@]: index (%lu) beyond bounds (%lu)", owner.className(), selector, index, bound);
-}
-
-[[noreturn]] void raiseInsertNil(const Object& owner, const char* selector)
-{
-    Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil", owner.className(), selector);
-}
-
 inline void incrementMutations(uint64_t& mutations)
 {
     if (!++mutations)
@@ -44,14 +34,14 @@ constexpr size_t jc_dictionaryCapacities[] = { 0, 3, 7, 13, 23, 41, 71, 127, 191
 Object* JCArrayStorage::objectAtIndex(const Object& owner, size_t index) const
 {
     if (index >= count) [[unlikely]]
-        raiseBeyondBounds(owner, "objectAtIndex:", index, count);
+        raiseIndexBeyondBounds(owner, "objectAtIndex:", index, count);
     return objects[index];
 }
 
 void JCArrayStorage::getObjects(const Object& owner, Object** buffer, size_t location, size_t length) const
 {
     if (location > count || length > count - location) [[unlikely]]
-        raiseBeyondBounds(owner, "getObjects:range:", location + length, count);
+        raiseIndexBeyondBounds(owner, "getObjects:range:", location + length, count);
     if (length)
         memcpy(buffer, objects + location, length * sizeof(Object*));
 }
@@ -92,7 +82,7 @@ void JCMutableArray::insertObject(Object* object, size_t index)
     if (!object)
         raiseInsertNil(*this, "insertObject:atIndex:");
     if (index > m_storage.count)
-        raiseBeyondBounds(*this, "insertObject:atIndex:", index, m_storage.count + 1);
+        raiseIndexBeyondBounds(*this, "insertObject:atIndex:", index, m_storage.count + 1);
     if (m_storage.count >= m_storage.capacity) {
         size_t newCapacity = m_storage.capacity + 16;
         auto* grown = static_cast<Object**>(realloc(m_storage.objects, newCapacity * sizeof(Object*)));
@@ -112,7 +102,7 @@ void JCMutableArray::insertObject(Object* object, size_t index)
 void JCMutableArray::removeObjectAtIndex(size_t index)
 {
     if (index >= m_storage.count)
-        raiseBeyondBounds(*this, "removeObjectAtIndex:", index, m_storage.count);
+        raiseIndexBeyondBounds(*this, "removeObjectAtIndex:", index, m_storage.count);
     Object* removed = m_storage.objects[index];
     memmove(m_storage.objects + index, m_storage.objects + index + 1, (m_storage.count - index - 1) * sizeof(Object*));
     m_storage.objects[--m_storage.count] = nullptr;
@@ -126,7 +116,7 @@ void JCMutableArray::replaceObjectAtIndex(size_t index, Object* object)
     if (!object)
         raiseInsertNil(*this, "replaceObjectAtIndex:withObject:");
     if (index >= m_storage.count)
-        raiseBeyondBounds(*this, "replaceObjectAtIndex:withObject:", index, m_storage.count);
+        raiseIndexBeyondBounds(*this, "replaceObjectAtIndex:withObject:", index, m_storage.count);
     object->ref();
     Object* old = std::exchange(m_storage.objects[index], object);
     incrementMutations(m_storage.mutations);
@@ -340,9 +330,9 @@ Ref<Enumerator> JCMutableDictionary::keyEnumerator() const
 void JCMutableDictionary::setObject(Object* object, Object* key)
 {
     if (!key)
-        Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil key", className(), "setObject:forKey:");
+        raiseInsertNilKey(*this);
     if (!object)
-        Exception::raise(InvalidArgumentException, "*** -[%@ %@]: attempt to insert nil value (key: %@)", className(), "setObject:forKey:", key);
+        raiseInsertNilValue(*this, key);
     size_t neededIndex = JCDictionaryCapacityIndexForCount(m_storage.count + 1);
     if (m_storage.capacity < jc_dictionaryCapacities[neededIndex])
         m_storage.resizeIfNeccessary(neededIndex);

@@ -20,17 +20,27 @@ void collectionMutatedDuringEnumeration(const Object& collection)
         static_cast<unsigned>(reinterpret_cast<uintptr_t>(&collection)));
 }
 
-namespace {
-
-[[noreturn]] void raiseBeyondBounds(const Object& collection, const char* selector, size_t index, size_t bound)
+void raiseIndexBeyondBounds(const Object& collection, const char* selector, size_t index, size_t bound)
 {
     Exception::raise(RangeException, "*** -[%s %s]: index (%lu) beyond bounds (%lu)", collection.className(), selector, index, bound);
 }
 
-[[noreturn]] void raiseInsertNil(const Object& collection, const char* selector)
+void raiseInsertNil(const Object& collection, const char* selector)
 {
     Exception::raise(InvalidArgumentException, "*** -[%s %s]: attempt to insert nil", collection.className(), selector);
 }
+
+void raiseInsertNilKey(const Object& dictionary)
+{
+    Exception::raise(InvalidArgumentException, "*** -[%s %s]: attempt to insert nil key", dictionary.className(), "setObject:forKey:");
+}
+
+void raiseInsertNilValue(const Object& dictionary, const Object* key)
+{
+    Exception::raise(InvalidArgumentException, "*** -[%s %s]: attempt to insert nil value (key: %@)", dictionary.className(), "setObject:forKey:", key);
+}
+
+namespace {
 
 std::string indented(std::string_view text)
 {
@@ -55,7 +65,7 @@ public:
     Object* objectAtIndex(size_t index) const override
     {
         if (index >= m_objects.size()) [[unlikely]]
-            raiseBeyondBounds(*this, "objectAtIndex:", index, m_objects.size());
+            raiseIndexBeyondBounds(*this, "objectAtIndex:", index, m_objects.size());
         return m_objects[index].ptr();
     }
 
@@ -70,7 +80,7 @@ public:
     Object* objectAtIndex(size_t index) const override
     {
         if (index >= m_objects.size()) [[unlikely]]
-            raiseBeyondBounds(*this, "objectAtIndex:", index, m_objects.size());
+            raiseIndexBeyondBounds(*this, "objectAtIndex:", index, m_objects.size());
         return m_objects[index].ptr();
     }
     uint64_t mutations() const override { return m_mutations; }
@@ -79,14 +89,14 @@ public:
         if (!object)
             raiseInsertNil(*this, "insertObject:atIndex:");
         if (index > m_objects.size())
-            raiseBeyondBounds(*this, "insertObject:atIndex:", index, m_objects.size() + 1);
+            raiseIndexBeyondBounds(*this, "insertObject:atIndex:", index, m_objects.size() + 1);
         m_objects.insert(m_objects.begin() + index, Ref<Object>(*object));
         ++m_mutations;
     }
     void removeObjectAtIndex(size_t index) override
     {
         if (index >= m_objects.size())
-            raiseBeyondBounds(*this, "removeObjectAtIndex:", index, m_objects.size());
+            raiseIndexBeyondBounds(*this, "removeObjectAtIndex:", index, m_objects.size());
         // Keep the element alive until the array is consistent again.
         Ref<Object> removed = std::move(m_objects[index]);
         m_objects.erase(m_objects.begin() + index);
@@ -97,7 +107,7 @@ public:
         if (!object)
             raiseInsertNil(*this, "replaceObjectAtIndex:withObject:");
         if (index >= m_objects.size())
-            raiseBeyondBounds(*this, "replaceObjectAtIndex:withObject:", index, m_objects.size());
+            raiseIndexBeyondBounds(*this, "replaceObjectAtIndex:withObject:", index, m_objects.size());
         Ref<Object> old = std::exchange(m_objects[index], Ref<Object>(*object));
         ++m_mutations;
     }
@@ -276,10 +286,9 @@ public:
     void set(const Object& dictionary, Object* object, Object* key)
     {
         if (!key)
-            Exception::raise(InvalidArgumentException, "*** -[%s %s]: attempt to insert nil key", dictionary.className(), "setObject:forKey:");
+            raiseInsertNilKey(dictionary);
         if (!object)
-            Exception::raise(InvalidArgumentException, "*** -[%s %s]: attempt to insert nil value (key: %@)", dictionary.className(),
-                "setObject:forKey:", key);
+            raiseInsertNilValue(dictionary, key);
         size_t hash = key->hash();
         ptrdiff_t index = m_table.find(key, hash);
         ++m_mutations;
@@ -467,7 +476,7 @@ void Array::getObjects(Object** buffer, size_t location, size_t length) const
 {
     size_t total = count();
     if (location > total || length > total - location)
-        raiseBeyondBounds(*this, "getObjects:range:", location + length, total);
+        raiseIndexBeyondBounds(*this, "getObjects:range:", location + length, total);
     for (size_t i = 0; i < length; ++i)
         buffer[i] = objectAtIndex(location + i);
 }

@@ -28,6 +28,14 @@ class MutableSet;
 
 [[noreturn]] void collectionMutatedDuringEnumeration(const Object&);
 
+// The exceptions of collection misuse, with the platform's texts, for every
+// implementation of the collection interfaces.
+[[noreturn]] void raiseIndexBeyondBounds(const Object& collection, const char* selector, size_t index, size_t bound);
+[[noreturn]] void raiseInsertNil(const Object& collection, const char* selector);
+// For setObject(_:forKey:): a null key, or a null object under `key`.
+[[noreturn]] void raiseInsertNilKey(const Object& dictionary);
+[[noreturn]] void raiseInsertNilValue(const Object& dictionary, const Object* key);
+
 // Walks the objects of an enumeration once.
 class Enumerator : public Object {
     VX_OBJECT(Enumerator)
