@@ -29,7 +29,7 @@ public:
 
     const std::string& name() const { return m_name; }
     const std::string& reason() const { return m_reason; }
-    Dictionary* userInfo() const { return m_userInfo; }
+    Dictionary* userInfo() const { return m_userInfo.get(); }
     const char* what() const noexcept override { return m_reason.c_str(); }
 
     template<typename... Args>
@@ -41,7 +41,7 @@ public:
 private:
     std::string m_name;
     std::string m_reason;
-    Dictionary* m_userInfo { nullptr }; // retained
+    RefPtr<Dictionary> m_userInfo;
 };
 
 } // namespace velvox
