@@ -14,6 +14,7 @@
 #include <VelvoxKit/VXTrackStateValueTransformer.h>
 #include <VelvoxKit/VXURLStringValueTransformer.h>
 
+#include <SandboxService.h>
 #include <benchmark/benchmark.h>
 
 using namespace velvox;
@@ -95,18 +96,12 @@ Ref<Dictionary> trackRecord()
     VXTrackStateValueTransformer::registerValueTransformer();
     VXTimeIntervalValueTransformer::registerValueTransformer();
     VXNumberToStringValueTransformer::registerValueTransformer();
-    auto path = Bundle::mainBundle().pathForResource("sandbox/catalogue", "json");
-    auto data = Data::createWithContentsOfFile(path.value_or(""));
-    if (!data) {
+    auto record = sandbox::SandboxService::catalogueTrackRecord(5);
+    if (!record) {
         fprintf(stderr, "cannot read the sample catalogue\n");
         exit(1);
     }
-    std::string text(data->view());
-    for (size_t at; (at = text.find("{base}")) != std::string::npos;)
-        text.replace(at, 6, "http://127.0.0.1:8080");
-    auto catalogue = objectFromJSONString(*String::create(text));
-    auto* tracks = downcast<Dictionary>(catalogue.get())->objectForKey<Array>("tracks");
-    return *downcast<Dictionary>(tracks->objectAtIndex(5));
+    return record.releaseNonNull();
 }
 
 void ModelFill(benchmark::State& state)

@@ -43,6 +43,13 @@ std::string timestampNow()
     return text;
 }
 
+// The catalogue's URLs hold "{base}" where the service's address goes.
+void fillBase(std::string& text, std::string_view base)
+{
+    for (size_t at = 0; (at = text.find("{base}", at)) != std::string::npos; at += base.size())
+        text.replace(at, 6, base);
+}
+
 int64_t integerOf(const Dictionary& record, std::string_view key)
 {
     auto* number = record.objectForKey<Number>(key);
@@ -251,9 +258,7 @@ void SandboxService::Impl::sendJSON(httplib::Response& response, Object* value, 
     auto text = jc_encode(value, JCSerializeOptionNone, JCEncodeAsString, nullptr);
     std::string body = text ? downcast<String>(text.get())->str() : std::string("null");
     // URLs of the catalogue point at the sandbox itself.
-    const std::string base = "http://127.0.0.1:" + std::to_string(port);
-    for (size_t at = 0; (at = body.find("{base}", at)) != std::string::npos; at += base.size())
-        body.replace(at, 6, base);
+    fillBase(body, "http://127.0.0.1:" + std::to_string(port));
     response.status = status;
     response.set_content(body, "application/json; charset=utf-8");
 }
@@ -696,6 +701,22 @@ void SandboxService::stop()
 std::string SandboxService::baseURL() const
 {
     return "http://127.0.0.1:" + std::to_string(m_impl->port);
+}
+
+RefPtr<Dictionary> SandboxService::catalogueTrackRecord(size_t index, std::string_view baseURL)
+{
+    auto path = Bundle::mainBundle().pathForResource("sandbox/catalogue", "json");
+    auto data = path ? Data::createWithContentsOfFile(*path) : nullptr;
+    if (!data)
+        return nullptr;
+    std::string text(data->view());
+    fillBase(text, baseURL);
+    auto catalogue = objectFromJSONString(*String::create(text));
+    auto* root = dynamicDowncast<Dictionary>(catalogue.get());
+    auto* tracks = root ? root->objectForKey<Array>("tracks") : nullptr;
+    if (!tracks || index >= tracks->count())
+        return nullptr;
+    return dynamicDowncast<Dictionary>(tracks->objectAtIndex(index));
 }
 
 int SandboxService::port() const

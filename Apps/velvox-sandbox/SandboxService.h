@@ -7,11 +7,14 @@
 //
 // It serves on its own threads; every method here is thread-safe.
 
+#include <Platform/Collections.h>
+
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace velvox::sandbox {
 
@@ -70,6 +73,11 @@ public:
     int requestCount(const std::string& methodAndPathWithQuery) const;
     int totalRequestCount() const;
     void resetRequestCounts();
+
+    // One track record of the shipped catalogue as the service sends it in
+    // lists (without the embedded user), its URLs pointing at `baseURL`. Null
+    // when the catalogue cannot be read or has no such track.
+    static RefPtr<Dictionary> catalogueTrackRecord(size_t index, std::string_view baseURL = "http://127.0.0.1:8080");
 
     struct Impl;
 

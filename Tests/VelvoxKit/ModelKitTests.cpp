@@ -8,6 +8,7 @@
 #include <VelvoxKit/VXTrackStateValueTransformer.h>
 #include <VelvoxKit/VXURLStringValueTransformer.h>
 #include <ZUKit/ZUObject.h>
+#include <SandboxService.h>
 
 #include <gtest/gtest.h>
 
@@ -86,15 +87,9 @@ Set& SampleTrack::propertyDescriptors()
 // A track record of the sandbox's sample catalogue, its {base} placeholders filled in.
 Ref<MutableDictionary> catalogueTrack(size_t index)
 {
-    auto path = Bundle::mainBundle().pathForResource("sandbox/catalogue", "json");
-    EXPECT_TRUE(path);
-    auto data = Data::createWithContentsOfFile(*path);
-    std::string text(data->view());
-    for (size_t at; (at = text.find("{base}")) != std::string::npos;)
-        text.replace(at, 6, "http://127.0.0.1:8080");
-    auto catalogue = objectFromJSONString(*String::create(text));
-    auto* tracks = downcast<Dictionary>(catalogue.get())->objectForKey<Array>("tracks");
-    return downcast<Dictionary>(tracks->objectAtIndex(index))->mutableCopy();
+    auto record = sandbox::SandboxService::catalogueTrackRecord(index);
+    EXPECT_TRUE(record);
+    return record->mutableCopy();
 }
 
 class ModelKit : public testing::Test {
