@@ -64,6 +64,8 @@ public:
     void insertObject(Object* object, size_t atIndex) override;
     void removeObjectAtIndex(size_t index) override;
     void replaceObjectAtIndex(size_t index, Object* withObject) override;
+    using MutableArray::insertObject;
+    using MutableArray::replaceObjectAtIndex;
 
 private:
     friend class detail::JCArrayFactory;

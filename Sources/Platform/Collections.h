@@ -26,6 +26,11 @@ class MutableArray;
 class MutableDictionary;
 class MutableSet;
 
+// The plain pointer inside whatever form a key or object is given in.
+inline Object* rawObject(Object* object) { return object; }
+template<typename T> T* rawObject(const Ref<T>& object) { return object.ptr(); }
+template<typename T> T* rawObject(const RefPtr<T>& object) { return object.get(); }
+
 [[noreturn]] void collectionMutatedDuringEnumeration(const Object&);
 
 // The exceptions of collection misuse, with the platform's texts, for every
@@ -124,6 +129,13 @@ public:
     virtual void replaceObjectAtIndex(size_t index, Object* withObject) = 0;
 
     void addObject(Object* object) { insertObject(object, count()); }
+    // Owning pointers, temporaries included: the array retains before the temporary goes.
+    template<typename T> void addObject(const Ref<T>& object) { addObject(object.ptr()); }
+    template<typename T> void addObject(const RefPtr<T>& object) { addObject(object.get()); }
+    template<typename T> void insertObject(const Ref<T>& object, size_t atIndex) { insertObject(object.ptr(), atIndex); }
+    template<typename T> void insertObject(const RefPtr<T>& object, size_t atIndex) { insertObject(object.get(), atIndex); }
+    template<typename T> void replaceObjectAtIndex(size_t index, const Ref<T>& object) { replaceObjectAtIndex(index, object.ptr()); }
+    template<typename T> void replaceObjectAtIndex(size_t index, const RefPtr<T>& object) { replaceObjectAtIndex(index, object.get()); }
     void addObjectsFromArray(const Array&);
     void removeLastObject();
     void removeObject(const Object*);
@@ -224,6 +236,15 @@ public:
     virtual void removeAllObjects();
 
     void setObject(Object* object, std::string_view forKey);
+    // Owning pointers, temporaries included.
+    template<typename T> void setObject(const Ref<T>& object, std::string_view forKey) { setObject(object.ptr(), forKey); }
+    template<typename T> void setObject(const RefPtr<T>& object, std::string_view forKey) { setObject(object.get(), forKey); }
+    template<typename T, typename K>
+        requires(!std::is_convertible_v<const K&, std::string_view>)
+    void setObject(const Ref<T>& object, const K& forKey) { setObject(object.ptr(), rawObject(forKey)); }
+    template<typename T, typename K>
+        requires(!std::is_convertible_v<const K&, std::string_view>)
+    void setObject(const RefPtr<T>& object, const K& forKey) { setObject(object.get(), rawObject(forKey)); }
     void removeObjectForKey(std::string_view key)
     {
         StackString stackKey(key);
@@ -311,6 +332,9 @@ public:
     virtual void addObject(Object* object) = 0;
     virtual void removeObject(const Object* object) = 0;
     virtual void removeAllObjects();
+    // Owning pointers, temporaries included.
+    template<typename T> void addObject(const Ref<T>& object) { addObject(object.ptr()); }
+    template<typename T> void addObject(const RefPtr<T>& object) { addObject(object.get()); }
 
     Ref<Object> copyObject() const override;
 

@@ -289,22 +289,22 @@ void KeyedArchiver::encodeObject(Object* object, std::string_view key)
 
 void KeyedArchiver::encodeInt64(int64_t value, std::string_view key)
 {
-    encodeObject(Number::withInteger(value), key);
+    encodeObject(Number::withInteger(value).get(), key);
 }
 
 void KeyedArchiver::encodeDouble(double value, std::string_view key)
 {
-    encodeObject(Number::withDouble(value), key);
+    encodeObject(Number::withDouble(value).get(), key);
 }
 
 void KeyedArchiver::encodeBool(bool value, std::string_view key)
 {
-    encodeObject(Number::withBool(value), key);
+    encodeObject(Number::withBool(value).get(), key);
 }
 
 void KeyedArchiver::encodeString(std::string_view value, std::string_view key)
 {
-    encodeObject(String::create(value), key);
+    encodeObject(String::create(value).get(), key);
 }
 
 Ref<Data> KeyedArchiver::archivedDataWithRootObject(Object* root)

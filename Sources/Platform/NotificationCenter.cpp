@@ -7,7 +7,6 @@
 namespace velvox {
 
 VX_DEFINE_CLASS(Notification, Object)
-VX_DEFINE_CLASS(NotificationObserver, Object)
 
 Notification::Notification(Ref<String>&& name, Object* object, Dictionary* userInfo)
     : m_name(std::move(name))
@@ -35,23 +34,38 @@ NotificationCenter& NotificationCenter::defaultCenter()
     return *center;
 }
 
-Ref<NotificationObserver> NotificationCenter::addObserver(std::string_view name, const Object* object, Handler handler)
+NotificationCenter::NotificationCenter()
+    : m_self(std::make_shared<NotificationCenter*>(this))
 {
-    auto token = adoptRef(*new NotificationObserver);
-    std::lock_guard lock(m_mutex);
-    m_registrations.push_back({ token, std::string(name), object, std::make_shared<Handler>(std::move(handler)) });
-    return token;
 }
 
-void NotificationCenter::removeObserver(NotificationObserver& token)
+NotificationCenter::~NotificationCenter()
 {
-    std::vector<Registration> removed;
     std::lock_guard lock(m_mutex);
-    token.m_removed = true;
-    auto it = std::stable_partition(m_registrations.begin(), m_registrations.end(),
-        [&](auto& registration) { return registration.token.ptr() != &token; });
-    std::move(it, m_registrations.end(), std::back_inserter(removed));
-    m_registrations.erase(it, m_registrations.end());
+    *m_self = nullptr;
+}
+
+Subscription NotificationCenter::addObserver(std::string_view name, const Object* object, Handler handler)
+{
+    std::lock_guard lock(m_mutex);
+    uint64_t identifier = m_nextIdentifier++;
+    m_registrations.push_back({ identifier, std::string(name), object, std::make_shared<Handler>(std::move(handler)), std::make_shared<std::atomic<bool>>(false) });
+    return Subscription([self = m_self, identifier] {
+        if (*self)
+            (*self)->removeObserver(identifier);
+    });
+}
+
+void NotificationCenter::removeObserver(uint64_t identifier)
+{
+    std::shared_ptr<Handler> removed; // released outside the lock: its captures may post
+    std::lock_guard lock(m_mutex);
+    auto it = std::find_if(m_registrations.begin(), m_registrations.end(), [&](auto& registration) { return registration.identifier == identifier; });
+    if (it == m_registrations.end())
+        return;
+    it->removed->store(true);
+    removed = std::move(it->handler);
+    m_registrations.erase(it);
 }
 
 size_t NotificationCenter::observerCount() const
@@ -63,8 +77,8 @@ size_t NotificationCenter::observerCount() const
 void NotificationCenter::postNotification(Notification& notification)
 {
     struct Match {
-        Ref<NotificationObserver> token;
         std::shared_ptr<Handler> handler;
+        std::shared_ptr<std::atomic<bool>> removed;
     };
     std::vector<Match> matches;
     {
@@ -74,24 +88,20 @@ void NotificationCenter::postNotification(Notification& notification)
                 continue;
             if (registration.object && registration.object != notification.object())
                 continue;
-            matches.push_back({ registration.token, registration.handler });
+            matches.push_back({ registration.handler, registration.removed });
         }
     }
     Ref protectedNotification { notification };
     for (auto& match : matches) {
-        bool removed;
-        {
-            std::lock_guard lock(m_mutex);
-            removed = match.token->m_removed;
-        }
-        if (!removed)
+        // An observer removed by an earlier one in this post is not called.
+        if (!match.removed->load())
             (*match.handler)(notification);
     }
 }
 
 void NotificationCenter::postNotification(std::string_view name, Object* object, Dictionary* userInfo)
 {
-    postNotification(Notification::create(name, object, userInfo));
+    postNotification(*Notification::create(name, object, userInfo));
 }
 
 } // namespace velvox

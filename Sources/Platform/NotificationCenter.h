@@ -1,14 +1,17 @@
 #pragma once
 
 // Synchronous notifications. Observers register for a name, an object, both
-// or neither, and are removed through the token that registration returns.
+// or neither, and stay registered while the Subscription that registration
+// returns lives.
 // Posting calls the observers registered at the moment of the post, in the
 // order they registered, on the posting thread; an observer removed during
 // a post is not called afterwards.
 
 #include "Object.h"
 #include "String.h"
+#include "Subscription.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -41,25 +44,17 @@ private:
     RefPtr<Dictionary> m_userInfo;
 };
 
-// The token of one registration.
-class NotificationObserver final : public Object {
-    VX_OBJECT(NotificationObserver)
-private:
-    friend class NotificationCenter;
-    NotificationObserver() = default;
-    bool m_removed { false };
-};
-
 class NotificationCenter {
 public:
     static NotificationCenter& defaultCenter();
-    NotificationCenter() = default;
+    NotificationCenter();
+    ~NotificationCenter();
 
     using Handler = std::function<void(Notification&)>;
     // An empty name matches every name; a null object every sender. The
-    // sender is compared by identity and is not retained.
-    Ref<NotificationObserver> addObserver(std::string_view name, const Object* object, Handler handler);
-    void removeObserver(NotificationObserver&);
+    // sender is compared by identity and is not retained. The observer is
+    // removed, and its handler released, when the Subscription goes.
+    Subscription addObserver(std::string_view name, const Object* object, Handler handler);
 
     void postNotification(Notification&);
     void postNotification(std::string_view name, Object* object = nullptr, Dictionary* userInfo = nullptr);
@@ -68,13 +63,20 @@ public:
 
 private:
     struct Registration {
-        Ref<NotificationObserver> token;
+        uint64_t identifier;
         std::string name;
         const Object* object;
         std::shared_ptr<Handler> handler;
+        // Set on removal, so that a post in progress skips the observer.
+        std::shared_ptr<std::atomic<bool>> removed;
     };
+    void removeObserver(uint64_t identifier);
+
     mutable std::mutex m_mutex;
     std::vector<Registration> m_registrations;
+    uint64_t m_nextIdentifier { 1 };
+    // Tokens that outlive the centre find it gone through this.
+    std::shared_ptr<NotificationCenter*> m_self;
 };
 
 } // namespace velvox

@@ -111,11 +111,28 @@ inline bool is(const Ref<U>& object)
 
 [[noreturn]] void downcastFailure(const Object&, const ClassInfo& wanted);
 
+namespace detail {
+
+// A cast that is not a downcast is a mistake the compiler can see.
+template<typename Target, typename Source>
+constexpr void checkDowncast()
+{
+    using S = std::remove_cv_t<Source>;
+    using T = std::remove_cv_t<Target>;
+    static_assert(!std::is_same_v<S, T>, "Unnecessary cast to the same type");
+    static_assert(std::is_base_of_v<S, T>, "Should be a downcast");
+}
+
+} // namespace detail
+
 // Casts to a kind the caller knows the object has; a wrong kind is a
-// programming error and raises. Null passes through as null.
+// programming error and raises. Null passes through as null. Owning pointers
+// passed as temporaries come back as owning pointers, so that no raw pointer
+// outlives its owner.
 template<typename T, typename U>
 inline T* downcast(U* object)
 {
+    detail::checkDowncast<T, U>();
     if (object && !object->isKindOf(T::s_info)) [[unlikely]]
         downcastFailure(*object, T::s_info);
     return static_cast<T*>(object);
@@ -123,6 +140,7 @@ inline T* downcast(U* object)
 template<typename T, typename U>
 inline const T* downcast(const U* object)
 {
+    detail::checkDowncast<T, U>();
     if (object && !object->isKindOf(T::s_info)) [[unlikely]]
         downcastFailure(*object, T::s_info);
     return static_cast<const T*>(object);
@@ -143,16 +161,30 @@ inline T* downcast(const Ref<U>& object)
 {
     return downcast<T>(object.ptr());
 }
+template<typename T, typename U>
+inline RefPtr<T> downcast(RefPtr<U>&& object)
+{
+    downcast<T>(object.get());
+    return adoptRef(static_cast<T*>(object.leakRef()));
+}
+template<typename T, typename U>
+inline Ref<T> downcast(Ref<U>&& object)
+{
+    downcast<T>(object.ptr());
+    return adoptRef(static_cast<T&>(*object.leakRef()));
+}
 
 // Casts when the object has the kind, else null.
 template<typename T, typename U>
 inline T* dynamicDowncast(U* object)
 {
+    detail::checkDowncast<T, U>();
     return is<T>(object) ? static_cast<T*>(object) : nullptr;
 }
 template<typename T, typename U>
 inline const T* dynamicDowncast(const U* object)
 {
+    detail::checkDowncast<T, U>();
     return is<T>(object) ? static_cast<const T*>(object) : nullptr;
 }
 template<typename T, typename U>
@@ -170,6 +202,20 @@ template<typename T, typename U>
 inline T* dynamicDowncast(const Ref<U>& object)
 {
     return dynamicDowncast<T>(object.ptr());
+}
+template<typename T, typename U>
+inline RefPtr<T> dynamicDowncast(RefPtr<U>&& object)
+{
+    if (!dynamicDowncast<T>(object.get()))
+        return nullptr;
+    return adoptRef(static_cast<T*>(object.leakRef()));
+}
+template<typename T, typename U>
+inline RefPtr<T> dynamicDowncast(Ref<U>&& object)
+{
+    if (!dynamicDowncast<T>(object.ptr()))
+        return nullptr;
+    return adoptRef(static_cast<T*>(object.leakRef()));
 }
 
 // Equality that treats two nils as equal, as the collections do.

@@ -14,6 +14,7 @@
 #include "Ref.h"
 #include "RunLoop.h"
 #include "String.h"
+#include "Subscription.h"
 #include "ValueTransformer.h"
 #include "URLLoading.h"
 #include "Values.h"

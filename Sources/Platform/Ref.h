@@ -83,8 +83,12 @@ public:
     T* get() const { return m_ptr; }
     T& operator*() const { return *m_ptr; }
     T* operator->() const { return m_ptr; }
-    operator T&() const { return *m_ptr; }
-    operator T*() const { return m_ptr; }
+    // Only a Ref that outlives the expression converts implicitly: a raw
+    // pointer taken from a temporary would dangle (`String* s = String::create("x");`).
+    operator T&() const& { return *m_ptr; }
+    operator T*() const& { return m_ptr; }
+    operator T&() && = delete;
+    operator T*() && = delete;
 
     [[nodiscard]] T* leakRef() { return std::exchange(m_ptr, nullptr); }
     void swap(Ref& other) noexcept { std::swap(m_ptr, other.m_ptr); }
@@ -205,7 +209,9 @@ public:
     T* operator->() const { return m_ptr; }
     explicit operator bool() const { return m_ptr; }
     bool operator!() const { return !m_ptr; }
-    operator T*() const { return m_ptr; }
+    // As with Ref: no raw pointer out of a temporary.
+    operator T*() const& { return m_ptr; }
+    operator T*() && = delete;
 
     [[nodiscard]] T* leakRef() { return std::exchange(m_ptr, nullptr); }
     // Turns a non-null RefPtr into a Ref, leaving this one null.

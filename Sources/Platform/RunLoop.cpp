@@ -8,7 +8,8 @@
 #include <cmath>
 #include <map>
 #include <mutex>
-#include <poll.h>
+#include <deque>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <thread>
 #include <unistd.h>
@@ -30,23 +31,32 @@ double SystemClock::now() const
     return duration_cast<duration<double>>(steady_clock::now().time_since_epoch()).count();
 }
 
+double SystemClock::wallTime() const
+{
+    using namespace std::chrono;
+    return duration_cast<duration<double>>(system_clock::now().time_since_epoch()).count();
+}
+
 struct RunLoop::Impl {
     std::thread::id thread;
     int wakeFd { -1 };
+    // Holds the wake descriptor and every watched socket: one descriptor that
+    // tells a host's event loop, or our own wait, that there is work.
+    int epollFd { -1 };
 
     std::mutex taskMutex;
-    std::vector<std::function<void()>> tasks;
+    std::deque<std::function<void()>> tasks;
 
     // Ordered by fire time, then by the order of scheduling.
     std::multimap<std::pair<double, uint64_t>, Ref<Timer>> timers;
     uint64_t timerSequence { 0 };
 
     struct Watch {
-        int fd;
         SocketEvent events;
-        SocketCallback callback;
+        uint64_t generation;
+        std::shared_ptr<SocketCallback> callback;
     };
-    std::map<uint64_t, Watch> watches;
+    std::map<int, Watch> watches;
     uint64_t watchSequence { 0 };
 
     std::atomic<int> stopRequests { 0 };
@@ -55,19 +65,58 @@ struct RunLoop::Impl {
 // The main thread is the one that runs static initialisation.
 static const std::thread::id s_mainThread = std::this_thread::get_id();
 
+static std::atomic<RunLoop*> s_mainLoop { nullptr };
+static thread_local RunLoop* t_threadLoop = nullptr;
+
+namespace {
+
+uint32_t epollEvents(SocketEvent events)
+{
+    uint32_t result = 0;
+    if (any(events & SocketEvent::Readable))
+        result |= EPOLLIN;
+    if (any(events & SocketEvent::Writable))
+        result |= EPOLLOUT;
+    return result;
+}
+
+} // namespace
+
 RunLoop::RunLoop()
-    : m_impl(std::make_unique<Impl>())
+    : m_impl(std::make_shared<Impl>())
     , m_clock(&SystemClock::shared())
 {
     m_impl->thread = std::this_thread::get_id();
     m_impl->wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    m_impl->epollFd = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event {};
+    event.events = EPOLLIN;
+    event.data.fd = m_impl->wakeFd;
+    epoll_ctl(m_impl->epollFd, EPOLL_CTL_ADD, m_impl->wakeFd, &event);
 }
 
 RunLoop::~RunLoop()
 {
+    if (t_threadLoop == this)
+        t_threadLoop = nullptr;
+    if (m_impl->epollFd >= 0)
+        close(m_impl->epollFd);
     if (m_impl->wakeFd >= 0)
         close(m_impl->wakeFd);
 }
+
+int RunLoop::eventDescriptor() const
+{
+    return m_impl->epollFd;
+}
+
+double RunLoop::timeUntilNextTimer() const
+{
+    if (hasPendingTasks())
+        return 0;
+    return nextTimerDelay();
+}
+
 
 RunLoop& RunLoop::main()
 {
@@ -75,6 +124,7 @@ RunLoop& RunLoop::main()
     static RunLoop* loop = [] {
         auto* loop = new RunLoop;
         loop->m_impl->thread = s_mainThread;
+        s_mainLoop.store(loop);
         return loop;
     }();
     return *loop;
@@ -84,8 +134,19 @@ RunLoop& RunLoop::current()
 {
     if (std::this_thread::get_id() == s_mainThread)
         return main();
-    thread_local std::unique_ptr<RunLoop> loop(new RunLoop);
+    thread_local std::unique_ptr<RunLoop> loop = [] {
+        std::unique_ptr<RunLoop> made(new RunLoop);
+        t_threadLoop = made.get();
+        return made;
+    }();
     return *loop;
+}
+
+RunLoop* RunLoop::currentIfExists()
+{
+    if (std::this_thread::get_id() == s_mainThread)
+        return s_mainLoop.load();
+    return t_threadLoop;
 }
 
 bool RunLoop::isCurrent() const
@@ -113,19 +174,24 @@ void RunLoop::wake()
     [[maybe_unused]] ssize_t ignored = write(m_impl->wakeFd, &one, sizeof(one));
 }
 
-Ref<Timer> RunLoop::performAfterDelay(double seconds, std::function<void()> action)
+static Subscription timerSubscription(Ref<Timer>&& timer)
+{
+    return Subscription([timer = std::move(timer)] { timer->cancel(); });
+}
+
+Subscription RunLoop::performAfterDelay(double seconds, std::function<void()> action)
 {
     auto timer = adoptRef(*new Timer(now() + std::max(0.0, seconds), 0, std::move(action)));
     m_impl->timers.emplace(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
-    return timer;
+    return timerSubscription(std::move(timer));
 }
 
-Ref<Timer> RunLoop::scheduleRepeatingTimer(double interval, std::function<void()> action)
+Subscription RunLoop::scheduleRepeatingTimer(double interval, std::function<void()> action)
 {
     interval = std::max(interval, 1e-6);
     auto timer = adoptRef(*new Timer(now() + interval, interval, std::move(action)));
     m_impl->timers.emplace(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
-    return timer;
+    return timerSubscription(std::move(timer));
 }
 
 size_t RunLoop::pendingTimerCount() const
@@ -133,25 +199,46 @@ size_t RunLoop::pendingTimerCount() const
     return std::count_if(m_impl->timers.begin(), m_impl->timers.end(), [](auto& entry) { return entry.second->isValid(); });
 }
 
-uint64_t RunLoop::watchSocket(int fd, SocketEvent events, SocketCallback callback)
+Subscription RunLoop::watchSocket(int fd, SocketEvent events, SocketCallback callback)
 {
-    uint64_t id = ++m_impl->watchSequence;
-    m_impl->watches.emplace(id, Impl::Watch { fd, events, std::move(callback) });
-    return id;
+    uint64_t generation = ++m_impl->watchSequence;
+    epoll_event event {};
+    event.events = epollEvents(events);
+    event.data.fd = fd;
+    auto [it, inserted] = m_impl->watches.insert_or_assign(fd, Impl::Watch { events, generation, std::make_shared<SocketCallback>(std::move(callback)) });
+    if (epoll_ctl(m_impl->epollFd, inserted ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &event) != 0 && inserted)
+        epoll_ctl(m_impl->epollFd, EPOLL_CTL_MOD, fd, &event); // a descriptor number reused after close
+    std::weak_ptr<Impl> weakImpl = m_impl;
+    return Subscription([this, weakImpl, fd, generation] {
+        // The loop may be gone (its thread ended) before the token.
+        if (auto impl = weakImpl.lock())
+            unwatchSocket(fd, generation);
+    });
 }
 
-void RunLoop::updateSocket(uint64_t watch, SocketEvent events)
+void RunLoop::updateSocket(int fd, SocketEvent events)
 {
-    if (auto it = m_impl->watches.find(watch); it != m_impl->watches.end())
-        it->second.events = events;
+    auto it = m_impl->watches.find(fd);
+    if (it == m_impl->watches.end())
+        return;
+    it->second.events = events;
+    epoll_event event {};
+    event.events = epollEvents(events);
+    event.data.fd = fd;
+    epoll_ctl(m_impl->epollFd, EPOLL_CTL_MOD, fd, &event);
 }
 
-void RunLoop::unwatchSocket(uint64_t watch)
+void RunLoop::unwatchSocket(int fd, uint64_t generation)
 {
-    m_impl->watches.erase(watch);
+    auto it = m_impl->watches.find(fd);
+    if (it == m_impl->watches.end() || it->second.generation != generation)
+        return;
+    m_impl->watches.erase(it);
+    // The descriptor may already be closed, which removed it from the set.
+    epoll_ctl(m_impl->epollFd, EPOLL_CTL_DEL, fd, nullptr);
 }
 
-bool RunLoop::hasPendingTasks()
+bool RunLoop::hasPendingTasks() const
 {
     std::lock_guard lock(m_impl->taskMutex);
     return !m_impl->tasks.empty();
@@ -159,37 +246,64 @@ bool RunLoop::hasPendingTasks()
 
 bool RunLoop::runTasks()
 {
-    std::vector<std::function<void()>> tasks;
+    // Only the tasks queued now: a task that posts another leaves it for the
+    // next pass. One at a time, so that an exception leaves the rest queued.
+    size_t count;
     {
         std::lock_guard lock(m_impl->taskMutex);
-        tasks.swap(m_impl->tasks);
+        count = m_impl->tasks.size();
     }
-    for (auto& task : tasks)
+    for (size_t i = 0; i < count; ++i) {
+        std::function<void()> task;
+        {
+            std::lock_guard lock(m_impl->taskMutex);
+            task = std::move(m_impl->tasks.front());
+            m_impl->tasks.pop_front();
+        }
         task();
-    return !tasks.empty();
+    }
+    return count > 0;
 }
 
 bool RunLoop::fireDueTimers()
 {
     // Timers that a firing timer schedules wait for the next pass, even when due.
     double time = now();
-    std::vector<Ref<Timer>> due;
+    std::vector<std::pair<std::pair<double, uint64_t>, Ref<Timer>>> due;
     for (auto it = m_impl->timers.begin(); it != m_impl->timers.end() && it->first.first <= time;) {
-        due.push_back(it->second);
+        due.emplace_back(it->first, it->second);
         it = m_impl->timers.erase(it);
     }
     bool fired = false;
-    for (auto& timer : due) {
+    for (size_t i = 0; i < due.size(); ++i) {
+        auto& timer = due[i].second;
         // An earlier action in this pass may have cancelled it.
         if (!timer->isValid())
             continue;
-        if (timer->m_interval > 0) {
+        bool repeats = timer->m_interval > 0;
+        if (repeats) {
             timer->m_fireTime = std::max(timer->m_fireTime + timer->m_interval, time);
             m_impl->timers.emplace(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
         } else
             timer->m_valid = false;
         fired = true;
-        timer->m_action();
+        // The action may cancel its own timer; the closure must outlive the call.
+        auto action = std::move(timer->m_action);
+        timer->m_firing = true;
+        try {
+            action();
+        } catch (...) {
+            timer->m_firing = false;
+            if (repeats && timer->m_valid)
+                timer->m_action = std::move(action);
+            // The due timers not yet fired go back, in their order, for the next turn.
+            for (size_t j = i + 1; j < due.size(); ++j)
+                m_impl->timers.emplace(due[j].first, due[j].second);
+            throw;
+        }
+        timer->m_firing = false;
+        if (repeats && timer->m_valid)
+            timer->m_action = std::move(action);
     }
     return fired;
 }
@@ -205,47 +319,44 @@ double RunLoop::nextTimerDelay() const
 
 bool RunLoop::pollSockets(double maxWait)
 {
-    std::vector<pollfd> fds;
-    std::vector<uint64_t> ids;
-    fds.push_back({ m_impl->wakeFd, POLLIN, 0 });
-    ids.push_back(0);
-    for (auto& [id, watch] : m_impl->watches) {
-        short events = 0;
-        if (any(watch.events & SocketEvent::Readable))
-            events |= POLLIN;
-        if (any(watch.events & SocketEvent::Writable))
-            events |= POLLOUT;
-        fds.push_back({ watch.fd, events, 0 });
-        ids.push_back(id);
-    }
     int timeout = -1;
     if (std::isfinite(maxWait))
         timeout = static_cast<int>(std::ceil(std::max(0.0, maxWait) * 1000));
-    int ready = poll(fds.data(), fds.size(), timeout);
-    if (ready <= 0)
+    epoll_event ready[64];
+    int count = epoll_wait(m_impl->epollFd, ready, 64, timeout);
+    if (count <= 0)
         return false;
     bool handled = false;
-    if (fds[0].revents) {
-        uint64_t value;
-        [[maybe_unused]] ssize_t ignored = read(m_impl->wakeFd, &value, sizeof(value));
-        handled = true;
-    }
-    for (size_t i = 1; i < fds.size(); ++i) {
-        if (!fds[i].revents)
+    // Level-triggered: an event not handled here (a callback threw) is
+    // reported again at the next wait.
+    for (int i = 0; i < count; ++i) {
+        int fd = ready[i].data.fd;
+        if (fd == m_impl->wakeFd) {
+            uint64_t value;
+            [[maybe_unused]] ssize_t ignored = read(m_impl->wakeFd, &value, sizeof(value));
+            handled = true;
             continue;
+        }
         // A callback may have removed this watch, or others.
-        auto it = m_impl->watches.find(ids[i]);
+        auto it = m_impl->watches.find(fd);
         if (it == m_impl->watches.end())
             continue;
+        uint32_t revents = ready[i].events;
         SocketEvent events = SocketEvent::None;
-        if (fds[i].revents & (POLLIN | POLLHUP))
+        if (revents & (EPOLLIN | EPOLLHUP | EPOLLRDHUP))
             events = events | SocketEvent::Readable;
-        if (fds[i].revents & POLLOUT)
+        if (revents & EPOLLOUT)
             events = events | SocketEvent::Writable;
-        if (fds[i].revents & (POLLERR | POLLNVAL))
+        if (revents & EPOLLERR)
             events = events | SocketEvent::Error;
-        SocketCallback callback = it->second.callback;
-        callback(fds[i].fd, events);
+        if (revents & EPOLLHUP)
+            events = events & (it->second.events | SocketEvent::Error | SocketEvent::Readable);
+        else
+            events = events & (it->second.events | SocketEvent::Error);
+        if (!any(events))
+            continue;
+        auto callback = it->second.callback;
+        (*callback)(fd, events);
         handled = true;
     }
     return handled;

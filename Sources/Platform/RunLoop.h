@@ -12,6 +12,7 @@
 // sleeps to wait for a timer.
 
 #include "Object.h"
+#include "Subscription.h"
 
 #include <chrono>
 #include <cstdint>
@@ -28,6 +29,8 @@ public:
     virtual ~Clock() = default;
     // Seconds on a monotonic scale.
     virtual double now() const = 0;
+    // Seconds since 1970-01-01 00:00:00 UTC: what Date::now() answers.
+    virtual double wallTime() const = 0;
     virtual bool isManual() const { return false; }
 };
 
@@ -35,28 +38,43 @@ class SystemClock final : public Clock {
 public:
     static SystemClock& shared();
     double now() const override;
+    double wallTime() const override;
 };
 
+// Time that moves only when told to. Its wall time moves with it, from a
+// starting instant (by default 2026-01-01 00:00:00 UTC), so that relative
+// dates and refresh dates can be tested without sleeping.
 class ManualClock final : public Clock {
 public:
-    explicit ManualClock(double start = 0)
+    static constexpr double defaultWallStart = 1767225600;
+    explicit ManualClock(double start = 0, double wallStart = defaultWallStart)
         : m_now(start)
+        , m_wallOffset(wallStart - start)
     {
     }
     double now() const override { return m_now; }
+    double wallTime() const override { return m_now + m_wallOffset; }
     bool isManual() const override { return true; }
     void advance(double seconds) { m_now += seconds; }
     void setNow(double now) { m_now = now; }
+    void setWallTime(double secondsSince1970) { m_wallOffset = secondsSince1970 - m_now; }
 
 private:
     double m_now;
+    double m_wallOffset;
 };
 
-// A scheduled call; cancel() keeps it from firing (again).
+// A scheduled call, kept by the loop until it fires or is cancelled.
 class Timer final : public Object {
     VX_OBJECT(Timer)
 public:
-    void cancel() { m_valid = false; }
+    // Keeps it from firing (again) and drops its closure at once.
+    void cancel()
+    {
+        m_valid = false;
+        if (!m_firing)
+            m_action = nullptr;
+    }
     bool isValid() const { return m_valid; }
     double fireTime() const { return m_fireTime; }
 
@@ -72,6 +90,7 @@ private:
     double m_interval; // 0 for a one-shot timer
     std::function<void()> m_action;
     bool m_valid { true };
+    bool m_firing { false };
 };
 
 enum class SocketEvent : uint8_t { None = 0, Readable = 1, Writable = 2, Error = 4 };
@@ -83,6 +102,8 @@ class RunLoop {
 public:
     static RunLoop& current();
     static RunLoop& main();
+    // The thread's loop if it has made one, else null (never makes one).
+    static RunLoop* currentIfExists();
     bool isCurrent() const;
 
     // Thread-safe. Tasks run in the order posted, on the loop's thread.
@@ -90,16 +111,24 @@ public:
 
     // Calls the action once after the delay, measured on the loop's clock.
     // Timers due at the same time fire in the order they were scheduled.
-    Ref<Timer> performAfterDelay(double seconds, std::function<void()> action);
-    // Calls the action every interval until cancelled.
-    Ref<Timer> scheduleRepeatingTimer(double interval, std::function<void()> action);
+    // Destroying the Subscription cancels the timer; release() it to let the
+    // call happen without keeping a token.
+    Subscription performAfterDelay(double seconds, std::function<void()> action);
+    // Calls the action every interval until the Subscription goes.
+    Subscription scheduleRepeatingTimer(double interval, std::function<void()> action);
 
     using SocketCallback = std::function<void(int fd, SocketEvent events)>;
-    // Watches a descriptor; the callback is told which of the asked events
-    // (and Error) it is ready for. Returns a watch identifier.
-    uint64_t watchSocket(int fd, SocketEvent events, SocketCallback callback);
-    void updateSocket(uint64_t watch, SocketEvent events);
-    void unwatchSocket(uint64_t watch);
+    // Watches a descriptor (one watch per descriptor: a second replaces the
+    // first); the callback is told which of the asked events (and Error) it is
+    // ready for, until the Subscription goes.
+    Subscription watchSocket(int fd, SocketEvent events, SocketCallback callback);
+    // Changes the events asked of a watched descriptor.
+    void updateSocket(int fd, SocketEvent events);
+
+    // Exceptions: an exception thrown by a task, a timer or a socket callback
+    // leaves the running call (run, runUntil, runFor, runUntilIdle) and
+    // reaches its caller. Work that had not run yet stays queued, in order,
+    // and runs at the next turn of the loop.
 
     // Runs until stop().
     void run();
@@ -115,6 +144,16 @@ public:
     void runUntilIdle();
     // Ends the innermost run; thread-safe.
     void stop();
+
+    // Driving the loop from another event loop (GLib, Qt, a plain poll()):
+    // the host watches eventDescriptor() for readability, wakes at the latest
+    // after timeUntilNextTimer() seconds, and then calls runUntilIdle(). The
+    // descriptor is readable whenever a task is posted or a watched socket is
+    // ready; it stays readable until the loop has handled that work.
+    int eventDescriptor() const;
+    // Seconds until the earliest timer is due (0 when one is due now, or a
+    // task is waiting); infinity when nothing is scheduled.
+    double timeUntilNextTimer() const;
 
     // The loop does not own the clock; null restores the system clock.
     void setClock(Clock*);
@@ -135,10 +174,11 @@ private:
     bool pollSockets(double maxWait);
     double nextTimerDelay() const;
     void wake();
-    bool hasPendingTasks();
+    bool hasPendingTasks() const;
+    void unwatchSocket(int fd, uint64_t generation);
 
     struct Impl;
-    std::unique_ptr<Impl> m_impl;
+    std::shared_ptr<Impl> m_impl;
     Clock* m_clock;
 };
 

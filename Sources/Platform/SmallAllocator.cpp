@@ -4,7 +4,39 @@
 #include <cstdlib>
 #include <new>
 
+// Under AddressSanitizer every object goes straight to the system allocator:
+// a recycled block would hide a use-after-free or a double free from it.
+#if defined(__SANITIZE_ADDRESS__)
+#define VELVOX_PLAIN_ALLOCATION 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VELVOX_PLAIN_ALLOCATION 1
+#endif
+#endif
+
 namespace velvox::detail {
+
+#if defined(VELVOX_PLAIN_ALLOCATION)
+
+static thread_local uint64_t t_allocations = 0;
+
+uint64_t smallAllocationCount()
+{
+    return t_allocations;
+}
+
+void* allocateSmall(size_t size)
+{
+    ++t_allocations;
+    return ::operator new(size ? size : 1);
+}
+
+void deallocateSmall(void* pointer, size_t)
+{
+    ::operator delete(pointer);
+}
+
+#else
 
 namespace {
 
@@ -104,5 +136,7 @@ void deallocateSmall(void* pointer, size_t size)
     }
     free(pointer);
 }
+
+#endif
 
 } // namespace velvox::detail

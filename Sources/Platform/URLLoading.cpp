@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <unordered_map>
@@ -61,15 +62,15 @@ std::string percentDecode(std::string_view text)
     return out;
 }
 
-struct URLLoader::Impl {
+struct URLLoader::Impl : std::enable_shared_from_this<URLLoader::Impl> {
     CURLM* multi { nullptr };
     RunLoop* loop { nullptr };
-    RefPtr<Timer> timer;
-    std::map<curl_socket_t, uint64_t> watches;
+    Subscription timer;
+    std::map<curl_socket_t, Subscription> watches;
     std::unordered_map<CURL*, Ref<URLTask>> tasks;
     // Events gathered while libcurl runs, delivered once it has returned, so
     // that callbacks may start and cancel tasks freely.
-    std::vector<std::function<void()>> pending;
+    std::deque<std::function<void()>> pending;
 
     void action(curl_socket_t socket, int flags);
     void deliverPending();
@@ -80,7 +81,7 @@ struct URLLoader::Impl {
 };
 
 URLLoader::URLLoader()
-    : m_impl(std::make_unique<Impl>())
+    : m_impl(std::make_shared<Impl>())
 {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -96,10 +97,8 @@ URLLoader::URLLoader()
             auto* impl = static_cast<Impl*>(userData);
             auto it = impl->watches.find(socket);
             if (what == CURL_POLL_REMOVE) {
-                if (it != impl->watches.end()) {
-                    impl->loop->unwatchSocket(it->second);
+                if (it != impl->watches.end())
                     impl->watches.erase(it);
-                }
                 return 0;
             }
             SocketEvent events = SocketEvent::None;
@@ -108,10 +107,10 @@ URLLoader::URLLoader()
             if (what == CURL_POLL_OUT || what == CURL_POLL_INOUT)
                 events = events | SocketEvent::Writable;
             if (it != impl->watches.end()) {
-                impl->loop->updateSocket(it->second, events);
+                impl->loop->updateSocket(socket, events);
                 return 0;
             }
-            uint64_t watch = impl->loop->watchSocket(socket, events, [impl](int fd, SocketEvent ready) {
+            auto watch = impl->loop->watchSocket(socket, events, [impl](int fd, SocketEvent ready) {
                 int flags = 0;
                 if (any(ready & SocketEvent::Readable))
                     flags |= CURL_CSELECT_IN;
@@ -121,16 +120,14 @@ URLLoader::URLLoader()
                     flags |= CURL_CSELECT_ERR;
                 impl->action(fd, flags);
             });
-            impl->watches.emplace(socket, watch);
+            impl->watches.emplace(socket, std::move(watch));
             return 0;
         });
     curl_multi_setopt(m_impl->multi, CURLMOPT_TIMERDATA, impl);
     curl_multi_setopt(m_impl->multi, CURLMOPT_TIMERFUNCTION,
         +[](CURLM*, long timeoutMilliseconds, void* userData) -> int {
             auto* impl = static_cast<Impl*>(userData);
-            if (impl->timer)
-                impl->timer->cancel();
-            impl->timer = nullptr;
+            impl->timer.cancel();
             if (timeoutMilliseconds < 0)
                 return 0;
             // libcurl must not be called from inside this callback: go through the loop.
@@ -147,11 +144,10 @@ URLLoader::~URLLoader()
         task->m_loader = nullptr;
     }
     m_impl->tasks.clear();
-    if (m_impl->timer)
-        m_impl->timer->cancel();
-    for (auto& [socket, watch] : m_impl->watches)
-        m_impl->loop->unwatchSocket(watch);
+    m_impl->timer.cancel();
+    m_impl->watches.clear();
     curl_multi_cleanup(m_impl->multi);
+    m_impl->multi = nullptr;
 }
 
 URLLoader& URLLoader::current()
@@ -325,10 +321,22 @@ void URLLoader::Impl::action(curl_socket_t socket, int flags)
 
 void URLLoader::Impl::deliverPending()
 {
+    // One event at a time: when a callback throws, the exception leaves the
+    // run loop's turn and the events after it are delivered at the next turn.
     while (!pending.empty()) {
-        auto events = std::exchange(pending, {});
-        for (auto& event : events)
+        auto event = std::move(pending.front());
+        pending.pop_front();
+        try {
             event();
+        } catch (...) {
+            if (!pending.empty()) {
+                loop->post([weakImpl = weak_from_this()] {
+                    if (auto impl = weakImpl.lock())
+                        impl->deliverPending();
+                });
+            }
+            throw;
+        }
     }
 }
 

@@ -125,7 +125,7 @@ private:
     URLLoader();
     friend class URLTask;
     struct Impl;
-    std::unique_ptr<Impl> m_impl;
+    std::shared_ptr<Impl> m_impl;
     void cancel(URLTask&);
 };
 

@@ -1,5 +1,7 @@
 #include "Values.h"
 
+#include "RunLoop.h"
+
 #include "Collections.h"
 #include "FileManager.h"
 
@@ -105,8 +107,10 @@ Ref<Date> Date::create(double seconds)
 
 Ref<Date> Date::now()
 {
-    using namespace std::chrono;
-    return create(duration_cast<duration<double>>(system_clock::now().time_since_epoch()).count());
+    // The thread's run loop clock, so that a manual clock fixes "now" in tests.
+    if (auto* loop = RunLoop::currentIfExists())
+        return create(loop->clock().wallTime());
+    return create(SystemClock::shared().wallTime());
 }
 
 Date& Date::distantPast()
@@ -128,6 +132,10 @@ double Date::timeIntervalSinceNow() const
 
 Ref<String> Date::description() const
 {
+    // Years beyond what a calendar can show (and NaN) have no text; converting
+    // such a double to an integer would be undefined.
+    if (!(std::fabs(m_seconds) < 1e15))
+        return String::create("(invalid date)");
     time_t seconds = static_cast<time_t>(std::floor(m_seconds));
     struct tm utc;
     if (!gmtime_r(&seconds, &utc))
@@ -145,7 +153,10 @@ bool Date::isEqual(const Object* other) const
 
 size_t Date::hash() const
 {
-    return static_cast<size_t>(static_cast<int64_t>(m_seconds));
+    // Whole seconds where they fit an integer; any other double hashes by its bits.
+    if (std::fabs(m_seconds) < 9.2e18)
+        return static_cast<size_t>(static_cast<int64_t>(m_seconds));
+    return std::hash<double>()(m_seconds);
 }
 
 // MARK: URL

@@ -52,7 +52,7 @@ Ref<String> VXAPIController::uniqIdentifierForPerformingMethod(const String& met
         std::vector<Object*> sorted;
         for (auto* key : *keys)
             sorted.push_back(key);
-        std::sort(sorted.begin(), sorted.end(), [](Object* a, Object* b) { return a->description()->compare(b->description()) < 0; });
+        std::sort(sorted.begin(), sorted.end(), [](Object* a, Object* b) { return a->description()->compare(*b->description()) < 0; });
         Object* lastKey = sorted.back();
         for (auto* key : sorted) {
             identifier += format("%@=%@", key, parameters->objectForKey(key));

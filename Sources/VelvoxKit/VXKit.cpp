@@ -139,7 +139,7 @@ RefPtr<Object> JSONObject(const Data& data)
     auto text = data.view();
     if (!String::isValidUTF8(text.data(), text.size()))
         return nullptr;
-    return JSONObject(String::create(text));
+    return JSONObject(*String::create(text));
 }
 
 } // namespace velvox

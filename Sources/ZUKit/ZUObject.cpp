@@ -5,10 +5,15 @@
 namespace velvox {
 
 VX_DEFINE_CLASS(ZUObject, Object)
-VX_DEFINE_CLASS(ZUKeyValueObservation, Object)
 
 ZUObject::ZUObject() = default;
-ZUObject::~ZUObject() = default;
+ZUObject::~ZUObject()
+{
+    if (m_observations) {
+        for (auto& observation : *m_observations)
+            observation->owner = nullptr;
+    }
+}
 
 Set& ZUObject::propertyDescriptors()
 {
@@ -135,21 +140,23 @@ void ZUObject::setValue(Object* value, std::string_view key)
     didChangeValueForKey(key);
 }
 
-Ref<ZUKeyValueObservation> ZUObject::addObserver(std::string_view key, Observer observer)
+Subscription ZUObject::addObserver(std::string_view key, Observer observer)
 {
     if (!m_observations)
-        m_observations = std::make_unique<std::vector<Observation>>();
-    auto token = adoptRef(*new ZUKeyValueObservation);
-    m_observations->push_back({ String::create(key), token, std::make_shared<Observer>(std::move(observer)) });
-    return token;
+        m_observations = std::make_unique<std::vector<std::shared_ptr<Observation>>>();
+    auto observation = std::make_shared<Observation>(Observation { std::string(key), std::make_shared<Observer>(std::move(observer)), this });
+    m_observations->push_back(observation);
+    return Subscription([observation] {
+        if (observation->owner)
+            observation->owner->removeObservation(observation.get());
+        observation->observer = nullptr;
+    });
 }
 
-void ZUObject::removeObserver(ZUKeyValueObservation& token)
+void ZUObject::removeObservation(Observation* observation)
 {
-    token.m_removed = true;
-    if (!m_observations)
-        return;
-    std::erase_if(*m_observations, [&](auto& observation) { return observation.token.ptr() == &token; });
+    observation->owner = nullptr;
+    std::erase_if(*m_observations, [&](auto& entry) { return entry.get() == observation; });
 }
 
 void ZUObject::willChangeValueForKey(std::string_view)
@@ -161,18 +168,19 @@ void ZUObject::didChangeValueForKey(std::string_view key)
 {
     if (!m_observations || m_observations->empty())
         return;
-    std::vector<Observation> matching;
+    std::vector<std::pair<std::shared_ptr<Observation>, std::shared_ptr<Observer>>> matching;
     for (auto& observation : *m_observations) {
-        if (observation.key->view() == key)
-            matching.push_back(observation);
+        if (observation->key == key)
+            matching.emplace_back(observation, observation->observer);
     }
     if (matching.empty())
         return;
     Ref protectedThis { *this };
     auto keyString = String::create(key);
-    for (auto& observation : matching) {
-        if (!observation.token->m_removed)
-            (*observation.observer)(*this, keyString);
+    for (auto& [observation, observer] : matching) {
+        // Removed by an earlier observer of this change: not called.
+        if (observation->owner)
+            (*observer)(*this, keyString);
     }
 }
 

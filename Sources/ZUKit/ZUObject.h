@@ -28,6 +28,7 @@
 
 #include <Platform/Collections.h>
 #include <Platform/KeyedArchiver.h>
+#include <Platform/Subscription.h>
 
 #include <functional>
 #include <memory>
@@ -37,15 +38,6 @@
 namespace velvox {
 
 inline constexpr std::string_view UndefinedKeyException = "NSUndefinedKeyException";
-
-// The token of one key-value observation.
-class ZUKeyValueObservation final : public Object {
-    VX_OBJECT(ZUKeyValueObservation)
-private:
-    friend class ZUObject;
-    ZUKeyValueObservation() = default;
-    bool m_removed { false };
-};
 
 #define ZU_DESCRIBED_CLASS()               \
 public:                                    \
@@ -84,13 +76,15 @@ public:
     RefPtr<Object> valueForKeyPath(std::string_view keyPath) const;
     // Sets the property and tells its observers.
     void setValue(Object* value, std::string_view forKey);
+    template<typename T> void setValue(const Ref<T>& value, std::string_view forKey) { setValue(value.ptr(), forKey); }
+    template<typename T> void setValue(const RefPtr<T>& value, std::string_view forKey) { setValue(value.get(), forKey); }
 
     // Key-value observing. Observers of a key are called after its change, on
-    // the changing thread, in the order they were added; an observer removed
-    // during the call is not called after.
+    // the changing thread, in the order they were added, while the returned
+    // Subscription lives; an observer removed during the call is not called
+    // after. The Subscription does not keep the object alive.
     using Observer = std::function<void(ZUObject&, const String& key)>;
-    Ref<ZUKeyValueObservation> addObserver(std::string_view key, Observer);
-    void removeObserver(ZUKeyValueObservation&);
+    Subscription addObserver(std::string_view key, Observer);
     void willChangeValueForKey(std::string_view key);
     void didChangeValueForKey(std::string_view key);
 
@@ -125,11 +119,13 @@ protected:
 
 private:
     struct Observation {
-        Ref<String> key;
-        Ref<ZUKeyValueObservation> token;
+        std::string key;
         std::shared_ptr<Observer> observer;
+        ZUObject* owner; // null once the object is gone
     };
-    std::unique_ptr<std::vector<Observation>> m_observations;
+    void removeObservation(Observation*);
+
+    std::unique_ptr<std::vector<std::shared_ptr<Observation>>> m_observations;
 };
 
 } // namespace velvox

@@ -117,7 +117,7 @@ TEST(JSONCodec, ConvenienceCalls)
     RefPtr<Error> error;
     EXPECT_FALSE(objectFromJSONStringWithParseOptions(String::empty(), JCParseOptionStrict, &error));
     EXPECT_EQ(error->localizedDescription()->view(), "Reached the end of the buffer.");
-    EXPECT_FALSE(objectFromJSONStringWithParseOptions(String::create("42"), JCParseOptionStrict, &error));
+    EXPECT_FALSE(objectFromJSONStringWithParseOptions(*String::create("42"), JCParseOptionStrict, &error));
     EXPECT_EQ(error->localizedDescription()->view(), "Expected either '[' or '{'.");
     EXPECT_EQ(JSONString(*Array::create())->view(), "[]");
     EXPECT_EQ(JSONString(*Dictionary::create())->view(), "{}");

@@ -133,12 +133,12 @@ TEST(KeyedArchiver, DamagedOrForeignFilesReadAsNothing)
     EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(data));
     // Every truncation fails cleanly.
     for (size_t length = 0; length < data->length(); ++length)
-        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(Data::create(data->bytes(), length))) << length;
+        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(*Data::create(data->bytes(), length))) << length;
     // So does any flipped byte.
     for (size_t at = 0; at < data->length(); at += 7) {
         std::string bytes(data->view());
         bytes[at] ^= 0x5a;
-        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(Data::create(bytes))) << at;
+        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(*Data::create(bytes))) << at;
     }
     EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithFile(folder.file("missing.archive")));
     std::ofstream(folder.file("foreign.archive")) << "{\"not\": \"an archive\"}";
@@ -148,7 +148,7 @@ TEST(KeyedArchiver, DamagedOrForeignFilesReadAsNothing)
 TEST(KeyedArchiver, UnknownClassOrRefusingDecoderReadsAsNothing)
 {
     Song::registerForArchiving();
-    auto data = KeyedArchiver::archivedDataWithRootObject(Array::create({ Song::create("a", 1, nullptr).ptr() }));
+    auto data = KeyedArchiver::archivedDataWithRootObject(Array::create({ Song::create("a", 1, nullptr).ptr() }).get());
     KeyedUnarchiver::registerClass("Song", [](KeyedUnarchiver&) -> RefPtr<Object> {
         Exception::raise(InternalInconsistencyException, "refused");
     });
@@ -161,14 +161,14 @@ TEST(KeyedArchiver, UnarchivableObjectsRaiseAndLeaveTheOldFile)
 {
     TemporaryFolder folder;
     auto path = folder.file("state.archive");
-    ASSERT_TRUE(KeyedArchiver::archiveRootObject(String::create("old"), path));
+    ASSERT_TRUE(KeyedArchiver::archiveRootObject(String::create("old").get(), path));
     auto bad = Array::create({ Notification::create("N").ptr() });
     EXPECT_THROW(KeyedArchiver::archiveRootObject(bad.ptr(), path), Exception);
     auto restored = KeyedUnarchiver::unarchiveObjectWithFile(path);
     ASSERT_TRUE(restored);
     EXPECT_EQ(downcast<String>(restored.get())->view(), "old");
     // A folder that does not exist cannot be written to; nothing is raised.
-    EXPECT_FALSE(KeyedArchiver::archiveRootObject(String::create("x"), folder.file("no/such/folder/a.archive")));
+    EXPECT_FALSE(KeyedArchiver::archiveRootObject(String::create("x").get(), folder.file("no/such/folder/a.archive")));
     // No temporary files are left behind.
     size_t files = 0;
     for ([[maybe_unused]] auto& entry : std::filesystem::directory_iterator(folder.path()))

@@ -94,7 +94,7 @@ TEST(Dictionary, HashingEqualityAndReplacement)
 
     auto other = Dictionary::create({ { "1", String::create("uno").ptr() } });
     EXPECT_FALSE(dictionary->isEqual(other.ptr()));
-    dictionary->removeObjectForKey(Number::withInteger(2));
+    dictionary->removeObjectForKey(Number::withInteger(2).get());
     EXPECT_TRUE(dictionary->isEqual(other.ptr()));
     EXPECT_TRUE(other->isEqual(dictionary.ptr()));
 
@@ -165,7 +165,7 @@ TEST(Set, MembershipByEquality)
     EXPECT_EQ(set->count(), 2u);
     EXPECT_TRUE(set->containsObject("123"));
     EXPECT_FALSE(set->containsObject("789"));
-    set->removeObject(String::create("123"));
+    set->removeObject(String::create("123").get());
     EXPECT_FALSE(set->containsObject("123"));
     auto frozen = set->copy();
     EXPECT_FALSE(is<MutableSet>(frozen));

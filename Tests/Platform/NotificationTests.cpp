@@ -18,9 +18,13 @@ TEST(NotificationCenter, MatchesByNameAndSender)
     center.postNotification("Other", sender.ptr());
     center.postNotification("Changed", other.ptr(), Dictionary::create({ { "k", sender.ptr() } }).ptr());
     EXPECT_EQ(calls, (std::vector<std::string> { "name:sender", "sender:Changed", "sender:Other", "name:other", "both" }));
-    center.removeObserver(byName);
-    center.removeObserver(bySender);
-    center.removeObserver(both);
+    byName.cancel();
+    bySender = Subscription(); // assigning over a token stops it too
+    EXPECT_EQ(center.observerCount(), 1u);
+    {
+        auto moved = std::move(both);
+        EXPECT_FALSE(both.isActive());
+    }
     EXPECT_EQ(center.observerCount(), 0u);
 }
 
@@ -28,11 +32,11 @@ TEST(NotificationCenter, ObserverRemovedDuringPostIsNotCalled)
 {
     NotificationCenter center;
     std::vector<int> calls;
-    RefPtr<NotificationObserver> second;
-    RefPtr<NotificationObserver> first = center.addObserver("N", nullptr, [&](Notification&) {
+    Subscription second;
+    Subscription first = center.addObserver("N", nullptr, [&](Notification&) {
         calls.push_back(1);
-        center.removeObserver(*second);
-        center.removeObserver(*first); // removing itself is safe too
+        second.cancel();
+        first.cancel(); // removing itself is safe too
     });
     second = center.addObserver("N", nullptr, [&](Notification&) { calls.push_back(2); });
     auto third = center.addObserver("N", nullptr, [&](Notification&) { calls.push_back(3); });
@@ -45,7 +49,8 @@ TEST(NotificationCenter, ObserverAddedDuringPostWaitsForTheNextPost)
 {
     NotificationCenter center;
     int late = 0;
-    std::vector<Ref<NotificationObserver>> tokens;
+    std::vector<Subscription> tokens;
+    tokens.reserve(4);
     tokens.push_back(center.addObserver("N", nullptr, [&](Notification&) {
         if (tokens.size() == 1)
             tokens.push_back(center.addObserver("N", nullptr, [&](Notification&) { ++late; }));
@@ -60,4 +65,34 @@ TEST(NotificationCenter, DefaultCenterAndTerminationName)
 {
     EXPECT_EQ(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
     EXPECT_EQ(ApplicationWillTerminateNotification, "NSApplicationWillTerminateNotification");
+}
+
+TEST(NotificationCenter, TokensStopObserversAndMayOutliveTheirCentre)
+{
+    int calls = 0;
+    auto counted = std::make_shared<int>(0);
+    Subscription outliving;
+    {
+        NotificationCenter center;
+        {
+            auto dropped = center.addObserver("N", nullptr, [&](Notification&) { ++calls; });
+        }
+        center.postNotification("N");
+        EXPECT_EQ(calls, 0);
+        EXPECT_EQ(center.observerCount(), 0u);
+
+        auto released = center.addObserver("N", nullptr, [&](Notification&) { ++calls; });
+        released.release(); // runs for the life of the centre
+        center.postNotification("N");
+        EXPECT_EQ(calls, 1);
+
+        // Removing an observer releases its handler at once.
+        outliving = center.addObserver("M", nullptr, [counted](Notification&) { });
+        EXPECT_EQ(counted.use_count(), 2);
+        auto another = center.addObserver("M", nullptr, [counted](Notification&) { });
+        another.cancel();
+        EXPECT_EQ(counted.use_count(), 2);
+    }
+    outliving.cancel(); // the centre is gone: nothing to do, nothing to crash
+    EXPECT_FALSE(outliving.isActive());
 }

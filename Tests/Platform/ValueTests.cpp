@@ -41,8 +41,8 @@ TEST(Number, EqualityAcrossKindsMatchesHashing)
     EXPECT_EQ(integer->hash(), real->hash());
     EXPECT_EQ(integer->hash(), large->hash());
     EXPECT_FALSE(Number::withDouble(50.5)->isEqual(integer.ptr()));
-    EXPECT_LT(Number::withInteger(-1)->compare(Number::withUnsignedInteger(UINT64_MAX)), 0);
-    EXPECT_GT(Number::withUnsignedInteger(UINT64_MAX)->compare(Number::withInteger(INT64_MAX)), 0);
+    EXPECT_LT(Number::withInteger(-1)->compare(*Number::withUnsignedInteger(UINT64_MAX)), 0);
+    EXPECT_GT(Number::withUnsignedInteger(UINT64_MAX)->compare(*Number::withInteger(INT64_MAX)), 0);
     EXPECT_FALSE(integer->isEqual(String::create("50").ptr()));
 }
 
@@ -57,7 +57,7 @@ TEST(String, ValueReadingsAndEquality)
     EXPECT_TRUE(String::create("abc")->isEqual(String::create("abc").ptr()));
     EXPECT_EQ(String::create("abc")->hash(), String::create("abc")->hash());
     EXPECT_EQ(String::create("abc")->hash(), String::hashBytes("abc", 3));
-    EXPECT_LT(String::create("B")->compare(String::create("a")), 0); // literal, case-sensitive
+    EXPECT_LT(String::create("B")->compare(*String::create("a")), 0); // literal, case-sensitive
     auto parts = String::create("a, , b")->componentsSeparatedByString(", ");
     ASSERT_EQ(parts->count(), 3u);
     EXPECT_EQ(downcast<String>(parts->objectAtIndex(1))->view(), "");
@@ -107,7 +107,7 @@ TEST(Image, MediaTypeFromSignature)
     ASSERT_TRUE(image);
     EXPECT_EQ(image->mediaType(), "image/png");
     EXPECT_EQ(Image::mediaTypeForBytes(reinterpret_cast<const uint8_t*>("\xff\xd8\xff\xe0"), 4), "image/jpeg");
-    EXPECT_FALSE(Image::create(Data::create("not an image")));
+    EXPECT_FALSE(Image::create(*Data::create("not an image")));
 }
 
 namespace {
@@ -134,9 +134,9 @@ TEST(ValueTransformer, RegistryReplacesByName)
     ValueTransformer::setValueTransformer(second.ptr(), "DoublerName");
     EXPECT_EQ(ValueTransformer::valueTransformerForName("DoublerName").get(), second.ptr());
     EXPECT_EQ(first->refCount(), 1u);
-    auto result = ValueTransformer::valueTransformerForName("DoublerName")->transformedValue(Number::withInteger(21));
+    auto result = ValueTransformer::valueTransformerForName("DoublerName")->transformedValue(Number::withInteger(21).get());
     EXPECT_EQ(downcast<Number>(result)->integerValue(), 42);
-    EXPECT_THROW(second->reverseTransformedValue(Number::withInteger(1)), Exception);
+    EXPECT_THROW(second->reverseTransformedValue(Number::withInteger(1).get()), Exception);
     ValueTransformer::setValueTransformer(nullptr, "DoublerName");
     EXPECT_FALSE(ValueTransformer::valueTransformerForName("DoublerName"));
 }

@@ -166,10 +166,10 @@ TEST(VXAPIController, ASecondIdenticalPOSTReplacesTheFirstsCallers)
     Harness h;
     std::vector<std::string> calls;
     auto comment = params({ { "comment[body]", String::create("nice").ptr() } });
-    h.controller->postCommentForTrackIdentifer(String::create("7"), comment.ptr(), [&](VXAPIController*, Object* json, Error*) {
+    h.controller->postCommentForTrackIdentifer(String::create("7").get(), comment.ptr(), [&](VXAPIController*, Object* json, Error*) {
         calls.push_back("first:" + json->description()->str());
     });
-    h.controller->postCommentForTrackIdentifer(String::create("7"), comment.ptr(), [&](VXAPIController*, Object* json, Error*) {
+    h.controller->postCommentForTrackIdentifer(String::create("7").get(), comment.ptr(), [&](VXAPIController*, Object* json, Error*) {
         calls.push_back("second:" + downcast<Dictionary>(json)->objectForKey<Number>("id")->stringValue()->str());
     });
     ASSERT_EQ(h.sent().size(), 2u);
@@ -253,10 +253,10 @@ TEST(VXAPIController, EndpointPathsVerbsAndArguments)
     auto seven = Number::withInteger(7);
     h.controller->followUserWithIdentifer(seven, none);
     h.controller->startFollowingUserForIdentifier(seven, none);
-    h.controller->unfollowUserWithIdentifer(String::create("7"), none);
-    h.controller->stopFollowingByUserForIdentifier(String::create("7"), none);
-    h.controller->usersForSearch(String::create("b"), params({ { "q", String::create("a").ptr() }, { "limit", Number::withInteger(10).ptr() } }).ptr(), none);
-    h.controller->tracksForSearch(String::create("night"), nullptr, none);
+    h.controller->unfollowUserWithIdentifer(String::create("7").get(), none);
+    h.controller->stopFollowingByUserForIdentifier(String::create("7").get(), none);
+    h.controller->usersForSearch(String::create("b").get(), params({ { "q", String::create("a").ptr() }, { "limit", Number::withInteger(10).ptr() } }).ptr(), none);
+    h.controller->tracksForSearch(String::create("night").get(), nullptr, none);
     h.controller->favoriteTrackIdentifer(seven, none);
     h.controller->commentsForTrackIdentifer(seven, none);
     h.controller->trackRessouceWithIdentifer(seven, none);

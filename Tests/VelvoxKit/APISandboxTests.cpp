@@ -103,9 +103,9 @@ TEST_F(APIOnSandbox, MeUserAndSingleResources)
 {
     Answer me, user, track, missing;
     controller->meUserRessouce(recorder(me));
-    controller->userRessouceWithIdentifer(String::create("1003"), recorder(user));
-    controller->trackRessouceWithIdentifer(Number::withInteger(20005), recorder(track));
-    controller->trackRessouceWithIdentifer(Number::withInteger(1), recorder(missing));
+    controller->userRessouceWithIdentifer(String::create("1003").get(), recorder(user));
+    controller->trackRessouceWithIdentifer(Number::withInteger(20005).get(), recorder(track));
+    controller->trackRessouceWithIdentifer(Number::withInteger(1).get(), recorder(missing));
     ASSERT_TRUE(wait({ &me, &user, &track, &missing }));
     ASSERT_TRUE(dictionary(me)) << (me.error ? me.error->description()->str() : "");
     EXPECT_EQ(dictionary(me)->objectForKey<Number>("id")->integerValue(), s_sandbox->meUserIdentifier());
@@ -139,14 +139,14 @@ TEST_F(APIOnSandbox, ListsOfTheMeUserAndOfOtherUsers)
 {
     Answer tracks, userTracks, favorites, followers, followings, connections, users, searchTracks, comments;
     controller->tracksForCurrentUserWithParameters(page(3, 0).ptr(), recorder(tracks));
-    controller->tracksForUser(String::create("1004"), page(50, 0).ptr(), recorder(userTracks));
-    controller->favoritesForUserIdentifer(String::create("1004"), nullptr, recorder(favorites));
-    controller->followersForUserIdentifer(String::create("1004"), nullptr, recorder(followers));
-    controller->followingsForUserIdentifer(String::create("1004"), nullptr, recorder(followings));
-    controller->connectionsForUserIdentifer(String::create("1004"), nullptr, recorder(connections));
-    controller->usersForSearch(String::create("_"), page(4, 0).ptr(), recorder(users));
-    controller->tracksForSearch(String::create("night"), nullptr, recorder(searchTracks));
-    controller->commentsForTrackIdentifer(String::create("20010"), recorder(comments));
+    controller->tracksForUser(String::create("1004").get(), page(50, 0).ptr(), recorder(userTracks));
+    controller->favoritesForUserIdentifer(String::create("1004").get(), nullptr, recorder(favorites));
+    controller->followersForUserIdentifer(String::create("1004").get(), nullptr, recorder(followers));
+    controller->followingsForUserIdentifer(String::create("1004").get(), nullptr, recorder(followings));
+    controller->connectionsForUserIdentifer(String::create("1004").get(), nullptr, recorder(connections));
+    controller->usersForSearch(String::create("_").get(), page(4, 0).ptr(), recorder(users));
+    controller->tracksForSearch(String::create("night").get(), nullptr, recorder(searchTracks));
+    controller->commentsForTrackIdentifer(String::create("20010").get(), recorder(comments));
     ASSERT_TRUE(wait({ &tracks, &userTracks, &favorites, &followers, &followings, &connections, &users, &searchTracks, &comments }));
     EXPECT_EQ(array(tracks)->count(), 3u);
     EXPECT_EQ(array(userTracks)->count(), 10u);

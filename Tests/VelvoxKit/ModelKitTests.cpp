@@ -152,21 +152,19 @@ TEST_F(ModelKit, UpdatesReportChangesAndTellObserversOnce)
     EXPECT_EQ(track->duration(), 0.0);
     EXPECT_EQ(titleCalls, 2);
     EXPECT_EQ(seenTitles, (std::vector<std::string> { "Renamed", "(nil)" }));
-    track->removeObserver(titleToken);
-    track->removeObserver(stateToken);
 }
 
 TEST_F(ModelKit, KeyValueCoding)
 {
-    auto track = SampleTrack::create(catalogueTrack(1));
+    auto track = SampleTrack::create(catalogueTrack(1).get());
     EXPECT_EQ(downcast<String>(track->valueForKey("resourceIdentifier").get())->view(), "20001");
     EXPECT_EQ(downcast<Number>(track->valueForKey("state").get())->intValue(), 2); // "stored"
     EXPECT_EQ(downcast<Number>(track->valueForKey("commentable").get())->objCType(), 'c');
     int calls = 0;
-    RefPtr<ZUKeyValueObservation> token;
-    token = track->addObserver("state", [&](ZUObject& object, const String&) {
+    Subscription token;
+    token = track->addObserver("state", [&](ZUObject&, const String&) {
         ++calls;
-        object.removeObserver(*token); // removing itself during the call is safe
+        token.cancel(); // removing itself during the call is safe
     });
     auto second = track->addObserver("state", [&](ZUObject&, const String&) { ++calls; });
     track->setValue(Number::withInteger(3), "state");
@@ -175,7 +173,7 @@ TEST_F(ModelKit, KeyValueCoding)
     track->setValue(String::create("4"), "state"); // strings answer intValue too
     EXPECT_EQ(track->state(), 4);
     EXPECT_EQ(calls, 3);
-    track->removeObserver(second);
+    second.cancel();
     try {
         track->valueForKey("noSuchKey");
         FAIL();
@@ -203,7 +201,7 @@ TEST_F(ModelKit, ValuesAPropertyCannotTakeAreIgnoredWithALogLine)
 TEST_F(ModelKit, ArchivesAndUnarchivesWithEqualValues)
 {
     ZUObject::registerClassForArchiving<SampleTrack>();
-    auto track = SampleTrack::create(catalogueTrack(5));
+    auto track = SampleTrack::create(catalogueTrack(5).get());
     auto data = KeyedArchiver::archivedDataWithRootObject(Dictionary::create({ { "20005", track.ptr() } }).ptr());
     auto restoredRoot = KeyedUnarchiver::unarchiveObjectWithData(data);
     ASSERT_TRUE(restoredRoot);
