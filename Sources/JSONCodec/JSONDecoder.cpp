@@ -3,6 +3,7 @@
 #include "JCCollections.h"
 #include "JCInternal.h"
 
+#include <Platform/CLocale.h>
 #include <Platform/Collections.h>
 #include <Platform/Exception.h>
 #include <Platform/Number.h>
@@ -964,7 +965,7 @@ bool JCParser::jc_parse_number(JCParseState* state)
             }
             char* stop = nullptr;
             errno = 0;
-            result = strtod(terminated, &stop);
+            result = detail::strtodC(terminated, &stop);
             if (errno == ERANGE) {
                 jc_error(state, "The value '%s' could not be represented as a 'double' due to %s.", text, result == 0.0 ? "underflow" : "overflow");
                 jc_error(state, "Invalid number.");

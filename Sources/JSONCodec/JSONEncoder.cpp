@@ -9,6 +9,7 @@
 #include <Platform/Number.h>
 #include <Platform/String.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -259,9 +260,10 @@ bool encodeNumber(JCEncodeState* state, const Number& number)
             jc_encode_error(state, "Floating point values must be finite.  JSON does not support NaN or Infinity.");
             return false;
         }
+        // The %.17g text, whatever the locale, and much faster than printf.
         char text[40];
-        int length = snprintf(text, sizeof(text), "%.17g", value);
-        return jc_encode_write(state, text, length);
+        auto written = std::to_chars(text, text + sizeof(text), value, std::chars_format::general, 17);
+        return jc_encode_write(state, text, written.ptr - text);
     }
     case 0:
         jc_encode_error(state, "NSNumber conversion error, unknown type.  Type: '%s'", "");

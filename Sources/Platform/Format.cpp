@@ -1,7 +1,9 @@
 #include "Format.h"
 
+#include "CLocale.h"
 #include "String.h"
 
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -10,6 +12,8 @@
 #include <sys/syscall.h>
 
 namespace velvox {
+
+using detail::ScopedCLocale;
 
 namespace {
 
@@ -102,8 +106,8 @@ bool textValue(const FormatArg* arg, std::string& storage, std::string_view& tex
         // A number given for %@ prints as a number would describe itself.
         if (arg->kind == FormatArg::Kind::Double) {
             char buffer[32];
-            snprintf(buffer, sizeof(buffer), "%.17g", arg->d);
-            storage = buffer;
+            auto written = std::to_chars(buffer, buffer + sizeof(buffer), arg->d, std::chars_format::general, 17);
+            storage.assign(buffer, written.ptr);
         } else
             storage = arg->kind == FormatArg::Kind::Signed ? std::to_string(arg->i) : std::to_string(arg->u);
         text = storage;
@@ -146,6 +150,7 @@ void appendPrintf(std::string& out, const Spec& spec, const char* lengthModifier
     pattern[n] = 0;
     // A negative precision tells printf to use its default.
     int width = spec.width < 0 ? 0 : spec.width;
+    ScopedCLocale cLocale; // "%.2f" writes "0.50" under any locale
     char buffer[128];
     int written = snprintf(buffer, sizeof(buffer), pattern, width, spec.precision, value);
     if (written < 0)

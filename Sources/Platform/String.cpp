@@ -1,5 +1,7 @@
 #include "String.h"
 
+#include "CLocale.h"
+
 #include "Collections.h"
 #include "UTF8.h"
 
@@ -171,7 +173,7 @@ int32_t String::intValue() const
 double String::doubleValue() const
 {
     std::string prefix = numericPrefix(view());
-    double value = strtod(prefix.c_str(), nullptr);
+    double value = detail::strtodC(prefix.c_str(), nullptr);
     return std::isfinite(value) || std::isinf(value) ? value : 0.0;
 }
 
