@@ -184,13 +184,16 @@ JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
     if (!key || !capacity)
         return nullptr;
     size_t hash = key->hash();
-    size_t start = bucketForHash(hash);
+    // Linear probing; the wrap is a compare, not a division per probe.
+    size_t index = bucketForHash(hash);
     for (size_t i = 0; i < capacity; ++i) {
-        auto& candidate = entry[(start + i) % capacity];
+        auto& candidate = entry[index];
         if (!candidate.key)
             return nullptr;
         if (candidate.keyHash == hash && (candidate.key == key || candidate.key->isEqual(key)))
             return &candidate;
+        if (++index == capacity)
+            index = 0;
     }
     return nullptr;
 }
@@ -198,9 +201,9 @@ JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
 void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object)
 {
     if (capacity) {
-        size_t start = bucketForHash(keyHash);
+        size_t index = bucketForHash(keyHash);
         for (size_t i = 0; i < capacity; ++i) {
-            auto& candidate = entry[(start + i) % capacity];
+            auto& candidate = entry[index];
             if (candidate.key && candidate.keyHash == keyHash && (candidate.key == key || candidate.key->isEqual(key)))
                 removeEntry(candidate);
             if (!candidate.key) {
@@ -208,6 +211,8 @@ void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object)
                 ++count;
                 return;
             }
+            if (++index == capacity)
+                index = 0;
         }
     }
     key->deref();

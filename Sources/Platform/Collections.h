@@ -169,6 +169,9 @@ public:
     virtual uint64_t mutations() const { return 0; }
     virtual Ref<Enumerator> keyEnumerator() const;
 
+    // Key-value coding: the entry under the key, or null.
+    RefPtr<Object> valueForKey(std::string_view key) const override { return objectForKey(key); }
+
     Object* objectForKey(std::string_view key) const
     {
         StackString stackKey(key);

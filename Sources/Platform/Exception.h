@@ -19,6 +19,7 @@ inline constexpr std::string_view InvalidArgumentException = "NSInvalidArgumentE
 inline constexpr std::string_view RangeException = "NSRangeException";
 inline constexpr std::string_view MallocException = "NSMallocException";
 inline constexpr std::string_view GenericException = "NSGenericException";
+inline constexpr std::string_view UndefinedKeyException = "NSUndefinedKeyException";
 
 class Exception : public std::exception {
 public:

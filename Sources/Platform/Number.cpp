@@ -1,5 +1,7 @@
 #include "Number.h"
 
+#include "String.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -193,6 +195,11 @@ Null& Null::null()
 Ref<String> Null::description() const
 {
     return String::create("<null>");
+}
+
+bool detail::answersNumericValue(const Object* object)
+{
+    return is<Number>(object) || is<String>(object);
 }
 
 } // namespace velvox

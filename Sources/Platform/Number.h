@@ -94,4 +94,11 @@ private:
     Null() = default;
 };
 
+namespace detail {
+
+// Whether the object answers intValue, integerValue and doubleValue (numbers and strings).
+bool answersNumericValue(const Object*);
+
+} // namespace detail
+
 } // namespace velvox

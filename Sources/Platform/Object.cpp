@@ -18,3 +18,24 @@ void downcastFailure(const Object& object, const ClassInfo& wanted)
 }
 
 } // namespace velvox
+
+namespace velvox {
+
+RefPtr<Object> Object::valueForKey(std::string_view key) const
+{
+    Exception::raise(UndefinedKeyException, "[<%@ 0x%08X> valueForUndefinedKey:]: this class is not key value coding-compliant for the key %@.",
+        className(), this, key);
+}
+
+RefPtr<Object> Object::valueForKeyPath(std::string_view keyPath) const
+{
+    size_t dot = keyPath.find('.');
+    if (dot == std::string_view::npos)
+        return valueForKey(keyPath);
+    auto head = valueForKey(keyPath.substr(0, dot));
+    if (!head)
+        return nullptr;
+    return head->valueForKeyPath(keyPath.substr(dot + 1));
+}
+
+} // namespace velvox

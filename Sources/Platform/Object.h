@@ -71,6 +71,14 @@ public:
     // Objects that can be written to a keyed archive answer their coding.
     virtual const Coding* asCoding() const { return nullptr; }
 
+    // Key-value coding, through which templates and bindings read any object:
+    // dictionaries answer their entries, model objects their properties. An
+    // object that does not know the key raises UndefinedKeyException.
+    virtual RefPtr<Object> valueForKey(std::string_view key) const;
+    // A dotted path ("track.user.username") asks each object in turn for one
+    // key; a null on the way ends it with null.
+    virtual RefPtr<Object> valueForKeyPath(std::string_view keyPath) const;
+
     // Objects live in the small-object lists (see SmallAllocator.h). The
     // deleting destructor passes the dynamic type's size.
     static void* operator new(size_t size) { return detail::allocateSmall(size); }

@@ -2,6 +2,7 @@
 
 #include "Exception.h"
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -35,12 +36,15 @@ Registry& registry()
     return *registry;
 }
 
+std::atomic<uint64_t> s_generation { 1 };
+
 } // namespace
 
 void ValueTransformer::setValueTransformer(ValueTransformer* transformer, std::string_view name)
 {
     RefPtr<ValueTransformer> old;
     std::lock_guard lock(registry().mutex);
+    s_generation.fetch_add(1, std::memory_order_release);
     auto& transformers = registry().transformers;
     auto it = transformers.find(name);
     if (it != transformers.end()) {
@@ -54,6 +58,11 @@ void ValueTransformer::setValueTransformer(ValueTransformer* transformer, std::s
     }
     if (transformer)
         transformers.emplace(std::string(name), transformer);
+}
+
+uint64_t ValueTransformer::registrationGeneration()
+{
+    return s_generation.load(std::memory_order_acquire);
 }
 
 RefPtr<ValueTransformer> ValueTransformer::valueTransformerForName(std::string_view name)

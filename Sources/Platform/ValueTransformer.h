@@ -5,6 +5,7 @@
 
 #include "Object.h"
 
+#include <cstdint>
 #include <string_view>
 
 namespace velvox {
@@ -23,6 +24,8 @@ public:
     // Registering a name again replaces the transformer; null removes it.
     static void setValueTransformer(ValueTransformer*, std::string_view name);
     static RefPtr<ValueTransformer> valueTransformerForName(std::string_view name);
+    // Changes with every registration, so that a cached lookup can tell it is stale.
+    static uint64_t registrationGeneration();
 
 protected:
     ValueTransformer() = default;

@@ -199,16 +199,76 @@ private:
     bool m_ok { false };
 };
 
+// A quick, allocation-free acceptance of the shape nearly every URL a service
+// sends has: "http" or "https", "://", a registered host name, an optional
+// port, then path, query and fragment characters. Everything it accepts is a
+// valid URI; anything else (and so every doubtful case) goes to the full parser.
+bool isPlainWebURL(std::string_view text)
+{
+    auto isAlnum = [](unsigned char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); };
+    auto isHex = [](unsigned char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); };
+    // unreserved / sub-delims, shared by host names and paths
+    auto isPlain = [&](unsigned char c) {
+        return isAlnum(c) || c == '-' || c == '.' || c == '_' || c == '~' || c == '!' || c == '$' || c == '&' || c == '\''
+            || c == '(' || c == ')' || c == '*' || c == '+' || c == ',' || c == ';' || c == '=';
+    };
+    size_t i;
+    if (text.starts_with("https://"))
+        i = 8;
+    else if (text.starts_with("http://"))
+        i = 7;
+    else
+        return false;
+    size_t hostStart = i;
+    while (i < text.size() && isPlain(static_cast<unsigned char>(text[i])))
+        ++i;
+    if (i == hostStart)
+        return false;
+    if (i < text.size() && text[i] == ':') {
+        ++i;
+        while (i < text.size() && text[i] >= '0' && text[i] <= '9')
+            ++i;
+    }
+    if (i < text.size() && text[i] != '/' && text[i] != '?' && text[i] != '#')
+        return false;
+    bool inFragment = false;
+    for (; i < text.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (isPlain(c) || c == ':' || c == '@' || c == '/' || c == '?')
+            continue;
+        if (c == '#' && !inFragment) {
+            inFragment = true;
+            continue;
+        }
+        if (c == '%' && i + 2 < text.size() && isHex(static_cast<unsigned char>(text[i + 1])) && isHex(static_cast<unsigned char>(text[i + 2]))) {
+            i += 2;
+            continue;
+        }
+        return false;
+    }
+    return true;
+}
+
+bool isValidURIReference(std::string_view text)
+{
+    return isPlainWebURL(text) || ParsedURI(text).ok();
+}
+
 } // namespace
 
 RefPtr<URL> URL::create(std::string_view text)
 {
-    if (text.empty())
-        return nullptr;
-    ParsedURI parsed(text);
-    if (!parsed.ok())
+    if (text.empty() || !isValidURIReference(text))
         return nullptr;
     return adoptRef(new URL(String::create(text)));
+}
+
+RefPtr<URL> URL::create(String& text)
+{
+    // Shares the text: a URL from a decoded answer costs one object.
+    if (text.isEmpty() || !isValidURIReference(text.view()))
+        return nullptr;
+    return adoptRef(new URL(Ref<String>(text)));
 }
 
 RefPtr<URL> URL::create(std::string_view text, const URL* base)

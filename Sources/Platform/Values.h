@@ -83,6 +83,8 @@ class URL final : public Object {
     VX_OBJECT(URL)
 public:
     static RefPtr<URL> create(std::string_view text);
+    // The same, keeping the string itself as the URL's text.
+    static RefPtr<URL> create(String& text);
     // Resolves a reference against a base URL.
     static RefPtr<URL> create(std::string_view text, const URL* base);
 

@@ -6,16 +6,7 @@ namespace velvox {
 
 VX_DEFINE_CLASS(VXResource, ZUObject)
 
-Set& VXResource::propertyDescriptors()
-{
-    static Set* set = [] {
-        auto descriptors = ZUObject::propertyDescriptors().mutableCopy();
-        descriptors->addObject(ZUPropertyDescriptor::descriptorForKeyPath("resourceIdentifier", "id", VXNumberToStringValueTransformerName)
-                                   ->bind(&VXResource::m_resourceIdentifier));
-        return descriptors.leakRef();
-    }();
-    return *set;
-}
+ZU_DEFINE_PROPERTIES(VXResource, ZUObject, VX_RESOURCE_PROPERTIES)
 
 Ref<String> VXResource::description() const
 {

@@ -13,15 +13,14 @@ namespace velvox {
 
 inline constexpr std::string_view VXResourceAttributesDidChangeNotification = "VXResourceAttributesDidChangeNotification";
 
+// resourceIdentifier: a decimal string, also where the service sends a number.
+#define VX_RESOURCE_PROPERTIES(P) P(String, resourceIdentifier, ResourceIdentifier, "id", VXNumberToStringValueTransformerName)
+
 class VXResource : public ZUObject {
     VX_OBJECT(VXResource)
-    ZU_DESCRIBED_CLASS()
+    ZU_PROPERTIES(VX_RESOURCE_PROPERTIES)
 public:
     static Ref<VXResource> create(Dictionary* dictionary) { return ZUObject::create<VXResource>(dictionary); }
-
-    // A decimal string, also where the service sends a number.
-    String* resourceIdentifier() const { return m_resourceIdentifier.get(); }
-    void setResourceIdentifier(String* identifier) { m_resourceIdentifier = identifier; }
 
     // "<VXResource 0x0000ABCD resourceIdentifier = 42>".
     Ref<String> description() const override;
@@ -29,9 +28,6 @@ public:
 protected:
     friend class ZUObject;
     VXResource() = default;
-
-private:
-    RefPtr<String> m_resourceIdentifier;
 };
 
 } // namespace velvox

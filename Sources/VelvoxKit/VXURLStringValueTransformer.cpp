@@ -30,7 +30,7 @@ RefPtr<Object> VXURLStringValueTransformer::transformedValue(Object* value) cons
         return nullptr;
     if (string->isEmpty())
         return nullptr;
-    return URL::create(string->view());
+    return URL::create(*string);
 }
 
 RefPtr<Object> VXURLStringValueTransformer::reverseTransformedValue(Object* value) const

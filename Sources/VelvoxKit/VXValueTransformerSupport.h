@@ -41,12 +41,6 @@ T& requireInput(Object* value, std::string_view message)
     return *typed;
 }
 
-// The classes that answer intValue, integerValue and doubleValue.
-inline bool answersNumericValue(const Object* value)
-{
-    return is<Number>(value) || is<String>(value);
-}
-
 inline int64_t integerValueOf(const Object* value)
 {
     if (auto* number = dynamicDowncast<Number>(value))

@@ -21,29 +21,48 @@ Set& ZUObject::propertyDescriptors()
     return *set;
 }
 
+const ZUPropertyTable& ZUObject::propertyTable() const
+{
+    static const ZUPropertyTable table(propertyDescriptors());
+    return table;
+}
+
+Ref<ZUPropertyDescriptor> detail::describeProperty(std::string_view name, std::string_view key, std::string_view transformer)
+{
+    // The three constructors, as a class listing its descriptors by hand would use them.
+    if (!transformer.empty())
+        return ZUPropertyDescriptor::descriptorForKeyPath(name, key, transformer);
+    if (key == name)
+        return ZUPropertyDescriptor::descriptorForKeyPath(name);
+    return ZUPropertyDescriptor::descriptorForKeyPath(name, key);
+}
+
 bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, Object* jsonValue, bool announce)
 {
     // A JSON null is an absent value to transformers and properties alike.
-    RefPtr<Object> value = is<Null>(jsonValue) ? nullptr : jsonValue;
+    Object* value = is<Null>(jsonValue) ? nullptr : jsonValue;
+    RefPtr<Object> transformed;
     if (descriptor.transformerName()) {
-        auto transformer = descriptor.transformer();
+        auto* transformer = descriptor.cachedTransformer();
         VXAssert(transformer, "No value transformer is registered under %@ (for %@ of %@).", descriptor.transformerName(),
             &descriptor.keyPath(), className());
-        value = transformer->transformedValue(value.get());
+        transformed = transformer->transformedValue(value);
+        value = transformed.get();
     }
     auto& accessor = descriptor.accessor();
-    auto coerced = accessor.coerce(value.get());
-    if (!coerced) {
+    switch (accessor.compare(*this, value)) {
+    case ZUPropertyAccessor::Comparison::Equal:
+        return false;
+    case ZUPropertyAccessor::Comparison::Unacceptable:
         VXLog("ZUObject - %@: ignoring a value of class %@ for %@, which takes %s.", className(), value ? value->className() : "(null)",
             &descriptor.keyPath(), accessor.typeName());
         return false;
+    case ZUPropertyAccessor::Comparison::Different:
+        break;
     }
-    auto old = accessor.get(*this);
-    if (objectsEqual(old.get(), coerced->get()))
-        return false;
     if (announce)
         willChangeValueForKey(descriptor.keyPath().view());
-    accessor.set(*this, coerced->get());
+    accessor.assign(*this, value);
     if (announce)
         didChangeValueForKey(descriptor.keyPath().view());
     return true;
@@ -53,10 +72,9 @@ void ZUObject::initWithDictionary(Dictionary* dictionary)
 {
     if (!dictionary)
         return;
-    for (auto* object : descriptors()) {
-        auto& descriptor = *static_cast<ZUPropertyDescriptor*>(object);
-        if (auto* value = dictionary->objectForKey(&descriptor.source()))
-            applyDescriptor(descriptor, value, false);
+    for (auto* descriptor : propertyTable().descriptors()) {
+        if (auto* value = dictionary->objectForKey(&descriptor->source()))
+            applyDescriptor(*descriptor, value, false);
     }
 }
 
@@ -66,62 +84,25 @@ bool ZUObject::updateWithDictionary(Dictionary* dictionary)
         return false;
     Ref protectedThis { *this }; // an observer may drop the last other reference
     bool changed = false;
-    for (auto* object : descriptors()) {
-        auto& descriptor = *static_cast<ZUPropertyDescriptor*>(object);
-        if (auto* value = dictionary->objectForKey(&descriptor.source()))
-            changed |= applyDescriptor(descriptor, value, true);
+    for (auto* descriptor : propertyTable().descriptors()) {
+        if (auto* value = dictionary->objectForKey(&descriptor->source()))
+            changed |= applyDescriptor(*descriptor, value, true);
     }
     return changed;
 }
 
 const ZUPropertyAccessor* ZUObject::accessorForKey(std::string_view key) const
 {
-    for (auto* object : descriptors()) {
-        auto& descriptor = *static_cast<ZUPropertyDescriptor*>(object);
-        if (descriptor.keyPath().view() == key)
-            return &descriptor.accessor();
-    }
-    return nullptr;
+    auto* descriptor = propertyTable().descriptorForKeyPath(key);
+    return descriptor ? &descriptor->accessor() : nullptr;
 }
-
-namespace {
-
-[[noreturn]] void raiseUndefinedKey(const ZUObject& object, std::string_view key)
-{
-    Exception::raise(UndefinedKeyException, "[<%@ 0x%08X> valueForUndefinedKey:]: this class is not key value coding-compliant for the key %@.",
-        object.className(), &object, key);
-}
-
-} // namespace
 
 RefPtr<Object> ZUObject::valueForKey(std::string_view key) const
 {
     auto* accessor = accessorForKey(key);
     if (!accessor)
-        raiseUndefinedKey(*this, key);
+        return Object::valueForKey(key); // raises
     return accessor->get(*this);
-}
-
-RefPtr<Object> ZUObject::valueForKeyPath(std::string_view keyPath) const
-{
-    size_t dot = keyPath.find('.');
-    if (dot == std::string_view::npos)
-        return valueForKey(keyPath);
-    auto head = valueForKey(keyPath.substr(0, dot));
-    auto rest = keyPath.substr(dot + 1);
-    if (auto* model = dynamicDowncast<ZUObject>(head.get()))
-        return model->valueForKeyPath(rest);
-    if (auto* dictionary = dynamicDowncast<Dictionary>(head.get())) {
-        // Dictionaries answer one key; deeper paths continue below it.
-        size_t next = rest.find('.');
-        auto* value = dictionary->objectForKey(rest.substr(0, next));
-        if (next == std::string_view::npos || !value)
-            return value;
-        if (auto* model = dynamicDowncast<ZUObject>(value))
-            return model->valueForKeyPath(rest.substr(next + 1));
-        return nullptr;
-    }
-    return nullptr;
 }
 
 void ZUObject::setValue(Object* value, std::string_view key)
@@ -186,22 +167,21 @@ void ZUObject::didChangeValueForKey(std::string_view key)
 
 void ZUObject::encodeWithCoder(KeyedArchiver& coder) const
 {
-    for (auto* object : descriptors()) {
-        auto& descriptor = *static_cast<ZUPropertyDescriptor*>(object);
-        if (auto value = descriptor.accessor().get(*this))
-            coder.encodeObject(value.get(), descriptor.keyPath().view());
+    for (auto* descriptor : propertyTable().descriptors()) {
+        if (auto value = descriptor->accessor().get(*this))
+            coder.encodeObject(value.get(), descriptor->keyPath().view());
     }
 }
 
 void ZUObject::initWithCoder(KeyedUnarchiver& coder)
 {
-    for (auto* object : descriptors()) {
-        auto& descriptor = *static_cast<ZUPropertyDescriptor*>(object);
-        if (!coder.containsValueForKey(descriptor.keyPath().view()))
+    for (auto* descriptor : propertyTable().descriptors()) {
+        if (!coder.containsValueForKey(descriptor->keyPath().view()))
             continue;
-        auto value = coder.decodeObjectForKey(descriptor.keyPath().view());
-        if (auto coerced = descriptor.accessor().coerce(value.get()))
-            descriptor.accessor().set(*this, coerced->get());
+        auto value = coder.decodeObjectForKey(descriptor->keyPath().view());
+        auto& accessor = descriptor->accessor();
+        if (accessor.compare(*this, value.get()) != ZUPropertyAccessor::Comparison::Unacceptable)
+            accessor.assign(*this, value.get());
     }
 }
 

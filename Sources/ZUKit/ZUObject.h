@@ -4,19 +4,29 @@
 // dictionaries by the class's property descriptors, key-value coding and
 // observing, and keyed archiving of the described properties.
 //
-// A subclass lists its descriptors once, in a static propertyDescriptors()
-// that starts from its base class's set (ZU_DESCRIBED_CLASS declares the pair
-// of functions), and binds each descriptor to the member it fills:
+// A model class is declared from one table, one row per property: its type
+// (a scalar such as bool, int32_t, uint64_t or double, or an object class such
+// as String, URL, Date or Array), its name, the name with a capital for the
+// setter, its JSON key, and the registered name of a value transformer (or {}
+// for none). The table gives each property a member, a getter, a setter that
+// tells observers, and a descriptor whose key path is the name; the base
+// class's descriptors come first.
 //
-//   Set& VXTrack::propertyDescriptors()
-//   {
-//       static Set* set = [] {
-//           auto descriptors = VXResource::propertyDescriptors().mutableCopy();
-//           descriptors->addObject(ZUPropertyDescriptor::descriptorForKeyPath("title")->bind(&VXTrack::m_title));
-//           return descriptors.leakRef();
-//       }();
-//       return *set;
-//   }
+//   #define VX_SAMPLE_PROPERTIES(P) (one row per line, each line ending in a backslash)
+//       P(String, title, Title, "title", {})
+//       P(URL, artworkURL, ArtworkURL, "artwork_url", VXURLStringValueTransformerName)
+//       P(uint64_t, playbackCount, PlaybackCount, "playback_count", {})
+//
+//   class VXSample final : public VXResource {
+//       VX_OBJECT(VXSample)
+//       ZU_PROPERTIES(VX_SAMPLE_PROPERTIES)
+//       ...
+//   };
+//   // In the source file:
+//   ZU_DEFINE_PROPERTIES(VXSample, VXResource, VX_SAMPLE_PROPERTIES)
+//
+// A class may also list its descriptors by hand (ZU_DESCRIBED_CLASS, then a
+// propertyDescriptors() that binds each descriptor to its member).
 //
 // Decisions (see docs/model-kit.md): a described key that is missing from a
 // dictionary leaves its property as it is; a JSON null reaches a transformer
@@ -25,6 +35,7 @@
 // by isEqual() of the old and new values.
 
 #include "ZUPropertyDescriptor.h"
+#include "ZUPropertyTable.h"
 
 #include <Platform/Collections.h>
 #include <Platform/KeyedArchiver.h>
@@ -37,12 +48,64 @@
 
 namespace velvox {
 
-inline constexpr std::string_view UndefinedKeyException = "NSUndefinedKeyException";
+#define ZU_DESCRIBED_CLASS()                                                            \
+public:                                                                                 \
+    static ::velvox::Set& propertyDescriptors();                                        \
+    ::velvox::Set& descriptors() const override { return propertyDescriptors(); }       \
+    const ::velvox::ZUPropertyTable& propertyTable() const override                     \
+    {                                                                                   \
+        static const ::velvox::ZUPropertyTable table(propertyDescriptors());            \
+        return table;                                                                   \
+    }
 
-#define ZU_DESCRIBED_CLASS()               \
-public:                                    \
-    static ::velvox::Set& propertyDescriptors(); \
-    ::velvox::Set& descriptors() const override { return propertyDescriptors(); }
+namespace detail {
+
+// How a property type of a model table is stored, read and set.
+template<typename T, bool IsObject = std::is_base_of_v<Object, T>>
+struct ZUPropertyType {
+    using Storage = RefPtr<T>;
+    using Value = T*;
+    static T* get(const Storage& storage) { return storage.get(); }
+};
+template<typename T>
+struct ZUPropertyType<T, false> {
+    using Storage = T;
+    using Value = T;
+    static T get(const T& storage) { return storage; }
+};
+
+Ref<ZUPropertyDescriptor> describeProperty(std::string_view name, std::string_view key, std::string_view transformer);
+
+} // namespace detail
+
+#define ZU_PROPERTY_ACCESSORS(Type, name, Name, key, transformer)                                                                 \
+    ::velvox::detail::ZUPropertyType<Type>::Value name() const { return ::velvox::detail::ZUPropertyType<Type>::get(m_##name); } \
+    void set##Name(::velvox::detail::ZUPropertyType<Type>::Value value) { setDeclaredProperty(m_##name, value, #name); }
+#define ZU_PROPERTY_MEMBER(Type, name, Name, key, transformer) ::velvox::detail::ZUPropertyType<Type>::Storage m_##name {};
+#define ZU_PROPERTY_DESCRIPTOR(Type, name, Name, key, transformer) \
+    descriptors->addObject(::velvox::detail::describeProperty(#name, key, transformer)->bind(&ZUThisClass::m_##name));
+
+// In the class body: the properties of the table, their members, and the
+// class's descriptor set. Leaves the access level at public.
+#define ZU_PROPERTIES(TABLE)       \
+    ZU_DESCRIBED_CLASS()           \
+    TABLE(ZU_PROPERTY_ACCESSORS)   \
+private:                           \
+    TABLE(ZU_PROPERTY_MEMBER)      \
+public:
+
+// In the source file: the descriptor set, the base class's first, built once.
+#define ZU_DEFINE_PROPERTIES(Class, Base, TABLE)                                  \
+    ::velvox::Set& Class::propertyDescriptors()                                   \
+    {                                                                             \
+        static ::velvox::Set* set = [] {                                          \
+            using ZUThisClass = Class;                                            \
+            auto descriptors = Base::propertyDescriptors().mutableCopy();        \
+            TABLE(ZU_PROPERTY_DESCRIPTOR)                                         \
+            return static_cast<::velvox::Set*>(descriptors.leakRef());            \
+        }();                                                                      \
+        return *set;                                                              \
+    }
 
 class ZUObject : public Object, public Coding {
     VX_OBJECT(ZUObject)
@@ -61,6 +124,8 @@ public:
     static Set& propertyDescriptors();
     // The set of the object's own class.
     virtual Set& descriptors() const { return propertyDescriptors(); }
+    // The same descriptors, in order and by key path.
+    virtual const ZUPropertyTable& propertyTable() const;
 
     // Fills the described properties that the dictionary holds. Subclasses
     // that override it call the base first, then set their defaults.
@@ -71,9 +136,7 @@ public:
 
     // Key-value coding over the described properties (and whatever a subclass
     // adds through accessorForKey). An unknown key raises UndefinedKeyException.
-    RefPtr<Object> valueForKey(std::string_view key) const;
-    // Dotted paths walk through ZUObjects and dictionaries: "user.username".
-    RefPtr<Object> valueForKeyPath(std::string_view keyPath) const;
+    RefPtr<Object> valueForKey(std::string_view key) const override;
     // Sets the property and tells its observers.
     void setValue(Object* value, std::string_view forKey);
     template<typename T> void setValue(const Ref<T>& value, std::string_view forKey) { setValue(value.ptr(), forKey); }
@@ -116,6 +179,20 @@ protected:
     // Applies one descriptor to a raw JSON value (present in the dictionary).
     // Answers whether the property changed; announces it when asked.
     bool applyDescriptor(const ZUPropertyDescriptor&, Object* jsonValue, bool announce);
+
+    // The setters of a model table: store the value and tell observers.
+    template<typename Storage, typename Value>
+    void setDeclaredProperty(Storage& member, Value value, std::string_view key)
+    {
+        if (!m_observations) {
+            member = value;
+            return;
+        }
+        Ref protectedThis { *this }; // an observer may drop the last other reference
+        willChangeValueForKey(key);
+        member = value;
+        didChangeValueForKey(key);
+    }
 
 private:
     struct Observation {

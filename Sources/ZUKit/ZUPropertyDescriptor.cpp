@@ -4,12 +4,6 @@ namespace velvox {
 
 VX_DEFINE_CLASS(ZUPropertyDescriptor, Object)
 
-bool detail::answersNumericValue(const Object* object)
-{
-    // The classes that answer intValue, integerValue and doubleValue.
-    return is<Number>(object) || is<String>(object);
-}
-
 ZUPropertyDescriptor::ZUPropertyDescriptor(Ref<String>&& keyPath, Ref<String>&& source, RefPtr<String>&& transformerName)
     : m_keyPath(std::move(keyPath))
     , m_source(std::move(source))
@@ -38,6 +32,32 @@ RefPtr<ValueTransformer> ZUPropertyDescriptor::transformer() const
     if (!m_transformerName)
         return nullptr;
     return ValueTransformer::valueTransformerForName(m_transformerName->view());
+}
+
+ValueTransformer* ZUPropertyDescriptor::cachedTransformer() const
+{
+    if (!m_transformerName)
+        return nullptr;
+    uint64_t generation = ValueTransformer::registrationGeneration();
+    if (generation != m_cachedGeneration) {
+        m_cachedTransformer = transformer();
+        m_cachedGeneration = generation;
+    }
+    return m_cachedTransformer.get();
+}
+
+ZUPropertyAccessor::Comparison ZUPropertyAccessor::compare(const ZUObject& object, Object* value) const
+{
+    auto coerced = coerce(value);
+    if (!coerced)
+        return Comparison::Unacceptable;
+    return objectsEqual(get(object).get(), coerced->get()) ? Comparison::Equal : Comparison::Different;
+}
+
+void ZUPropertyAccessor::assign(ZUObject& object, Object* value) const
+{
+    if (auto coerced = coerce(value))
+        set(object, coerced->get());
 }
 
 const ZUPropertyAccessor& ZUPropertyDescriptor::accessor() const

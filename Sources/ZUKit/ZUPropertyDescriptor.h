@@ -22,9 +22,12 @@ namespace velvox {
 
 class ZUObject;
 
-// Reads and writes one property of an object as an Object: scalars travel as
-// Numbers. coerce() turns an incoming value into the form the property takes
-// (and get() then answers), or nullopt when the property cannot take it.
+// Reads and writes one property of an object. get() and set() move values as
+// Objects (scalars travel as Numbers) for key-value coding and archiving;
+// coerce() turns an incoming value into the form the property takes (and
+// get() then answers), or nullopt when the property cannot take it.
+// compare() and assign() are the filling path: they take the incoming value
+// as it is and compare and store scalars without boxing them.
 class ZUPropertyAccessor {
 public:
     virtual ~ZUPropertyAccessor() = default;
@@ -33,6 +36,12 @@ public:
     virtual std::optional<RefPtr<Object>> coerce(Object* value) const = 0;
     virtual const ClassInfo& ownerClass() const = 0;
     virtual const char* typeName() const = 0;
+
+    enum class Comparison { Equal, Different, Unacceptable };
+    // How an incoming value compares with the property's; the default goes through coerce() and get().
+    virtual Comparison compare(const ZUObject&, Object* value) const;
+    // Stores an incoming value that compare() found acceptable.
+    virtual void assign(ZUObject&, Object* value) const;
 };
 
 namespace detail {
@@ -44,42 +53,45 @@ struct IsRefPtr<RefPtr<T>> : std::true_type {
     using Element = T;
 };
 
-bool answersNumericValue(const Object*);
-
-// Coercion of an incoming value to a member type.
+// The value a scalar member takes from an incoming value (absent and null
+// give zero), or nullopt when it cannot take it.
 template<typename Member>
-std::optional<RefPtr<Object>> coerceTo(Object* value)
+std::optional<Member> scalarFrom(Object* value)
 {
-    if constexpr (IsRefPtr<Member>::value) {
-        using Element = typename IsRefPtr<Member>::Element;
-        if (!value || is<Null>(value))
-            return RefPtr<Object> {};
-        if (is<Element>(value))
-            return RefPtr<Object>(value);
-        if constexpr (std::is_same_v<Element, String>) {
-            if (auto* number = dynamicDowncast<Number>(value))
-                return RefPtr<Object>(number->stringValue());
-        }
+    static_assert(std::is_arithmetic_v<Member> || std::is_enum_v<Member>, "a described member is a RefPtr or a scalar");
+    if (!value || is<Null>(value))
+        return Member {};
+    auto* number = dynamicDowncast<Number>(value);
+    auto* string = number ? nullptr : dynamicDowncast<String>(value);
+    if (!number && !string)
         return std::nullopt;
-    } else {
-        static_assert(std::is_arithmetic_v<Member> || std::is_enum_v<Member>, "a described member is a RefPtr or a scalar");
-        if (!value || is<Null>(value))
-            return RefPtr<Object>(Number::create(Member {}));
-        if (!answersNumericValue(value))
-            return std::nullopt;
-        auto* number = dynamicDowncast<Number>(value);
-        auto* string = dynamicDowncast<String>(value);
-        if constexpr (std::is_same_v<Member, bool>)
-            return RefPtr<Object>(Number::withBool(number ? number->boolValue() : string->boolValue()));
-        else if constexpr (std::is_floating_point_v<Member>)
-            return RefPtr<Object>(Number::withDouble(number ? number->doubleValue() : string->doubleValue()));
-        else if constexpr (std::is_enum_v<Member>)
-            return RefPtr<Object>(Number::withInteger(number ? number->intValue() : string->intValue()));
-        else if constexpr (std::is_unsigned_v<Member>)
-            return RefPtr<Object>(Number::withUnsignedInteger(static_cast<Member>(number ? number->unsignedLongLongValue() : static_cast<uint64_t>(string->integerValue()))));
-        else
-            return RefPtr<Object>(Number::withInteger(static_cast<Member>(number ? number->integerValue() : string->integerValue())));
+    if constexpr (std::is_same_v<Member, bool>)
+        return number ? number->boolValue() : string->boolValue();
+    else if constexpr (std::is_floating_point_v<Member>)
+        return static_cast<Member>(number ? number->doubleValue() : string->doubleValue());
+    else if constexpr (std::is_enum_v<Member>)
+        return static_cast<Member>(number ? number->intValue() : string->intValue());
+    else if constexpr (std::is_unsigned_v<Member>)
+        return static_cast<Member>(number ? number->unsignedLongLongValue() : static_cast<uint64_t>(string->integerValue()));
+    else
+        return static_cast<Member>(number ? number->integerValue() : string->integerValue());
+}
+
+// The object an object member takes from an incoming value: itself when of
+// the member's kind, a number's text for a string member, null for absent and
+// null; nullopt when it cannot take it.
+template<typename Element>
+std::optional<RefPtr<Element>> objectFrom(Object* value)
+{
+    if (!value || is<Null>(value))
+        return RefPtr<Element> {};
+    if (auto* typed = dynamicDowncast<Element>(value))
+        return RefPtr<Element>(typed);
+    if constexpr (std::is_same_v<Element, String>) {
+        if (auto* number = dynamicDowncast<Number>(value))
+            return RefPtr<Element>(number->stringValue());
     }
+    return std::nullopt;
 }
 
 template<typename Member>
@@ -94,22 +106,16 @@ RefPtr<Object> boxed(const Member& member)
 }
 
 template<typename Member>
-void unbox(Member& member, Object* coerced)
+std::optional<RefPtr<Object>> coerceTo(Object* value)
 {
-    if constexpr (IsRefPtr<Member>::value)
-        member = static_cast<typename IsRefPtr<Member>::Element*>(coerced);
-    else {
-        auto* number = downcast<Number>(coerced);
-        if constexpr (std::is_same_v<Member, bool>)
-            member = number->boolValue();
-        else if constexpr (std::is_floating_point_v<Member>)
-            member = static_cast<Member>(number->doubleValue());
-        else if constexpr (std::is_enum_v<Member>)
-            member = static_cast<Member>(number->integerValue());
-        else if constexpr (std::is_unsigned_v<Member>)
-            member = static_cast<Member>(number->unsignedLongLongValue());
-        else
-            member = static_cast<Member>(number->integerValue());
+    if constexpr (IsRefPtr<Member>::value) {
+        if (auto object = objectFrom<typename IsRefPtr<Member>::Element>(value))
+            return RefPtr<Object>(std::move(*object));
+        return std::nullopt;
+    } else {
+        if (auto scalar = scalarFrom<Member>(value))
+            return boxed(*scalar);
+        return std::nullopt;
     }
 }
 
@@ -134,10 +140,42 @@ public:
     {
     }
     RefPtr<Object> get(const ZUObject& object) const override { return boxed(owner(object).*m_member); }
-    void set(ZUObject& object, Object* coercedValue) const override { unbox(const_cast<Owner&>(owner(object)).*m_member, coercedValue); }
+    void set(ZUObject& object, Object* coercedValue) const override { assign(object, coercedValue); }
     std::optional<RefPtr<Object>> coerce(Object* value) const override { return coerceTo<Member>(value); }
     const ClassInfo& ownerClass() const override { return Owner::s_info; }
     const char* typeName() const override { return memberTypeName<Member>(); }
+
+    Comparison compare(const ZUObject& object, Object* value) const override
+    {
+        auto& member = owner(object).*m_member;
+        if constexpr (IsRefPtr<Member>::value) {
+            using Element = typename IsRefPtr<Member>::Element;
+            if (!value || is<Null>(value))
+                return member ? Comparison::Different : Comparison::Equal;
+            if (is<Element>(value))
+                return objectsEqual(member.get(), value) ? Comparison::Equal : Comparison::Different;
+            auto taken = objectFrom<Element>(value);
+            if (!taken)
+                return Comparison::Unacceptable;
+            return objectsEqual(member.get(), taken->get()) ? Comparison::Equal : Comparison::Different;
+        } else {
+            auto scalar = scalarFrom<Member>(value);
+            if (!scalar)
+                return Comparison::Unacceptable;
+            return member == *scalar ? Comparison::Equal : Comparison::Different;
+        }
+    }
+    void assign(ZUObject& object, Object* value) const override
+    {
+        auto& member = const_cast<Owner&>(owner(object)).*m_member;
+        if constexpr (IsRefPtr<Member>::value) {
+            if (auto taken = objectFrom<typename IsRefPtr<Member>::Element>(value))
+                member = std::move(*taken);
+        } else {
+            if (auto scalar = scalarFrom<Member>(value))
+                member = *scalar;
+        }
+    }
 
 private:
     static const Owner& owner(const ZUObject& object) { return static_cast<const Owner&>(object); }
@@ -175,6 +213,9 @@ public:
     String* transformerName() const { return m_transformerName.get(); }
     // The transformer registered under the name now, or null.
     RefPtr<ValueTransformer> transformer() const;
+    // The same, looked up once and again only after a registration changed
+    // the registry. For the filling path, on the thread that fills models.
+    ValueTransformer* cachedTransformer() const;
     // Raises when the descriptor was never bound.
     const ZUPropertyAccessor& accessor() const;
 
@@ -187,6 +228,8 @@ private:
     Ref<String> m_source;
     RefPtr<String> m_transformerName;
     std::unique_ptr<ZUPropertyAccessor> m_accessor;
+    mutable RefPtr<ValueTransformer> m_cachedTransformer;
+    mutable uint64_t m_cachedGeneration { 0 };
 };
 
 } // namespace velvox

@@ -1,0 +1,33 @@
+#include "VXFramework.h"
+
+#include "VXAPITimestampValueTransformer.h"
+#include "VXActivityTypeValueTransformer.h"
+#include "VXNumberToStringValueTransformer.h"
+#include "VXResource.h"
+#include "VXStringToArrayValueTransformer.h"
+#include "VXTagListValueTransformer.h"
+#include "VXTimeIntervalValueTransformer.h"
+#include "VXTrackStateValueTransformer.h"
+#include "VXURLStringValueTransformer.h"
+
+namespace velvox {
+
+void VXRegisterValueTransformers()
+{
+    VXURLStringValueTransformer::registerValueTransformer();
+    VXTagListValueTransformer::registerValueTransformer();
+    VXAPITimestampValueTransformer::registerValueTransformer();
+    VXStringToArrayValueTransformer::registerValueTransformer();
+    VXActivityTypeValueTransformer::registerValueTransformer();
+    VXTrackStateValueTransformer::registerValueTransformer();
+    VXTimeIntervalValueTransformer::registerValueTransformer();
+    VXNumberToStringValueTransformer::registerValueTransformer();
+}
+
+void VXRegisterFramework()
+{
+    VXRegisterValueTransformers();
+    ZUObject::registerClassForArchiving<VXResource>();
+}
+
+} // namespace velvox
