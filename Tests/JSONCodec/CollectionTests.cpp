@@ -1,6 +1,8 @@
 #include <JSONCodec/JSONCodec.h>
 #include <Platform/Platform.h>
 
+#include <TestSupport.h>
+
 #include <gtest/gtest.h>
 
 using namespace velvox;
@@ -28,13 +30,7 @@ namespace {
 
 std::string reasonOf(const std::function<void()>& action, std::string_view name)
 {
-    try {
-        action();
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.name(), name);
-        return exception.reason();
-    }
-    return "(nothing raised)";
+    return test::raisedReason(action, name);
 }
 
 RefPtr<Object> decodeMutable(std::string_view text)

@@ -1,23 +1,12 @@
 #include <Platform/Platform.h>
 
+#include <TestSupport.h>
+
 #include <gtest/gtest.h>
 
 using namespace velvox;
 
-namespace {
-
-std::string raisedReason(const std::function<void()>& action, std::string_view expectedName)
-{
-    try {
-        action();
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.name(), expectedName);
-        return exception.reason();
-    }
-    return "(nothing raised)";
-}
-
-} // namespace
+using velvox::test::raisedReason;
 
 TEST(Array, BoundsAndNilAreProgrammingErrors)
 {

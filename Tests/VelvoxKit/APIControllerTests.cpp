@@ -4,6 +4,8 @@
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXAPIController.h>
 
+#include <TestSupport.h>
+
 #include <gtest/gtest.h>
 
 using namespace velvox;
@@ -76,12 +78,7 @@ Ref<Dictionary> params(std::initializer_list<std::pair<std::string_view, Object*
 
 std::string raised(const std::function<void()>& action)
 {
-    try {
-        action();
-    } catch (const Exception& exception) {
-        return exception.name() + ": " + exception.reason();
-    }
-    return "(nothing raised)";
+    return test::raisedNameAndReason(action);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXAPITimestampValueTransformer.h>
+#include <VelvoxKit/VXFramework.h>
 #include <VelvoxKit/VXActivityTypeValueTransformer.h>
 #include <VelvoxKit/VXNumberToStringValueTransformer.h>
 #include <VelvoxKit/VXStringToArrayValueTransformer.h>
@@ -7,6 +8,8 @@
 #include <VelvoxKit/VXTimeIntervalValueTransformer.h>
 #include <VelvoxKit/VXTrackStateValueTransformer.h>
 #include <VelvoxKit/VXURLStringValueTransformer.h>
+
+#include <TestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -19,13 +22,7 @@ namespace {
 
 std::string raised(const std::function<void()>& action)
 {
-    try {
-        action();
-    } catch (const Exception& exception) {
-        EXPECT_EQ(exception.name(), InternalInconsistencyException);
-        return exception.reason();
-    }
-    return "(nothing raised)";
+    return test::raisedReason(action, InternalInconsistencyException);
 }
 
 std::string text(const RefPtr<Object>& object)
@@ -68,14 +65,7 @@ private:
 
 TEST(ValueTransformers, RegisteredNames)
 {
-    VXURLStringValueTransformer::registerValueTransformer();
-    VXTagListValueTransformer::registerValueTransformer();
-    VXAPITimestampValueTransformer::registerValueTransformer();
-    VXStringToArrayValueTransformer::registerValueTransformer();
-    VXActivityTypeValueTransformer::registerValueTransformer();
-    VXTrackStateValueTransformer::registerValueTransformer();
-    VXTimeIntervalValueTransformer::registerValueTransformer();
-    VXNumberToStringValueTransformer::registerValueTransformer();
+    VXRegisterValueTransformers();
     for (auto name : { VXURLStringValueTransformerName, VXTagListValueTransformerName, VXAPITimestampValueTransformerName,
              VXStringToArrayValueTransformerName, VXActivityTypeValueTransformerName, VXTrackStateValueTransformerName,
              VXTimeIntervalFromSecondsValueTransformerName, VXTimeIntervalFromMillisecondsValueTransformerName,

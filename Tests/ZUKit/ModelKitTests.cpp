@@ -8,25 +8,17 @@
 #include <VelvoxKit/VXTrackStateValueTransformer.h>
 #include <VelvoxKit/VXURLStringValueTransformer.h>
 #include <ZUKit/ZUObject.h>
-#include <SandboxService.h>
+#include <Catalogue.h>
+#include <TestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
 using namespace velvox;
+using velvox::test::catalogueTrack;
 
 namespace {
-
-void registerTransformers()
-{
-    VXURLStringValueTransformer::registerValueTransformer();
-    VXTagListValueTransformer::registerValueTransformer();
-    VXAPITimestampValueTransformer::registerValueTransformer();
-    VXTrackStateValueTransformer::registerValueTransformer();
-    VXTimeIntervalValueTransformer::registerValueTransformer();
-    VXNumberToStringValueTransformer::registerValueTransformer();
-}
 
 // A model class of the test's own, described like the framework's tracks.
 class SampleTrack final : public VXResource {
@@ -84,17 +76,9 @@ Set& SampleTrack::propertyDescriptors()
     return *set;
 }
 
-// A track record of the sandbox's sample catalogue, its {base} placeholders filled in.
-Ref<MutableDictionary> catalogueTrack(size_t index)
-{
-    auto record = sandbox::SandboxService::catalogueTrackRecord(index);
-    EXPECT_TRUE(record);
-    return record->mutableCopy();
-}
-
 class ModelKit : public testing::Test {
 protected:
-    void SetUp() override { registerTransformers(); }
+    void SetUp() override { test::registerFrameworkOnce(); }
 };
 
 } // namespace

@@ -1,0 +1,190 @@
+// The URL loader against a real HTTP server on loopback.
+
+#include <Platform/Platform.h>
+
+#include <TestServer.h>
+#include <TestSupport.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace velvox;
+
+namespace {
+
+struct Outcome {
+    RefPtr<URLResponse> response;
+    RefPtr<Error> error;
+    int completions { 0 };
+};
+
+URLTaskCallbacks recordInto(Outcome& outcome)
+{
+    URLTaskCallbacks callbacks;
+    callbacks.didComplete = [&outcome](URLResponse* response, Error* error) {
+        outcome.response = response;
+        outcome.error = error;
+        ++outcome.completions;
+    };
+    return callbacks;
+}
+
+URLRequest get(const std::string& url)
+{
+    URLRequest request;
+    request.url = url;
+    return request;
+}
+
+} // namespace
+
+TEST(URLLoader, AnswersWithStatusHeadersAndBodyAndReportsProgress)
+{
+    test::TestServer server;
+    std::string received;
+    // Bytes that do not compress, so that progress counts what the body holds.
+    std::string noise(200000, '\0');
+    uint32_t seed = 12345;
+    for (auto& byte : noise) {
+        seed = seed * 1103515245 + 12345;
+        byte = static_cast<char>(seed >> 24);
+    }
+    server.routes().Get("/hello", [&](const httplib::Request& request, httplib::Response& response) {
+        response.set_header("X-Echo", request.get_header_value("X-Test"));
+        response.set_content(noise, "application/octet-stream");
+    });
+    server.routes().Post("/upload", [&](const httplib::Request& request, httplib::Response& response) {
+        received = request.body;
+        response.status = 201;
+    });
+    auto base = server.start();
+    auto& loop = RunLoop::current();
+
+    Outcome outcome;
+    auto request = get(base + "/hello");
+    request.headers.emplace_back("X-Test", "42");
+    auto callbacks = recordInto(outcome);
+    uint64_t lastReceived = 0;
+    callbacks.didReceiveBytes = [&](uint64_t bytes, uint64_t) { lastReceived = bytes; };
+    auto task = URLLoader::current().start(request, callbacks);
+    ASSERT_TRUE(loop.runUntil([&] { return outcome.completions > 0; }, 10));
+    ASSERT_TRUE(outcome.response) << outcome.error->description()->str();
+    EXPECT_EQ(outcome.response->statusCode(), 200);
+    EXPECT_EQ(downcast<String>(outcome.response->headers().objectForKey("x-echo"))->view(), "42");
+    EXPECT_EQ(outcome.response->body().view(), noise);
+    EXPECT_EQ(lastReceived, 200000u);
+
+    Outcome posted;
+    URLRequest upload;
+    upload.method = "POST";
+    upload.url = base + "/upload";
+    upload.body = std::string(100000, 'u');
+    upload.headers.emplace_back("Content-Type", "application/octet-stream");
+    auto postCallbacks = recordInto(posted);
+    uint64_t lastSent = 0, total = 0;
+    postCallbacks.didSendBytes = [&](uint64_t sent, uint64_t of) {
+        EXPECT_GT(sent, 0u);
+        lastSent = sent;
+        total = of;
+    };
+    auto uploadTask = URLLoader::current().start(upload, postCallbacks);
+    ASSERT_TRUE(loop.runUntil([&] { return posted.completions > 0; }, 10));
+    EXPECT_EQ(posted.response->statusCode(), 201);
+    EXPECT_EQ(received.size(), 100000u);
+    EXPECT_EQ(lastSent, 100000u);
+    EXPECT_EQ(total, 100000u);
+    EXPECT_EQ(outcome.completions, 1);
+}
+
+TEST(URLLoader, CancelledTaskCallsNothing)
+{
+    test::TestServer server;
+    std::atomic<bool> release { false };
+    server.routes().Get("/slow", [&](const httplib::Request&, httplib::Response& response) {
+        for (int i = 0; i < 200 && !release; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        response.set_content("late", "text/plain");
+    });
+    auto base = server.start();
+    Outcome outcome;
+    auto task = URLLoader::current().start(get(base + "/slow"), recordInto(outcome));
+    RunLoop::current().runFor(0.1);
+    task->cancel();
+    EXPECT_EQ(URLLoader::current().runningTaskCount(), 0u);
+    release = true;
+    RunLoop::current().runFor(0.2);
+    EXPECT_EQ(outcome.completions, 0);
+}
+
+TEST(URLLoader, TimeOutAndRefusedConnectionAreErrors)
+{
+    test::TestServer server;
+    std::atomic<bool> release { false };
+    server.routes().Get("/never", [&](const httplib::Request&, httplib::Response&) {
+        for (int i = 0; i < 300 && !release; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    });
+    auto base = server.start();
+    Outcome timedOut;
+    auto request = get(base + "/never");
+    request.timeout = 0.3;
+    auto task = URLLoader::current().start(request, recordInto(timedOut));
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return timedOut.completions > 0; }, 10));
+    release = true;
+    ASSERT_TRUE(timedOut.error);
+    EXPECT_EQ(timedOut.error->domain()->view(), URLErrorDomain);
+    EXPECT_EQ(timedOut.error->code(), 28); // libcurl's time-out
+
+    server.stop();
+    Outcome refused;
+    auto refusedTask = URLLoader::current().start(get(base + "/never"), recordInto(refused));
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return refused.completions > 0; }, 10));
+    ASSERT_TRUE(refused.error);
+    EXPECT_EQ(refused.error->code(), 7); // could not connect
+}
+
+TEST(URLLoader, RedirectsAreNotFollowed)
+{
+    test::TestServer server;
+    int targetHits = 0;
+    server.routes().Get("/moved", [](const httplib::Request&, httplib::Response& response) { response.set_redirect("/target", 301); });
+    server.routes().Get("/target", [&](const httplib::Request&, httplib::Response&) { ++targetHits; });
+    auto base = server.start();
+    Outcome outcome;
+    auto task = URLLoader::current().start(get(base + "/moved"), recordInto(outcome));
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return outcome.completions > 0; }, 10));
+    ASSERT_TRUE(outcome.response);
+    EXPECT_EQ(outcome.response->statusCode(), 301);
+    EXPECT_EQ(targetHits, 0);
+}
+
+TEST(URLLoader, AnExceptionInOneCompletionLeavesTheOthersForTheNextTurn)
+{
+    test::TestServer server;
+    server.routes().Get("/a", [](const httplib::Request&, httplib::Response& response) { response.set_content("a", "text/plain"); });
+    auto base = server.start();
+    int delivered = 0;
+    URLTaskCallbacks throwing;
+    throwing.didComplete = [&](URLResponse*, Error*) {
+        ++delivered;
+        throw std::runtime_error("from a completion");
+    };
+    URLTaskCallbacks counting;
+    counting.didComplete = [&](URLResponse*, Error*) { ++delivered; };
+    std::vector<Ref<URLTask>> tasks;
+    for (int i = 0; i < 4; ++i)
+        tasks.push_back(URLLoader::current().start(get(base + "/a"), i == 0 ? throwing : counting));
+    int thrown = 0;
+    for (int turn = 0; turn < 500 && delivered < 4; ++turn) {
+        try {
+            RunLoop::current().runUntil([&] { return delivered == 4; }, 0.05);
+        } catch (const std::runtime_error&) {
+            ++thrown;
+        }
+    }
+    EXPECT_EQ(thrown, 1);
+    EXPECT_EQ(delivered, 4);
+}
