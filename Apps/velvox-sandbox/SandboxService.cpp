@@ -62,6 +62,12 @@ std::string textOf(const Dictionary& record, std::string_view key)
     return string ? string->str() : std::string();
 }
 
+// The numeric group of a route's pattern.
+int64_t requestIdentifier(const httplib::Request& request, size_t group = 1)
+{
+    return std::stoll(request.matches[group].str());
+}
+
 } // namespace
 
 struct SandboxService::Impl {
@@ -89,6 +95,21 @@ struct SandboxService::Impl {
 
     bool loadCatalogue(std::string* error);
     void installRoutes();
+    void installAccounting();
+    void installMeRoutes();
+    void installSocialRoutes();
+    void installActivityRoutes();
+    void installUserRoutes();
+    void installTrackRoutes();
+    void installImageRoutes();
+
+    // Lists are identifiers; only the records on the page asked for are built (under the lock).
+    std::vector<int64_t> tracksOf(int64_t user) const;
+    std::vector<int64_t> favoritesOf(int64_t user) const;
+    // The users who follow `user` (followers), or whom `user` follows.
+    std::vector<int64_t> relatedUsers(bool followers, int64_t user) const;
+    std::function<Ref<Dictionary>(int64_t)> trackBuilder() const;
+    std::function<Ref<Dictionary>(int64_t)> userBuilder() const;
 
     // Records (under the lock).
     Ref<Dictionary> shortUser(int64_t identifier) const;
@@ -342,6 +363,25 @@ bool SandboxService::Impl::applyFault(const httplib::Request& request, httplib::
 
 void SandboxService::Impl::installRoutes()
 {
+    installAccounting();
+    installMeRoutes();
+    installSocialRoutes();
+    installActivityRoutes();
+    installUserRoutes();
+    installTrackRoutes();
+    installImageRoutes();
+    server.set_error_handler([this](const httplib::Request&, httplib::Response& response) {
+        if (response.status == 404 && response.body.empty())
+            sendError(response, 404, "404 - Not Found");
+    });
+    server.set_exception_handler([this](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+        sendError(response, 500, "500 - Internal Server Error");
+    });
+}
+
+// Counts every request, logs it, checks the token and applies the fault modes.
+void SandboxService::Impl::installAccounting()
+{
     server.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
         {
             std::lock_guard lock(mutex);
@@ -364,103 +404,125 @@ void SandboxService::Impl::installRoutes()
             return httplib::Server::HandlerResponse::Handled;
         return httplib::Server::HandlerResponse::Unhandled;
     });
+}
 
-    auto identifier = [](const httplib::Request& request, size_t group = 1) { return std::stoll(request.matches[group].str()); };
-    // Lists are identifiers; only the records on the page asked for are built.
-    auto userTracks = [this](int64_t user) {
-        std::vector<int64_t> identifiers;
-        for (auto it = tracks.rbegin(); it != tracks.rend(); ++it) {
-            if (integerOf(*it->second, "user_id") == user)
-                identifiers.push_back(it->first);
-        }
-        return identifiers;
-    };
-    auto userFavorites = [this](int64_t user) {
-        std::vector<int64_t> identifiers;
-        for (auto& [owner, track] : favorites) {
-            if (owner == user && tracks.count(track))
-                identifiers.push_back(track);
-        }
-        return identifiers;
-    };
-    // The users who follow `user`, or whom `user` follows.
-    auto relatedUsers = [this](int64_t user, bool followers) {
-        std::vector<int64_t> identifiers;
-        for (auto& [follower, followed] : follows) {
-            int64_t self = followers ? followed : follower;
-            int64_t other = followers ? follower : followed;
-            if (self == user && users.count(other))
-                identifiers.push_back(other);
-        }
-        return identifiers;
-    };
-    auto followersOf = [relatedUsers](int64_t user) { return relatedUsers(user, true); };
-    auto followingsOf = [relatedUsers](int64_t user) { return relatedUsers(user, false); };
-    std::function<Ref<Dictionary>(int64_t)> buildTrack = [this](int64_t identifier) { return fullTrack(identifier); };
-    std::function<Ref<Dictionary>(int64_t)> buildUser = [this](int64_t identifier) { return fullUser(identifier); };
+std::vector<int64_t> SandboxService::Impl::tracksOf(int64_t user) const
+{
+    std::vector<int64_t> identifiers;
+    for (auto it = tracks.rbegin(); it != tracks.rend(); ++it) {
+        if (integerOf(*it->second, "user_id") == user)
+            identifiers.push_back(it->first);
+    }
+    return identifiers;
+}
 
+std::vector<int64_t> SandboxService::Impl::favoritesOf(int64_t user) const
+{
+    std::vector<int64_t> identifiers;
+    for (auto& [owner, track] : favorites) {
+        if (owner == user && tracks.count(track))
+            identifiers.push_back(track);
+    }
+    return identifiers;
+}
+
+std::vector<int64_t> SandboxService::Impl::relatedUsers(bool followers, int64_t user) const
+{
+    std::vector<int64_t> identifiers;
+    for (auto& [follower, followed] : follows) {
+        int64_t self = followers ? followed : follower;
+        int64_t other = followers ? follower : followed;
+        if (self == user && users.count(other))
+            identifiers.push_back(other);
+    }
+    return identifiers;
+}
+
+std::function<Ref<Dictionary>(int64_t)> SandboxService::Impl::trackBuilder() const
+{
+    return [this](int64_t identifier) { return fullTrack(identifier); };
+}
+
+std::function<Ref<Dictionary>(int64_t)> SandboxService::Impl::userBuilder() const
+{
+    return [this](int64_t identifier) { return fullUser(identifier); };
+}
+
+// The signed-in account and its lists.
+void SandboxService::Impl::installMeRoutes()
+{
     server.Get("/me", [this](const httplib::Request&, httplib::Response& response) {
         std::lock_guard lock(mutex);
         sendJSON(response, fullUser(me).ptr());
     });
-    server.Get("/me/tracks", [this, userTracks, buildTrack](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/tracks", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, userTracks(me), buildTrack);
+        sendPage(request, response, tracksOf(me), trackBuilder());
     });
-    server.Get("/me/favorites", [this, userFavorites, buildTrack](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/favorites", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, userFavorites(me), buildTrack);
+        sendPage(request, response, favoritesOf(me), trackBuilder());
     });
-    server.Get("/me/followers", [this, followersOf, buildUser](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/followers", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, followersOf(me), buildUser);
+        sendPage(request, response, relatedUsers(true, me), userBuilder());
     });
-    server.Get("/me/followings", [this, followingsOf, buildUser](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/me/followings", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        sendPage(request, response, followingsOf(me), buildUser);
+        sendPage(request, response, relatedUsers(false, me), userBuilder());
     });
 
     // Follow checks: the user's record when the relation holds, else 404.
-    server.Get(R"(/me/(followings|followers)/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+}
+
+// Follow and favorite checks and changes.
+void SandboxService::Impl::installSocialRoutes()
+{
+    server.Get(R"(/me/(followings|followers)/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t other = identifier(request, 2);
+        int64_t other = requestIdentifier(request, 2);
         bool followings = request.matches[1] == "followings";
         bool holds = followings ? follows.count({ me, other }) : follows.count({ other, me });
         if (!holds || !users.count(other))
             return sendError(response, 404, "404 - Not Found");
         sendJSON(response, fullUser(other).ptr());
     });
-    server.Put(R"(/me/followings/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Put(R"(/me/followings/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t other = identifier(request);
+        int64_t other = requestIdentifier(request);
         if (!users.count(other))
             return sendError(response, 404, "404 - Not Found");
         bool added = follows.emplace(me, other).second;
         sendJSON(response, fullUser(other).ptr(), added ? 201 : 200);
     });
-    server.Delete(R"(/me/followings/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Delete(R"(/me/followings/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t other = identifier(request);
+        int64_t other = requestIdentifier(request);
         if (!follows.erase({ me, other }))
             return sendError(response, 404, "404 - Not Found");
         sendJSON(response, Dictionary::create({ { "status", String::create("200 - OK").ptr() } }).ptr());
     });
-    server.Put(R"(/me/favorites/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Put(R"(/me/favorites/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t track = identifier(request);
+        int64_t track = requestIdentifier(request);
         if (!tracks.count(track))
             return sendError(response, 404, "404 - Not Found");
         bool added = favorites.emplace(me, track).second;
         sendJSON(response, Dictionary::create({ { "status", String::create(added ? "201 - Created" : "200 - OK").ptr() } }).ptr(), added ? 201 : 200);
     });
-    server.Delete(R"(/me/favorites/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Delete(R"(/me/favorites/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        if (!favorites.erase({ me, identifier(request) }))
+        if (!favorites.erase({ me, requestIdentifier(request) }))
             return sendError(response, 404, "404 - Not Found");
         sendJSON(response, Dictionary::create({ { "status", String::create("200 - OK").ptr() } }).ptr());
     });
 
     // Activity feeds: cursor paging; "exclusive" holds what was shared with the user.
+}
+
+// The cursor-paged dashboard.
+void SandboxService::Impl::installActivityRoutes()
+{
     server.Get(R"(/me/activities/tracks(/exclusive)?)", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         bool exclusive = request.matches[1].length() > 0;
@@ -486,39 +548,43 @@ void SandboxService::Impl::installRoutes()
             answer->setObject(String::format("{base}%s?cursor=c%zu", request.path, start + pageSize), "next_href");
         sendJSON(response, answer.ptr());
     });
+}
 
-    server.Get(R"(/users/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+// Users, their lists, and the user search.
+void SandboxService::Impl::installUserRoutes()
+{
+    server.Get(R"(/users/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t user = identifier(request);
+        int64_t user = requestIdentifier(request);
         if (!users.count(user))
             return sendError(response, 404, "404 - Not Found");
         sendJSON(response, fullUser(user).ptr());
     });
     server.Get(R"(/users/(\d+)/(tracks|favorites|followers|followings|connections))",
-        [this, identifier, userTracks, userFavorites, followersOf, followingsOf, buildTrack, buildUser](const httplib::Request& request, httplib::Response& response) {
+        [this](const httplib::Request& request, httplib::Response& response) {
             std::lock_guard lock(mutex);
-            int64_t user = identifier(request);
+            int64_t user = requestIdentifier(request);
             if (!users.count(user))
                 return sendError(response, 404, "404 - Not Found");
             std::string list = request.matches[2];
             if (list == "tracks") {
                 // A "q" narrows a user's tracks to those whose title holds it.
-                auto items = userTracks(user);
+                auto items = tracksOf(user);
                 if (request.has_param("q")) {
                     std::string query = lowercase(request.get_param_value("q"));
                     std::erase_if(items, [&](int64_t track) { return lowercase(textOf(*tracks.at(track), "title")).find(query) == std::string::npos; });
                 }
-                return sendPage(request, response, items, buildTrack);
+                return sendPage(request, response, items, trackBuilder());
             }
             if (list == "favorites")
-                return sendPage(request, response, userFavorites(user), buildTrack);
+                return sendPage(request, response, favoritesOf(user), trackBuilder());
             if (list == "followers")
-                return sendPage(request, response, followersOf(user), buildUser);
+                return sendPage(request, response, relatedUsers(true, user), userBuilder());
             if (list == "followings")
-                return sendPage(request, response, followingsOf(user), buildUser);
-            sendPage(request, response, std::vector<int64_t> {}, buildUser);
+                return sendPage(request, response, relatedUsers(false, user), userBuilder());
+            sendPage(request, response, std::vector<int64_t> {}, userBuilder());
         });
-    server.Get("/users", [this, buildUser](const httplib::Request& request, httplib::Response& response) {
+    server.Get("/users", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         std::string query = lowercase(request.get_param_value("q"));
         std::vector<int64_t> matches;
@@ -526,10 +592,14 @@ void SandboxService::Impl::installRoutes()
             if (lowercase(textOf(*user, "username")).find(query) != std::string::npos || lowercase(textOf(*user, "full_name")).find(query) != std::string::npos)
                 matches.push_back(identifier);
         }
-        sendPage(request, response, matches, buildUser);
+        sendPage(request, response, matches, userBuilder());
     });
+}
 
-    server.Get("/tracks", [this, buildTrack](const httplib::Request& request, httplib::Response& response) {
+// Tracks, their comments and favoriters, the track search and uploads.
+void SandboxService::Impl::installTrackRoutes()
+{
+    server.Get("/tracks", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         std::string query = lowercase(request.get_param_value("q"));
         std::vector<int64_t> matches;
@@ -543,18 +613,18 @@ void SandboxService::Impl::installRoutes()
                 }
             }
         }
-        sendPage(request, response, matches, buildTrack);
+        sendPage(request, response, matches, trackBuilder());
     });
-    server.Get(R"(/tracks/(\d+))", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Get(R"(/tracks/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t track = identifier(request);
+        int64_t track = requestIdentifier(request);
         if (!tracks.count(track))
             return sendError(response, 404, "404 - Not Found");
         sendJSON(response, fullTrack(track).ptr());
     });
-    server.Get(R"(/tracks/(\d+)/comments)", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Get(R"(/tracks/(\d+)/comments)", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t track = identifier(request);
+        int64_t track = requestIdentifier(request);
         if (!tracks.count(track))
             return sendError(response, 404, "404 - Not Found");
         std::vector<int64_t> indices;
@@ -564,19 +634,19 @@ void SandboxService::Impl::installRoutes()
         }
         sendPage(request, response, indices, [this](int64_t index) { return commentRecord(*comments[index]); });
     });
-    server.Get(R"(/tracks/(\d+)/favoriters)", [this, identifier, buildUser](const httplib::Request& request, httplib::Response& response) {
+    server.Get(R"(/tracks/(\d+)/favoriters)", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t track = identifier(request);
+        int64_t track = requestIdentifier(request);
         std::vector<int64_t> favoriters;
         for (auto& [user, favorite] : favorites) {
             if (favorite == track && users.count(user))
                 favoriters.push_back(user);
         }
-        sendPage(request, response, favoriters, buildUser);
+        sendPage(request, response, favoriters, userBuilder());
     });
-    server.Post(R"(/tracks/(\d+)/comments)", [this, identifier](const httplib::Request& request, httplib::Response& response) {
+    server.Post(R"(/tracks/(\d+)/comments)", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
-        int64_t track = identifier(request);
+        int64_t track = requestIdentifier(request);
         if (!tracks.count(track))
             return sendError(response, 404, "404 - Not Found");
         std::string body = request.has_param("comment[body]") ? request.get_param_value("comment[body]")
@@ -639,16 +709,13 @@ void SandboxService::Impl::installRoutes()
     });
 
     // Images, the "-t300x300" variants included, need no token.
+}
+
+// Images, which need no token.
+void SandboxService::Impl::installImageRoutes()
+{
     server.Get(R"(/images/(avatars|artworks|waveforms)/([A-Za-z0-9_.-]+)\.png)", [](const httplib::Request&, httplib::Response& response) {
         response.set_content(std::string(reinterpret_cast<const char*>(pngBytes), sizeof(pngBytes)), "image/png");
-    });
-
-    server.set_error_handler([this](const httplib::Request&, httplib::Response& response) {
-        if (response.status == 404 && response.body.empty())
-            sendError(response, 404, "404 - Not Found");
-    });
-    server.set_exception_handler([this](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
-        sendError(response, 500, "500 - Internal Server Error");
     });
 }
 
