@@ -1,0 +1,28 @@
+#pragma once
+
+// What every implementation of the collection interfaces shares: the
+// exceptions of misuse with the platform's texts, and the plain pointer inside
+// an owning pointer given to a setter.
+
+#include "Object.h"
+
+#include <cstddef>
+
+namespace velvox {
+
+// The plain pointer inside whatever form a key or object is given in.
+inline Object* rawObject(Object* object) { return object; }
+template<typename T> T* rawObject(const Ref<T>& object) { return object.ptr(); }
+template<typename T> T* rawObject(const RefPtr<T>& object) { return object.get(); }
+
+[[noreturn]] void collectionMutatedDuringEnumeration(const Object&);
+
+// The exceptions of collection misuse, with the platform's texts, for every
+// implementation of the collection interfaces.
+[[noreturn]] void raiseIndexBeyondBounds(const Object& collection, const char* selector, size_t index, size_t bound);
+[[noreturn]] void raiseInsertNil(const Object& collection, const char* selector);
+// For setObject(_:forKey:): a null key, or a null object under `key`.
+[[noreturn]] void raiseInsertNilKey(const Object& dictionary);
+[[noreturn]] void raiseInsertNilValue(const Object& dictionary, const Object* key);
+
+} // namespace velvox
