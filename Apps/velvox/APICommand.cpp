@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <unistd.h>
 
 namespace velvox::app {
@@ -86,11 +87,74 @@ private:
 
 } // namespace
 
+std::string printableExcerpt(std::string_view bytes, size_t limit)
+{
+    std::string out;
+    size_t shown = std::min(bytes.size(), limit);
+    auto escape = [&](unsigned char c) {
+        static const char digits[] = "0123456789abcdef";
+        out += "\\x";
+        out.push_back(digits[c >> 4]);
+        out.push_back(digits[c & 15]);
+    };
+    for (size_t i = 0; i < shown;) {
+        unsigned char c = static_cast<unsigned char>(bytes[i]);
+        if ((c >= 0x20 && c < 0x7F) || c == '\n' || c == '\t') {
+            out.push_back(static_cast<char>(c));
+            ++i;
+            continue;
+        }
+        // A whole, well-formed UTF-8 sequence of a code point from U+00A0 up
+        // passes; C1 controls (U+0080 to U+009F) would drive a terminal too.
+        size_t length = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
+        if (c >= 0xF5)
+            length = 0;
+        if (length && i + length <= shown && String::isValidUTF8(bytes.data() + i, length) && !(c == 0xC2 && static_cast<unsigned char>(bytes[i + 1]) < 0xA0)) {
+            out.append(bytes.substr(i, length));
+            i += length;
+            continue;
+        }
+        escape(c);
+        ++i;
+    }
+    if (shown < bytes.size())
+        out += "\n... (" + std::to_string(bytes.size() - shown) + " more bytes not shown)";
+    return out;
+}
+
+namespace {
+
+// The token of a service: the option, else $VELVOX_TOKEN, else the first line of the token file.
+bool resolveToken(const APIOptions& options, std::string& token)
+{
+    token = options.token;
+    if (token.empty()) {
+        if (const char* fromEnvironment = getenv("VELVOX_TOKEN"))
+            token = fromEnvironment;
+    }
+    if (token.empty() && !options.tokenFile.empty()) {
+        std::ifstream file(options.tokenFile);
+        if (!file || !std::getline(file, token)) {
+            fprintf(stderr, "velvox api: cannot read the token file %s\n", options.tokenFile.c_str());
+            return false;
+        }
+        if (!token.empty() && token.back() == '\r')
+            token.pop_back();
+    }
+    return true;
+}
+
+} // namespace
+
 int runAPI(const APIOptions& options)
 {
     std::unique_ptr<sandbox::SandboxService> sandbox;
     std::string baseURL = options.baseURL;
     std::string token = options.token;
+    // $VELVOX_TOKEN and the token file are for a service named with --base-url;
+    // the in-process sandbox has its own token.
+    if (!baseURL.empty() && !resolveToken(options, token))
+        return 1;
     if (baseURL.empty()) {
         sandbox::SandboxService::Options sandboxOptions;
         sandbox = std::make_unique<sandbox::SandboxService>(sandboxOptions);
@@ -103,8 +167,8 @@ int runAPI(const APIOptions& options)
         if (token.empty())
             token = sandbox->token();
     }
-    if (!URL::create(baseURL)) {
-        fprintf(stderr, "velvox api: not a URL: %s\n", baseURL.c_str());
+    if (auto problem = VXVelvoxAPI::configurationProblem(baseURL, token); !problem.empty()) {
+        fprintf(stderr, "velvox api: %s\n", problem.c_str());
         return 1;
     }
 
@@ -146,7 +210,7 @@ int runAPI(const APIOptions& options)
                 fprintf(stderr, "velvox api: %s %lld: %s\n", error->domain()->utf8(), static_cast<long long>(error->code()),
                     error->localizedDescription()->utf8());
                 if (!body.empty())
-                    fprintf(stderr, "%s\n", body.c_str());
+                    fprintf(stderr, "%s\n", printableExcerpt(body).c_str());
                 status = 1;
                 return;
             }

@@ -23,8 +23,15 @@ struct APIOptions {
     std::string path;
     std::vector<std::string> parameters; // KEY=VALUE or KEY=@FILE
     std::string baseURL;                 // empty: an in-process sandbox
-    std::string token;
+    std::string token;                   // else $VELVOX_TOKEN, else tokenFile
+    std::string tokenFile;
 };
+
+// At most `limit` bytes of a body that came from a server, safe to show on a
+// terminal: printable ASCII, line breaks, tabs and well-formed UTF-8 text
+// stay; every other byte (escape sequences, C1 controls, NUL, broken UTF-8)
+// is written as \xNN; a cut is said, with the number of bytes left out.
+std::string printableExcerpt(std::string_view bytes, size_t limit = 2048);
 
 // velvox api: one request through the API controller; prints the answer as pretty JSON.
 int runAPI(const APIOptions&);

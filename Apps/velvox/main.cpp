@@ -34,7 +34,8 @@ int main(int argc, char** argv)
     api->add_option("path", apiOptions.path, "The resource path, e.g. /me or tracks/20005")->required();
     api->add_option("parameters", apiOptions.parameters, "KEY=VALUE, or KEY=@FILE to upload a file");
     api->add_option("--base-url", apiOptions.baseURL, "The service's base URL; without it a sandbox runs in-process");
-    api->add_option("--token", apiOptions.token, "The OAuth access token");
+    api->add_option("--token", apiOptions.token, "The OAuth access token (visible to other users in the process list: prefer $VELVOX_TOKEN or --token-file)");
+    api->add_option("--token-file", apiOptions.tokenFile, "A file whose first line is the OAuth access token");
 
     try {
         app.parse(argc, argv);

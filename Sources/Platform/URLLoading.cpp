@@ -214,6 +214,10 @@ Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callba
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, request.verifyTLS ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, request.verifyTLS ? 2L : 0L);
     curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
+    // Only the web is spoken: no file://, dict://, gopher:// or any other
+    // protocol libcurl knows, whatever a URL or a caller asks for.
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
 
     curl_slist* headers = nullptr;
     for (auto& [name, value] : request.headers)

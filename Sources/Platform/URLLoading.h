@@ -9,6 +9,7 @@
 // times, then exactly one didComplete: with the response (any HTTP status),
 // or with an error in URLErrorDomain when the transfer failed (refused
 // connection, time-out, reset, TLS failure...). A cancelled task calls nothing.
+// Only http and https are spoken; redirects are not followed.
 
 #include "Collections.h"
 #include "Object.h"

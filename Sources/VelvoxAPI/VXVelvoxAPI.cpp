@@ -3,15 +3,39 @@
 #include <Platform/FileManager.h>
 #include <Platform/Number.h>
 
+#include <algorithm>
+#include <cctype>
+
 namespace velvox {
 
 VX_DEFINE_CLASS(VXVelvoxAPI, Object)
 
-RefPtr<VXVelvoxAPI> VXVelvoxAPI::create(std::string_view baseURL, std::string_view accessToken)
+std::string VXVelvoxAPI::configurationProblem(std::string_view baseURL, std::string_view accessToken)
 {
     auto url = URL::create(baseURL);
-    if (!url || url->scheme().empty() || url->host().empty())
+    if (!url)
+        return "The base URL is not a URL.";
+    std::string scheme = url->scheme();
+    std::transform(scheme.begin(), scheme.end(), scheme.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (scheme != "http" && scheme != "https")
+        return "The base URL must start with http:// or https://.";
+    if (url->host().empty())
+        return "The base URL has no host.";
+    for (unsigned char c : accessToken) {
+        if (c < 0x20 || c == 0x7F)
+            return "The access token holds a control character (a line break, say); it is refused.";
+    }
+    return {};
+}
+
+RefPtr<VXVelvoxAPI> VXVelvoxAPI::create(std::string_view baseURL, std::string_view accessToken, std::string* problem)
+{
+    auto refusal = configurationProblem(baseURL, accessToken);
+    if (!refusal.empty()) {
+        if (problem)
+            *problem = std::move(refusal);
         return nullptr;
+    }
     return adoptRef(new VXVelvoxAPI(std::string(baseURL), std::string(accessToken)));
 }
 
@@ -143,7 +167,8 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
             m_delegate->velvoxAPIDidFailWithError(*this, error, protectedContext.get(), protectedUserInfo.get());
             return;
         }
-        if (response->statusCode() >= 400) {
+        // Redirects are not followed, so a 3xx is no more an answer than a 4xx.
+        if (response->statusCode() < 200 || response->statusCode() > 299) {
             auto info = Dictionary::create({
                 { LocalizedDescriptionKey, String::format("The service answered with HTTP status %ld.", response->statusCode()).ptr() },
                 { VXVelvoxAPIResponseBodyKey, &response->body() },

@@ -9,8 +9,9 @@
 // a value is Data or a file URL (an upload). It then calls the delegate, as
 // VXVelvoxAPIDelegate describes. An HTTP status of 400 or more fails with an
 // error in VXVelvoxAPIErrorDomain whose code is the status and whose user info
-// carries the body; a transfer failure fails with the URL loader's error
-// (URLErrorDomain, libcurl's code and description).
+// carries the body, and so does any other status that is not 2xx (redirects are
+// not followed: a 3xx answer is a failure with its status); a transfer failure
+// fails with the URL loader's error (URLErrorDomain, libcurl's code and description).
 
 #include "VXVelvoxAPIDelegate.h"
 
@@ -29,8 +30,14 @@ inline constexpr std::string_view VXVelvoxAPIResponseStatusKey = "VXVelvoxAPIRes
 class VXVelvoxAPI : public Object {
     VX_OBJECT(VXVelvoxAPI)
 public:
-    // Null when the base URL is not a valid URL.
-    static RefPtr<VXVelvoxAPI> create(std::string_view baseURL, std::string_view accessToken);
+    // Null when the configuration is refused (see configurationProblem); then
+    // `problem`, when given, receives the reason.
+    static RefPtr<VXVelvoxAPI> create(std::string_view baseURL, std::string_view accessToken, std::string* problem = nullptr);
+    // Why a client cannot be made with this base URL and token, or empty when it
+    // can: the base URL must be an http or https URL with a host (no other
+    // protocol is ever spoken), and the token must hold no control character (a
+    // line break in it would add request headers). The token never appears in the text.
+    static std::string configurationProblem(std::string_view baseURL, std::string_view accessToken);
 
     // A new client with the same authentication and configuration whose
     // delegate is the given object. The delegate is not retained: it must

@@ -3,6 +3,8 @@
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXKit.h>
 
+#include <TestServer.h>
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -141,4 +143,42 @@ TEST(VelvoxSandbox, StartsPrintsItsAddressAndStopsOnInterrupt)
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
     fclose(lines);
+}
+
+TEST(VelvoxAPI, RefusesOtherProtocolsAndShowsErrorBodiesSafely)
+{
+    auto refused = run(velvoxProgram() + " api GET /etc/passwd --base-url file:/// --token x", true);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.output.find("must start with http:// or https://"), std::string::npos) << refused.output;
+
+    test::TestServer server;
+    std::string seenAuthorization;
+    server.routes().Get("/hostile", [&](const httplib::Request& request, httplib::Response& response) {
+        seenAuthorization = request.get_header_value("Authorization");
+        response.status = 500;
+        // Clears the screen, moves the cursor, draws a fake prompt; a NUL in the middle; a C1 CSI; then a lot.
+        std::string body = std::string("\x1b[2J\x1b[H$ sudo rm -rf ~\x07 ok\0after \xc2\x9b" "31m caf\xc3\xa9", 44);
+        body += std::string(100000, 'z');
+        response.set_content(body, "text/plain");
+    });
+    auto base = server.start();
+    auto tokenFile = temporaryFile("from-a-file\n");
+    auto hostile = run("VELVOX_TOKEN= " + velvoxProgram() + " api GET /hostile --base-url " + base + " --token-file " + tokenFile, true);
+    EXPECT_EQ(hostile.status, 1);
+    EXPECT_EQ(seenAuthorization, "OAuth from-a-file");
+    EXPECT_EQ(hostile.output.find('\x1b'), std::string::npos) << "no escape sequence reaches the terminal";
+    EXPECT_EQ(hostile.output.find('\x07'), std::string::npos);
+    EXPECT_EQ(hostile.output.find("\xc2\x9b"), std::string::npos);
+    EXPECT_NE(hostile.output.find("\\x1b[2J"), std::string::npos) << hostile.output.substr(0, 300);
+    EXPECT_NE(hostile.output.find("ok\\x00after"), std::string::npos) << "nothing is cut silently at a NUL";
+    EXPECT_NE(hostile.output.find("caf\xc3\xa9"), std::string::npos) << "text stays readable";
+    EXPECT_NE(hostile.output.find("more bytes not shown"), std::string::npos);
+    EXPECT_LT(hostile.output.size(), 4000u);
+
+    auto fromEnvironment = run("VELVOX_TOKEN=env-token " + velvoxProgram() + " api GET /hostile --base-url " + base, true);
+    EXPECT_EQ(seenAuthorization, "OAuth env-token");
+    auto injected = run("VELVOX_TOKEN=\"$(printf 'a\\r\\nX-Injected: 1')\" " + velvoxProgram() + " api GET /hostile --base-url " + base, true);
+    EXPECT_EQ(injected.status, 1);
+    EXPECT_NE(injected.output.find("control character"), std::string::npos) << injected.output;
+    unlink(tokenFile.c_str());
 }

@@ -188,3 +188,14 @@ TEST(URLLoader, AnExceptionInOneCompletionLeavesTheOthersForTheNextTurn)
     EXPECT_EQ(thrown, 1);
     EXPECT_EQ(delivered, 4);
 }
+
+TEST(URLLoader, SpeaksOnlyHTTPAndHTTPS)
+{
+    for (auto url : { "file:///etc/hostname", "dict://127.0.0.1:1/", "gopher://127.0.0.1:1/" }) {
+        Outcome outcome;
+        auto task = URLLoader::current().start(get(url), recordInto(outcome));
+        ASSERT_TRUE(RunLoop::current().runUntil([&] { return outcome.completions > 0; }, 10)) << url;
+        ASSERT_TRUE(outcome.error) << url;
+        EXPECT_EQ(outcome.error->code(), 1) << url; // unsupported protocol
+    }
+}

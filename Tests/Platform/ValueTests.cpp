@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include <cmath>
 
 using namespace velvox;
@@ -139,4 +141,17 @@ TEST(ValueTransformer, RegistryReplacesByName)
     EXPECT_THROW(second->reverseTransformedValue(Number::withInteger(1).get()), Exception);
     ValueTransformer::setValueTransformer(nullptr, "DoublerName");
     EXPECT_FALSE(ValueTransformer::valueTransformerForName("DoublerName"));
+}
+
+TEST(Date, AnyDoubleDescribesAndHashesSafely)
+{
+    // Out-of-range instants (a crafted archive, a bad answer) must not convert a
+    // double to an integer that cannot hold it (undefined behaviour).
+    for (double seconds : { 1.7e190, -1.7e190, 9.3e18, -9.3e18, std::numeric_limits<double>::infinity(),
+             std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::max() }) {
+        auto date = Date::create(seconds);
+        EXPECT_EQ(date->description()->view(), "(invalid date)") << seconds;
+        (void)date->hash();
+    }
+    EXPECT_EQ(Date::create(1.5e9)->hash(), Date::create(1.5e9)->hash());
 }

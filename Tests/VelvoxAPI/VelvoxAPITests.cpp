@@ -80,6 +80,11 @@ TEST(VXVelvoxAPI, HTTPFailuresCarryStatusAndBody)
         response.status = 404;
         response.set_content("{\"error\":\"nope\"}", "application/json");
     });
+    server.routes().Get("/moved", [](const httplib::Request&, httplib::Response& response) {
+        response.status = 301;
+        response.set_header("Location", "/elsewhere");
+        response.set_content("{\"looks\":\"like an answer\"}", "application/json");
+    });
     auto base = server.start();
     RecordingDelegate delegate;
     auto api = VXVelvoxAPI::create(base, "t")->copyWithAPIDelegate(&delegate);
@@ -91,4 +96,41 @@ TEST(VXVelvoxAPI, HTTPFailuresCarryStatusAndBody)
     auto* body = dynamicDowncast<Data>(delegate.error->userInfo()->objectForKey(VXVelvoxAPIResponseBodyKey));
     ASSERT_TRUE(body);
     EXPECT_EQ(body->view(), "{\"error\":\"nope\"}");
+
+    // A redirect with a JSON body is a failure with its status, not an answer.
+    api->performMethod(*String::create("GET"), *String::create("/moved"), nullptr, nullptr, nullptr);
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return delegate.finished + delegate.failed == 2; }, 10));
+    EXPECT_EQ(delegate.finished, 0);
+    EXPECT_EQ(delegate.error->code(), 301);
+}
+
+TEST(VXVelvoxAPI, RefusesOtherProtocolsAndTokensThatWouldInjectHeaders)
+{
+    static constexpr struct {
+        std::string_view baseURL, token;
+        std::string_view problem; // empty: accepted
+    } cases[] = {
+        { "https://api.velvox.test", "abc", "" },
+        { "HTTP://127.0.0.1:8080/v1", "abc", "" },
+        { "file:///etc", "abc", "must start with http:// or https://" },
+        { "dict://127.0.0.1:2628/", "abc", "must start with http:// or https://" },
+        { "gopher://127.0.0.1/", "abc", "must start with http:// or https://" },
+        { "localhost:8080", "abc", "must start with http:// or https://" },
+        { "127.0.0.1:8080", "abc", "not a URL" },
+        { "http:///path", "abc", "no host" },
+        { "not a url", "abc", "not a URL" },
+        { "https://api.velvox.test", "abc\r\nX-Injected: 1", "control character" },
+        { "https://api.velvox.test", "abc\n", "control character" },
+    };
+    for (auto& c : cases) {
+        std::string problem;
+        auto client = VXVelvoxAPI::create(c.baseURL, c.token, &problem);
+        if (c.problem.empty()) {
+            EXPECT_TRUE(client) << c.baseURL << ": " << problem;
+        } else {
+            EXPECT_FALSE(client) << c.baseURL;
+            EXPECT_NE(problem.find(c.problem), std::string::npos) << c.baseURL << ": " << problem;
+            EXPECT_EQ(problem.find("X-Injected"), std::string::npos) << "the token must not be repeated";
+        }
+    }
 }
