@@ -12,6 +12,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <vector>
 
 namespace velvox {
 
@@ -39,6 +40,9 @@ struct JCEncodeState {
     JCSerializeOptionFlags serializeOptionFlags { 0 };
     long depth { 0 };
     size_t nesting { 0 };
+    // The elements of the collections being written, one run per open level,
+    // on the heap: a deep tree must not cost kilobytes of stack per level.
+    std::vector<Object*> scratch;
     RefPtr<Error> error;
     WriteOne write1Slow { nullptr };
     bool pretty { false };
@@ -288,12 +292,15 @@ bool encodeArray(JCEncodeState* state, const Array& array)
         return jc_encode_add_atom_to_buffer(state, element);
     };
     if (count <= 1020) {
-        Object* elements[1020];
-        array.getObjects(elements, 0, count);
+        // Indices, not pointers: a nested level may move the scratch storage.
+        size_t base = state->scratch.size();
+        state->scratch.resize(base + count);
+        array.getObjects(state->scratch.data() + base, 0, count);
         for (size_t i = 0; i < count; ++i) {
-            if (!writeElement(elements[i], i))
+            if (!writeElement(state->scratch[base + i], i))
                 return false;
         }
+        state->scratch.resize(base);
     } else {
         size_t index = 0;
         for (auto* element : array) {
@@ -321,13 +328,14 @@ bool encodeDictionary(JCEncodeState* state, const Dictionary& dictionary)
     // The codec's own dictionaries hand over up to 1020 entries in one call.
     const JCDictionary* codecDictionary = dictionary.classInfo() == &JCDictionary::s_info ? static_cast<const JCDictionary*>(&dictionary) : nullptr;
     if (codecDictionary && count <= 1020) {
-        Object* keys[1020];
-        Object* objects[1020];
-        size_t got = codecDictionary->getObjects(count, objects, keys);
+        size_t base = state->scratch.size();
+        state->scratch.resize(base + 2 * count);
+        size_t got = codecDictionary->getObjects(count, state->scratch.data() + base + count, state->scratch.data() + base);
         for (size_t i = 0; i < got; ++i) {
-            if (!writePair(keys[i], objects[i], i))
+            if (!writePair(state->scratch[base + i], state->scratch[base + count + i], i))
                 return false;
         }
+        state->scratch.resize(base);
     } else {
         size_t index = 0;
         for (auto& entry : dictionary) {

@@ -182,3 +182,19 @@ TEST(VelvoxAPI, RefusesOtherProtocolsAndShowsErrorBodiesSafely)
     EXPECT_NE(injected.output.find("control character"), std::string::npos) << injected.output;
     unlink(tokenFile.c_str());
 }
+
+TEST(VelvoxAPI, PrintsTheDeepestAnswerTheDecoderAccepts)
+{
+    test::TestServer server;
+    std::string deep;
+    for (int i = 0; i < 2048; ++i)
+        deep += "[{\"a\":";
+    deep += "1";
+    for (int i = 0; i < 2048; ++i)
+        deep += "}]";
+    server.routes().Get("/deep", [&](const httplib::Request&, httplib::Response& response) { response.set_content(deep, "application/json"); });
+    auto base = server.start();
+    auto answer = run("VELVOX_TOKEN=t " + velvoxProgram() + " api GET /deep --base-url " + base);
+    EXPECT_EQ(answer.status, 0);
+    EXPECT_GT(answer.output.size(), deep.size());
+}

@@ -130,3 +130,22 @@ TEST(JSONCodec, ConvenienceCalls)
     EXPECT_TRUE(objectFromJSONStringWithParseOptions(*String::create("[1] // note"), JCParseOptionComments));
     EXPECT_FALSE(objectFromJSONString(*String::create("[1] // note")));
 }
+
+TEST(JSONEncoder, WritesEveryDepthTheDecoderAccepts)
+{
+    // 4,096 levels of arrays and of objects, compact and pretty, within a normal stack.
+    for (bool objects : { false, true }) {
+        std::string text;
+        for (int i = 0; i < 4096; ++i)
+            text += objects ? "{\"a\":" : "[";
+        text += "1";
+        for (int i = 0; i < 4096; ++i)
+            text += objects ? "}" : "]";
+        RefPtr<Error> error;
+        auto tree = objectFromJSONStringWithParseOptions(*String::create(text), JCParseOptionStrict, &error);
+        ASSERT_TRUE(tree) << (error ? error->localizedDescription()->str() : "");
+        EXPECT_EQ(encodeText(tree.get()), text);
+        auto pretty = jc_encode(tree.get(), JCSerializeOptionPretty, JCEncodeAsString, &error);
+        ASSERT_TRUE(pretty) << (error ? error->localizedDescription()->str() : "");
+    }
+}
