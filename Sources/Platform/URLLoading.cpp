@@ -1,11 +1,15 @@
 #include "URLLoading.h"
 
 #include "Exception.h"
+#include "Format.h"
 #include "RunLoop.h"
 
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <charconv>
+#include <climits>
+#include <cstring>
 #include <cctype>
 #include <deque>
 #include <map>
@@ -78,6 +82,7 @@ struct URLLoader::Impl : std::enable_shared_from_this<URLLoader::Impl> {
     static size_t writeCallback(char* bytes, size_t size, size_t count, void* userData);
     static size_t headerCallback(char* bytes, size_t size, size_t count, void* userData);
     static int progressCallback(void* userData, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal, curl_off_t uploaded);
+    static size_t failTransfer(URLTask*, int64_t code, std::string message, size_t stopValue);
 };
 
 URLLoader::URLLoader()
@@ -163,6 +168,7 @@ size_t URLLoader::runningTaskCount() const
 
 URLTask::~URLTask()
 {
+    free(m_bodyBytes);
     if (m_loader)
         m_loader->cancel(*this);
     if (m_handle)
@@ -214,6 +220,9 @@ Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callba
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, request.verifyTLS ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, request.verifyTLS ? 2L : 0L);
     curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
+    task->m_maximumBodySize = request.maximumBodySize;
+    // A declared length beyond the limit is refused before anything is read.
+    curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(std::min<size_t>(request.maximumBodySize, INT64_MAX)));
     // Only the web is spoken: no file://, dict://, gopher:// or any other
     // protocol libcurl knows, whatever a URL or a caller asks for.
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -298,13 +307,22 @@ void URLLoader::Impl::action(curl_socket_t socket, int flags)
         task->m_loader = nullptr;
         RefPtr<URLResponse> response;
         RefPtr<Error> error;
-        if (result == CURLE_OK) {
+        if (!task->m_failure.empty()) {
+            error = Error::create(URLErrorDomain, task->m_failureCode, task->m_failure);
+        } else if (result == CURLE_OK) {
             long status = 0;
             curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
             auto headers = MutableDictionary::create();
             for (auto& [name, value] : task->m_responseHeaders)
                 headers->setObject(String::create(value), name);
-            response = URLResponse::create(status, headers->copy(), Data::create(task->m_body.data(), task->m_body.size()));
+            // The body's block passes to the Data: one copy of it, ever.
+            char* bytes = std::exchange(task->m_bodyBytes, nullptr);
+            size_t length = std::exchange(task->m_bodyLength, 0);
+            task->m_bodyCapacity = 0;
+            response = URLResponse::create(status, headers->copy(), bytes ? Data::adoptMallocedBytes(bytes, length) : Data::create("", 0));
+        } else if (result == CURLE_FILESIZE_EXCEEDED) {
+            error = Error::create(URLErrorDomain, static_cast<int64_t>(result),
+                format("The answer is larger than the limit of %zu bytes.", task->m_maximumBodySize));
         } else {
             std::string description = curl_easy_strerror(result);
             if (task->m_errorBuffer[0])
@@ -344,44 +362,94 @@ void URLLoader::Impl::deliverPending()
     }
 }
 
+// libcurl's callbacks run inside libcurl: no exception may leave them. A
+// callback that cannot go on records why and stops the transfer.
+size_t URLLoader::Impl::failTransfer(URLTask* task, int64_t code, std::string message, size_t stopValue)
+{
+    if (task->m_failure.empty()) {
+        task->m_failure = std::move(message);
+        task->m_failureCode = code;
+    }
+    return stopValue;
+}
+
 size_t URLLoader::Impl::writeCallback(char* bytes, size_t size, size_t count, void* userData)
 {
     auto* task = static_cast<URLTask*>(userData);
     size_t length = size * count;
-    task->m_body.append(bytes, length);
-    if (task->m_callbacks.didReceiveData && task->m_loader) {
-        Ref<URLTask> protectedTask { *task };
-        auto chunk = Data::create(bytes, length);
-        task->m_loader->m_impl->pending.push_back([protectedTask, chunk] {
-            if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveData)
-                protectedTask->m_callbacks.didReceiveData(chunk);
-        });
+    try {
+        // Counted after decompression, so a small compressed body cannot expand without bound.
+        if (length > task->m_maximumBodySize - std::min(task->m_bodyLength, task->m_maximumBodySize))
+            return failTransfer(task, CURLE_FILESIZE_EXCEEDED, format("The answer is larger than the limit of %zu bytes.", task->m_maximumBodySize), 0);
+        if (task->m_bodyLength + length > task->m_bodyCapacity) {
+            size_t capacity = std::max<size_t>({ task->m_bodyCapacity * 2, task->m_bodyLength + length, 16384 });
+            capacity = std::min(capacity, std::max(task->m_maximumBodySize, task->m_bodyLength + length));
+            auto* grown = static_cast<char*>(realloc(task->m_bodyBytes, capacity));
+            if (!grown)
+                return failTransfer(task, CURLE_OUT_OF_MEMORY, "Out of memory while receiving the answer.", 0);
+            task->m_bodyBytes = grown;
+            task->m_bodyCapacity = capacity;
+        }
+        memcpy(task->m_bodyBytes + task->m_bodyLength, bytes, length);
+        task->m_bodyLength += length;
+        if (task->m_callbacks.didReceiveData && task->m_loader) {
+            Ref<URLTask> protectedTask { *task };
+            auto chunk = Data::create(bytes, length);
+            task->m_loader->m_impl->pending.push_back([protectedTask, chunk] {
+                if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveData)
+                    protectedTask->m_callbacks.didReceiveData(chunk);
+            });
+        }
+        return length;
+    } catch (...) {
+        return failTransfer(task, CURLE_OUT_OF_MEMORY, "Out of memory while receiving the answer.", 0);
     }
-    return length;
 }
 
 size_t URLLoader::Impl::headerCallback(char* bytes, size_t size, size_t count, void* userData)
 {
+    constexpr size_t maximumHeaderBytes = 256 * 1024;
     auto* task = static_cast<URLTask*>(userData);
     size_t length = size * count;
-    std::string_view line(bytes, length);
-    while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
-        line.remove_suffix(1);
-    // Each status line (an interim 100, a redirect) starts a new set of headers.
-    if (line.starts_with("HTTP/")) {
-        task->m_responseHeaders.clear();
+    try {
+        task->m_headerBytes += length;
+        if (task->m_headerBytes > maximumHeaderBytes)
+            return failTransfer(task, CURLE_WEIRD_SERVER_REPLY, format("The answer's headers are larger than %zu bytes.", maximumHeaderBytes), 0);
+        std::string_view line(bytes, length);
+        while (!line.empty() && (line.back() == '\r' || line.back() == '\n'))
+            line.remove_suffix(1);
+        // Each status line (an interim 100, a redirect) starts a new set of headers.
+        if (line.starts_with("HTTP/")) {
+            task->m_responseHeaders.clear();
+            return length;
+        }
+        size_t colon = line.find(':');
+        if (colon == std::string_view::npos)
+            return length;
+        std::string name(line.substr(0, colon));
+        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        std::string_view value = line.substr(colon + 1);
+        while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
+            value.remove_prefix(1);
+        while (!value.empty() && (value.back() == ' ' || value.back() == '\t'))
+            value.remove_suffix(1);
+        if (name == "content-length") {
+            // A length that is not a number that fits, or two lengths that
+            // disagree, make the answer's end unknowable: a protocol error.
+            uint64_t declared = 0;
+            auto [end, problem] = std::from_chars(value.data(), value.data() + value.size(), declared);
+            if (value.empty() || problem != std::errc() || end != value.data() + value.size() || declared > static_cast<uint64_t>(INT64_MAX))
+                return failTransfer(task, CURLE_WEIRD_SERVER_REPLY, "The answer's Content-Length is not a valid length.", 0);
+            for (auto& [otherName, otherValue] : task->m_responseHeaders) {
+                if (otherName == "content-length" && otherValue != value)
+                    return failTransfer(task, CURLE_WEIRD_SERVER_REPLY, "The answer has conflicting Content-Length headers.", 0);
+            }
+        }
+        task->m_responseHeaders.emplace_back(std::move(name), std::string(value));
         return length;
+    } catch (...) {
+        return failTransfer(task, CURLE_OUT_OF_MEMORY, "Out of memory while receiving the answer.", 0);
     }
-    size_t colon = line.find(':');
-    if (colon == std::string_view::npos)
-        return length;
-    std::string name(line.substr(0, colon));
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    std::string_view value = line.substr(colon + 1);
-    while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
-        value.remove_prefix(1);
-    task->m_responseHeaders.emplace_back(std::move(name), std::string(value));
-    return length;
 }
 
 int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal, curl_off_t uploaded)
@@ -389,6 +457,7 @@ int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, 
     auto* task = static_cast<URLTask*>(userData);
     if (!task->m_loader)
         return 0;
+    try {
     auto& pending = task->m_loader->m_impl->pending;
     Ref<URLTask> protectedTask { *task };
     // Only real progress is reported: never a count of zero, never the same count twice.
@@ -409,6 +478,9 @@ int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, 
         });
     }
     return 0;
+    } catch (...) {
+        return static_cast<int>(failTransfer(task, CURLE_OUT_OF_MEMORY, "Out of memory while reporting progress.", 1));
+    }
 }
 
 } // namespace velvox

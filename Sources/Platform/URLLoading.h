@@ -52,6 +52,11 @@ struct URLRequest {
     double connectTimeout { 10 };
     double timeout { 60 };
     bool verifyTLS { true };
+    // The largest body accepted, counted after decompression: a longer one ends
+    // the transfer with an error (URLErrorDomain, code 63) instead of filling
+    // memory. The response headers are bounded too (256 KiB in all).
+    size_t maximumBodySize { defaultMaximumBodySize };
+    static constexpr size_t defaultMaximumBodySize = 64 * 1024 * 1024;
 };
 
 class URLResponse final : public Object {
@@ -101,8 +106,16 @@ private:
     URLLoader* m_loader { nullptr };
     void* m_handle { nullptr }; // CURL*
     URLTaskCallbacks m_callbacks;
-    std::string m_body;
+    // The body, in one malloc() block that the response's Data adopts.
+    char* m_bodyBytes { nullptr };
+    size_t m_bodyLength { 0 };
+    size_t m_bodyCapacity { 0 };
+    size_t m_maximumBodySize { 0 };
+    size_t m_headerBytes { 0 };
     std::vector<std::pair<std::string, std::string>> m_responseHeaders;
+    // Set by a callback that stopped the transfer: the error to report instead of libcurl's.
+    std::string m_failure;
+    int64_t m_failureCode { 0 };
     void* m_headerList { nullptr }; // curl_slist*
     void* m_mime { nullptr };       // curl_mime*
     char m_errorBuffer[256] {};

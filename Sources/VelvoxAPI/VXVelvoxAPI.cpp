@@ -52,6 +52,7 @@ Ref<VXVelvoxAPI> VXVelvoxAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate)
     auto copy = adoptRef(*new VXVelvoxAPI(m_baseURL, m_accessToken));
     copy->m_delegate = delegate;
     copy->m_timeout = m_timeout;
+    copy->m_maximumAnswerSize = m_maximumAnswerSize;
     copy->m_connectTimeout = m_connectTimeout;
     return copy;
 }
@@ -113,6 +114,7 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
     request.method = method.str();
     request.timeout = m_timeout;
     request.connectTimeout = m_connectTimeout;
+    request.maximumBodySize = m_maximumAnswerSize;
     request.headers = { { "Authorization", "OAuth " + m_accessToken }, { "Accept", "application/json" }, { "User-Agent", "VelvoxKit/0.1" } };
     bool inQuery = request.method == "GET" || request.method == "DELETE" || request.method == "HEAD";
     request.url = URLForResource(resource.view(), inQuery ? parameters : nullptr);

@@ -59,6 +59,10 @@ public:
     double connectTimeout() const { return m_connectTimeout; }
     void setConnectTimeout(double seconds) { m_connectTimeout = seconds; }
     size_t runningRequestCount() const { return m_tasks.size(); }
+    // The largest answer body accepted (after decompression); a longer one fails
+    // the request with the URL loader's size error. 64 MiB unless set.
+    size_t maximumAnswerSize() const { return m_maximumAnswerSize; }
+    void setMaximumAnswerSize(size_t bytes) { m_maximumAnswerSize = bytes; }
 
 protected:
     VXVelvoxAPI(std::string baseURL, std::string accessToken)
@@ -75,6 +79,7 @@ private:
     VXVelvoxAPIDelegate* m_delegate { nullptr };
     double m_timeout { 60 };
     double m_connectTimeout { 10 };
+    size_t m_maximumAnswerSize { URLRequest::defaultMaximumBodySize };
     uint64_t m_nextTask { 0 };
     std::unordered_map<uint64_t, Ref<URLTask>> m_tasks;
 };

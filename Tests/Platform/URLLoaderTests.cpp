@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <zlib.h>
 
 using namespace velvox;
 
@@ -197,5 +198,93 @@ TEST(URLLoader, SpeaksOnlyHTTPAndHTTPS)
         ASSERT_TRUE(RunLoop::current().runUntil([&] { return outcome.completions > 0; }, 10)) << url;
         ASSERT_TRUE(outcome.error) << url;
         EXPECT_EQ(outcome.error->code(), 1) << url; // unsupported protocol
+    }
+}
+
+namespace {
+
+// Zeros compressed with gzip: a small body that expands to `expanded` bytes.
+std::string gzipBomb(size_t expanded)
+{
+    z_stream stream {};
+    deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY);
+    std::string zeros(1 << 20, '\0'), out;
+    char buffer[1 << 16];
+    for (size_t done = 0; done < expanded; done += zeros.size()) {
+        stream.next_in = reinterpret_cast<Bytef*>(zeros.data());
+        stream.avail_in = static_cast<uInt>(zeros.size());
+        bool last = done + zeros.size() >= expanded;
+        do {
+            stream.next_out = reinterpret_cast<Bytef*>(buffer);
+            stream.avail_out = sizeof(buffer);
+            deflate(&stream, last ? Z_FINISH : Z_NO_FLUSH);
+            out.append(buffer, sizeof(buffer) - stream.avail_out);
+        } while (stream.avail_out == 0);
+    }
+    deflateEnd(&stream);
+    return out;
+}
+
+Outcome fetch(const std::string& url, size_t maximumBodySize = URLRequest::defaultMaximumBodySize)
+{
+    Outcome outcome;
+    auto request = get(url);
+    request.maximumBodySize = maximumBodySize;
+    auto task = URLLoader::current().start(request, recordInto(outcome));
+    EXPECT_TRUE(RunLoop::current().runUntil([&] { return outcome.completions > 0; }, 20)) << url;
+    return outcome;
+}
+
+} // namespace
+
+TEST(URLLoader, BodiesAreBoundedAfterDecompression)
+{
+    test::TestServer server;
+    std::atomic<bool> stop { false };
+    // An endless chunked body.
+    server.routes().Get("/endless", [&](const httplib::Request&, httplib::Response& response) {
+        response.set_chunked_content_provider("application/json", [&](size_t, httplib::DataSink& sink) {
+            std::string chunk(65536, ' ');
+            return !stop && sink.write(chunk.data(), chunk.size());
+        });
+    });
+    // About 64 KB of gzip that expands to 64 MB.
+    auto bomb = gzipBomb(64u << 20);
+    server.routes().Get("/bomb", [&](const httplib::Request&, httplib::Response& response) {
+        response.set_header("Content-Encoding", "gzip");
+        response.set_content(bomb, "application/json");
+    });
+    server.routes().Get("/declared", [](const httplib::Request&, httplib::Response& response) {
+        response.set_content(std::string(3 << 20, 'x'), "text/plain");
+    });
+    auto base = server.start();
+
+    for (auto path : { "/endless", "/bomb", "/declared" }) {
+        auto outcome = fetch(base + path, 2 << 20);
+        ASSERT_TRUE(outcome.error) << path;
+        EXPECT_EQ(outcome.error->code(), 63) << path;
+        EXPECT_NE(outcome.error->localizedDescription()->str().find("larger than the limit of 2097152 bytes"), std::string::npos)
+            << path << ": " << outcome.error->localizedDescription()->str();
+    }
+    stop = true;
+    // Within the limit, the same body is whole.
+    auto small = fetch(base + "/declared", 4 << 20);
+    ASSERT_TRUE(small.response);
+    EXPECT_EQ(small.response->body().length(), 3u << 20);
+}
+
+TEST(URLLoader, BadOrConflictingLengthsAreProtocolErrors)
+{
+    static constexpr std::string_view replies[] = {
+        "HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\nContent-Type: application/json\r\n\r\n{}",
+        "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 5\r\nContent-Type: application/json\r\n\r\n{}",
+        "HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n{}",
+    };
+    for (auto reply : replies) {
+        test::RawServer server { std::string(reply) };
+        auto outcome = fetch(server.baseURL() + "/x");
+        EXPECT_FALSE(outcome.response) << reply;
+        ASSERT_TRUE(outcome.error) << reply;
+        EXPECT_EQ(outcome.error->domain()->view(), URLErrorDomain);
     }
 }

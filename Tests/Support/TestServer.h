@@ -44,3 +44,65 @@ private:
 };
 
 } // namespace velvox::test
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace velvox::test {
+
+// A server that answers every connection with the same bytes, as written:
+// for answers no well-behaved HTTP library would send (bad lengths, say).
+class RawServer {
+public:
+    explicit RawServer(std::string reply)
+        : m_reply(std::move(reply))
+    {
+        m_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        socklen_t length = sizeof(address);
+        getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length);
+        m_port = ntohs(address.sin_port);
+        listen(m_socket, 8);
+        m_thread = std::thread([this] {
+            while (!m_stopping) {
+                int client = accept(m_socket, nullptr, nullptr);
+                if (client < 0)
+                    break;
+                // Read the request's head, then answer and close.
+                std::string request;
+                char buffer[4096];
+                ssize_t n;
+                while (request.find("\r\n\r\n") == std::string::npos && (n = read(client, buffer, sizeof(buffer))) > 0)
+                    request.append(buffer, n);
+                [[maybe_unused]] ssize_t written = write(client, m_reply.data(), m_reply.size());
+                shutdown(client, SHUT_RDWR);
+                close(client);
+            }
+        });
+    }
+    ~RawServer()
+    {
+        m_stopping = true;
+        shutdown(m_socket, SHUT_RDWR);
+        close(m_socket);
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+    std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+
+private:
+    std::string m_reply;
+    int m_socket { -1 };
+    int m_port { 0 };
+    std::atomic<bool> m_stopping { false };
+    std::thread m_thread;
+};
+
+} // namespace velvox::test
