@@ -13,6 +13,8 @@ struct JSONOptions {
     bool looseUnicode { false };
     bool permitTrailing { false };
     std::string file { "-" };
+    // The most input read; a larger input is refused without reading it all.
+    size_t maxSize { 256u * 1024 * 1024 };
 };
 
 // velvox json: decode and write back. Answers the exit status.

@@ -26,6 +26,7 @@ int main(int argc, char** argv)
     json->add_flag("--unicode-newlines", jsonOptions.unicodeNewlines, "Count U+0085, U+2028 and U+2029 as newlines");
     json->add_flag("--loose-unicode", jsonOptions.looseUnicode, "Turn ill-formed UTF-8 and illegal escapes into U+FFFD");
     json->add_flag("--permit-trailing", jsonOptions.permitTrailing, "Ignore text after the top-level value");
+    json->add_option("--max-size", jsonOptions.maxSize, "The most bytes of input to read (default 268435456)");
     json->add_option("file", jsonOptions.file, "The input; - or nothing reads standard input")->default_val("-");
 
     velvox::app::APIOptions apiOptions;

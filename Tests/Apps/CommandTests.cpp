@@ -198,3 +198,29 @@ TEST(VelvoxAPI, PrintsTheDeepestAnswerTheDecoderAccepts)
     EXPECT_EQ(answer.status, 0);
     EXPECT_GT(answer.output.size(), deep.size());
 }
+
+TEST(VelvoxJSON, BoundsItsInputAndSaysWhatWentWrong)
+{
+    // An endless stream fails at once with the decoder's message, under a memory
+    // limit that reading it all would break.
+    auto endless = run("ulimit -v 1000000; " + velvoxProgram() + " json < /dev/zero", true);
+    EXPECT_EQ(endless.status, 1);
+    EXPECT_NE(endless.output.find("byte index 0"), std::string::npos) << endless.output;
+    auto endlessArray = run("ulimit -v 1000000; yes ' ' | " + velvoxProgram() + " json --max-size 1000000", true);
+    EXPECT_EQ(endlessArray.status, 1);
+    EXPECT_NE(endlessArray.output.find("is larger than 1000000 bytes"), std::string::npos) << endlessArray.output;
+
+    // A ten-million-digit number is not repeated whole.
+    auto file = temporaryFile("[" + std::string(10000000, '9') + "e999999]");
+    auto number = run(velvoxProgram() + " json " + file, true);
+    EXPECT_EQ(number.status, 1);
+    EXPECT_NE(number.output.find("could not be represented"), std::string::npos) << number.status << number.output.substr(0, 200);
+    EXPECT_LT(number.output.size(), 2000u);
+    unlink(file.c_str());
+
+    auto small = temporaryFile("[1]");
+    auto full = run("(" + velvoxProgram() + " json " + small + " > /dev/full)", true);
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.output.find("cannot write the output"), std::string::npos) << full.output;
+    unlink(small.c_str());
+}
