@@ -8,6 +8,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <ctime>
+#include <sys/file.h>
+#include <fstream>
+#include <dirent.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -97,19 +101,74 @@ bool FileManager::fileExistsAtPath(const std::string& path, bool* isDirectory) c
     return true;
 }
 
-bool FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, RefPtr<Error>* error) const
+bool FileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, RefPtr<Error>* error, unsigned mode) const
 {
-    std::error_code code;
+    auto fail = [&](int code) {
+        if (error)
+            *error = posixError(code, path);
+        return false;
+    };
+    if (path.empty())
+        return fail(ENOENT);
     if (withIntermediateDirectories) {
-        std::filesystem::create_directories(path, code);
-        if (!code && std::filesystem::is_directory(path, code))
-            return true;
-    } else if (std::filesystem::create_directory(path, code) && !code)
+        bool isDirectory = false;
+        if (fileExistsAtPath(path, &isDirectory))
+            return isDirectory || fail(EEXIST);
+        std::string parent = stringByDeletingLastPathComponent(path);
+        if (!parent.empty() && parent != path && !createDirectoryAtPath(parent, true, error, mode))
+            return false;
+    }
+    if (mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0)
         return true;
-    if (error)
-        *error = posixError(code ? code.value() : EEXIST, path);
-    return false;
+    int code = errno;
+    bool isDirectory = false;
+    if (withIntermediateDirectories && code == EEXIST && fileExistsAtPath(path, &isDirectory) && isDirectory)
+        return true; // made meanwhile by someone else
+    return fail(code);
 }
+
+namespace {
+
+// The process's umask, read without changing it (umask() would, for every thread).
+mode_t currentUmask()
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.starts_with("Umask:"))
+            return static_cast<mode_t>(std::strtoul(line.c_str() + 6, nullptr, 8));
+    }
+    return 022;
+}
+
+// Removes the temporaries of earlier saves of `name` in `folder` whose writer is
+// gone: a live writer holds a lock on its temporary (and a fresh one may not be
+// locked yet, so only those a second old are looked at).
+void removeStaleTemporaries(const std::string& folder, const std::string& name)
+{
+    std::string prefix = "." + name + ".";
+    DIR* directory = opendir(folder.c_str());
+    if (!directory)
+        return;
+    time_t now = time(nullptr);
+    while (dirent* entry = readdir(directory)) {
+        std::string_view candidate = entry->d_name;
+        if (!candidate.starts_with(prefix) || candidate.size() != prefix.size() + 6)
+            continue;
+        std::string path = stringByAppendingPathComponent(folder, candidate);
+        int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0)
+            continue;
+        struct stat info;
+        if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() && info.st_mtime + 1 < now
+            && flock(fd, LOCK_EX | LOCK_NB) == 0)
+            unlink(path.c_str());
+        close(fd);
+    }
+    closedir(directory);
+}
+
+} // namespace
 
 bool FileManager::removeItemAtPath(const std::string& path, RefPtr<Error>* error) const
 {
@@ -127,10 +186,13 @@ bool FileManager::writeFileAtomically(const std::string& path, std::string_view 
     std::string temporaryName = ".";
     temporaryName.append(lastPathComponent(path));
     temporaryName.append(".XXXXXX");
+    removeStaleTemporaries(folder.empty() ? "." : folder, lastPathComponent(path));
     std::string pattern = stringByAppendingPathComponent(folder.empty() ? "." : folder, temporaryName);
     int fd = mkostemp(pattern.data(), O_CLOEXEC);
     if (fd < 0)
         return false;
+    // Held until the file is closed: tells a later save that this temporary is alive.
+    flock(fd, LOCK_EX);
     const char* at = contents.data();
     size_t left = contents.size();
     bool ok = true;
@@ -148,7 +210,8 @@ bool FileManager::writeFileAtomically(const std::string& path, std::string_view 
     // Flush before the rename, so a crash cannot leave the new name on old or partial contents.
     if (ok && fsync(fd))
         ok = false;
-    fchmod(fd, 0644);
+    // mkostemp made it 0600; the umask may take away more.
+    fchmod(fd, 0600 & ~currentUmask());
     if (close(fd))
         ok = false;
     if (ok && rename(pattern.c_str(), path.c_str()))

@@ -29,12 +29,17 @@ public:
 
     bool fileExistsAtPath(const std::string& path, bool* isDirectory = nullptr) const;
     // Creates the folder (and its parents when asked). An existing folder is
-    // success when intermediates are allowed, as with `mkdir -p`.
-    bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, RefPtr<Error>* error = nullptr) const;
+    // success when intermediates are allowed, as with `mkdir -p`. The folders
+    // made get `mode` as mkdir gives it (less the umask); 0700 keeps a folder
+    // of private files to its user.
+    bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, RefPtr<Error>* error = nullptr, unsigned mode = 0777) const;
     bool removeItemAtPath(const std::string& path, RefPtr<Error>* error = nullptr) const;
 
     // Writes a temporary file in the target's folder, flushes it and renames
-    // it over the target: readers see the old file or the new one, whole.
+    // it over the target: readers see the old file or the new one, whole. The
+    // file is private to its user (0600, less what the umask takes away). A
+    // temporary that an earlier save left behind (its process died while
+    // writing) is removed first; one that a live save is writing is left alone.
     static bool writeFileAtomically(const std::string& path, std::string_view contents);
 };
 

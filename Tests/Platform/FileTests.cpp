@@ -1,6 +1,14 @@
 #include <Platform/Platform.h>
 
 #include <gtest/gtest.h>
+#include <vector>
+#include <unistd.h>
+#include <csignal>
+#include <sys/wait.h>
+#include <sys/time.h>
+#include <sys/stat.h>
+#include <sys/file.h>
+#include <fcntl.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -89,4 +97,85 @@ TEST(Bundle, FindsTheResourceFolder)
     auto& bundle = Bundle::mainBundle();
     EXPECT_TRUE(std::filesystem::is_directory(bundle.resourcePath())) << bundle.resourcePath();
     EXPECT_FALSE(bundle.pathForResource("no-such-resource", "json"));
+}
+
+namespace {
+
+std::vector<std::string> temporariesIn(const std::string& folder)
+{
+    std::vector<std::string> names;
+    for (auto& entry : std::filesystem::directory_iterator(folder)) {
+        auto name = entry.path().filename().string();
+        if (name.starts_with(".state.archive."))
+            names.push_back(name);
+    }
+    return names;
+}
+
+void ageFile(const std::string& path)
+{
+    struct timeval times[2] = { { time(nullptr) - 3600, 0 }, { time(nullptr) - 3600, 0 } };
+    utimes(path.c_str(), times);
+}
+
+} // namespace
+
+TEST(Files, AKilledSaveLeavesNothingBehindTheNextSave)
+{
+    auto folder = std::filesystem::temp_directory_path() / ("velvox-saves-" + std::to_string(getpid()));
+    std::filesystem::create_directories(folder);
+    std::string target = (folder / "state.archive").string();
+    ASSERT_TRUE(FileManager::writeFileAtomically(target, "old"));
+
+    // A child that is killed while it writes a large save.
+    pid_t child = fork();
+    if (child == 0) {
+        std::string large(512u << 20, 'x');
+        FileManager::writeFileAtomically(target, large);
+        _exit(0);
+    }
+    for (int i = 0; i < 5000 && temporariesIn(folder).empty(); ++i)
+        usleep(1000);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    auto left = temporariesIn(folder);
+    ASSERT_EQ(left.size(), 1u) << "the killed save should have left its temporary";
+    ageFile((folder / left[0]).string());
+
+    // A live writer's temporary (locked) stays.
+    std::string live = (folder / ".state.archive.LiVe01").string();
+    int liveFd = open(live.c_str(), O_CREAT | O_WRONLY, 0600);
+    ASSERT_GE(liveFd, 0);
+    ASSERT_EQ(flock(liveFd, LOCK_EX), 0);
+    ageFile(live);
+
+    ASSERT_TRUE(FileManager::writeFileAtomically(target, "new"));
+    EXPECT_EQ(temporariesIn(folder), (std::vector<std::string> { ".state.archive.LiVe01" }));
+    auto contents = Data::createWithContentsOfFile(target);
+    ASSERT_TRUE(contents);
+    EXPECT_EQ(contents->view(), "new");
+    close(liveFd);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Files, SavesArePrivateAndHonourTheUmask)
+{
+    auto folder = std::filesystem::temp_directory_path() / ("velvox-modes-" + std::to_string(getpid()));
+    std::filesystem::remove_all(folder);
+    mode_t old = umask(022);
+    ASSERT_TRUE(FileManager::defaultManager().createDirectoryAtPath((folder / "a" / "b").string(), true, nullptr, 0700));
+    struct stat info;
+    ASSERT_EQ(stat((folder / "a" / "b").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    std::string file = (folder / "a" / "b" / "played.archive").string();
+    ASSERT_TRUE(FileManager::writeFileAtomically(file, "x"));
+    ASSERT_EQ(stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u) << "never readable by others, whatever the umask allows";
+    umask(0277);
+    ASSERT_TRUE(FileManager::writeFileAtomically(file, "y"));
+    ASSERT_EQ(stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0400u) << "the umask takes away what it takes away";
+    umask(old);
+    chmod(file.c_str(), 0600);
+    std::filesystem::remove_all(folder);
 }
