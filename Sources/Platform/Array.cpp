@@ -87,11 +87,15 @@ bool Array::isEqual(const Object* other) const
     auto* array = dynamicDowncast<Array>(other);
     if (!array || array->count() != count())
         return false;
+    detail::CollectionComparison comparison(this, other);
+    if (comparison.knownEqual())
+        return true;
     size_t n = count();
     for (size_t i = 0; i < n; ++i) {
         if (!objectsEqual(objectAtIndex(i), array->objectAtIndex(i)))
             return false;
     }
+    comparison.markEqual();
     return true;
 }
 

@@ -3,6 +3,9 @@
 #include "Exception.h"
 #include "String.h"
 
+#include <unordered_set>
+#include <utility>
+
 namespace velvox {
 
 void collectionMutatedDuringEnumeration(const Object& collection)
@@ -30,5 +33,53 @@ void raiseInsertNilValue(const Object& dictionary, const Object* key)
 {
     Exception::raise(InvalidArgumentException, "*** -[%s %s]: attempt to insert nil value (key: %@)", dictionary.className(), "setObject:forKey:", key);
 }
+
+namespace detail {
+
+namespace {
+
+struct PairHash {
+    size_t operator()(const std::pair<const Object*, const Object*>& pair) const noexcept
+    {
+        return std::hash<const void*>()(pair.first) * 31 + std::hash<const void*>()(pair.second);
+    }
+};
+
+thread_local unsigned t_comparisonDepth = 0;
+thread_local std::unordered_set<std::pair<const Object*, const Object*>, PairHash>* t_equalPairs = nullptr;
+
+} // namespace
+
+CollectionComparison::CollectionComparison(const Object* a, const Object* b)
+    : m_a(a)
+    , m_b(b)
+{
+    ++t_comparisonDepth;
+}
+
+CollectionComparison::~CollectionComparison()
+{
+    if (--t_comparisonDepth == 0 && t_equalPairs) {
+        delete t_equalPairs;
+        t_equalPairs = nullptr;
+    }
+}
+
+bool CollectionComparison::knownEqual() const
+{
+    return t_equalPairs && t_equalPairs->count({ m_a, m_b });
+}
+
+void CollectionComparison::markEqual()
+{
+    // The outermost comparison is over when this is asked: nothing to remember for it.
+    if (t_comparisonDepth < 2)
+        return;
+    if (!t_equalPairs)
+        t_equalPairs = new std::unordered_set<std::pair<const Object*, const Object*>, PairHash>;
+    t_equalPairs->insert({ m_a, m_b });
+}
+
+} // namespace detail
 
 } // namespace velvox

@@ -25,4 +25,27 @@ template<typename T> T* rawObject(const RefPtr<T>& object) { return object.get()
 [[noreturn]] void raiseInsertNilKey(const Object& dictionary);
 [[noreturn]] void raiseInsertNilValue(const Object& dictionary, const Object* key);
 
+namespace detail {
+
+// Deep comparison of collections remembers, for the length of the outermost
+// comparison, the pairs of nested collections it has found equal: a tree that
+// shares sub-trees (a crafted archive's DAG) is compared in time linear in
+// its size, not exponential in its depth.
+class CollectionComparison {
+public:
+    CollectionComparison(const Object* a, const Object* b);
+    ~CollectionComparison();
+    CollectionComparison(const CollectionComparison&) = delete;
+    CollectionComparison& operator=(const CollectionComparison&) = delete;
+
+    bool knownEqual() const;
+    void markEqual();
+
+private:
+    const Object* m_a;
+    const Object* m_b;
+};
+
+} // namespace detail
+
 } // namespace velvox

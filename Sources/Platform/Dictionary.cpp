@@ -87,10 +87,14 @@ bool Dictionary::isEqual(const Object* other) const
     auto* dictionary = dynamicDowncast<Dictionary>(other);
     if (!dictionary || dictionary->count() != count())
         return false;
+    detail::CollectionComparison comparison(this, other);
+    if (comparison.knownEqual())
+        return true;
     for (auto& entry : *this) {
         if (!objectsEqual(entry.object, dictionary->objectForKey(entry.key)))
             return false;
     }
+    comparison.markEqual();
     return true;
 }
 

@@ -155,6 +155,11 @@ ClassRegistry& classRegistry()
 
 // MARK: Archiver
 
+// Deeper trees are neither written nor read: a crafted archive must not build a
+// tree whose use would exhaust the stack. The JSON codec's own limit is 4,096
+// levels; models and their containers add a few.
+constexpr uint32_t maximumArchiveDepth = 5000;
+
 struct KeyedArchiver::Impl {
     Writer records;
     uint32_t recordCount { 0 };
@@ -163,6 +168,7 @@ struct KeyedArchiver::Impl {
     std::vector<Ref<Object>> keepAlive;
     // The fields of the coded object being encoded: key and reference.
     std::vector<std::pair<std::string, uint32_t>>* fields { nullptr };
+    uint32_t depth { 0 };
 };
 
 KeyedArchiver::KeyedArchiver()
@@ -181,6 +187,14 @@ uint32_t KeyedArchiver::encodeReference(Object* object)
     if (!m_impl->inProgress.insert(object).second)
         Exception::raise(InvalidArgumentException, "*** KeyedArchiver: %s object 0x%08X is part of a reference cycle.", object->className(),
             static_cast<unsigned>(reinterpret_cast<uintptr_t>(object)));
+    struct DepthGuard {
+        uint32_t& depth;
+        ~DepthGuard() { --depth; }
+    } depthGuard { ++m_impl->depth };
+    if (m_impl->depth > maximumArchiveDepth) {
+        m_impl->inProgress.erase(object);
+        Exception::raise(InvalidArgumentException, "*** KeyedArchiver: the object tree is deeper than %u levels.", maximumArchiveDepth);
+    }
 
     // Children are written before their parent, so that every reference in
     // an archive points backwards and reading needs one pass.
@@ -332,18 +346,21 @@ bool KeyedArchiver::archiveRootObject(Object* root, const std::string& path)
 
 struct KeyedUnarchiver::Impl {
     std::vector<RefPtr<Object>> objects; // by reference - 1
+    std::vector<uint32_t> depths;         // of each object's tree, by reference - 1
+    uint32_t recordDepth { 1 };           // of the record being read
     const std::vector<std::pair<std::string_view, uint32_t>>* fields { nullptr };
 
-    Object* resolve(uint64_t reference) const
+    Object* resolve(uint64_t reference)
     {
         if (!reference)
             return nullptr;
         if (reference > objects.size())
             throw ArchiveFailure();
+        recordDepth = std::max(recordDepth, depths[reference - 1] + 1);
         return objects[reference - 1].get();
     }
     // A collection element or key: must exist.
-    Object* element(uint64_t reference) const
+    Object* element(uint64_t reference)
     {
         auto* object = resolve(reference);
         if (!object)
@@ -389,7 +406,9 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
         Reader reader(bytes + sizeof(magic) + 1, length - sizeof(magic) - 1 - 8);
         size_t recordCount = reader.count(1);
         impl.objects.reserve(recordCount);
+        impl.depths.reserve(recordCount);
         for (size_t r = 0; r < recordCount; ++r) {
+            impl.recordDepth = 1;
             auto tag = static_cast<Tag>(reader.byte());
             RefPtr<Object> object;
             switch (tag) {
@@ -494,6 +513,8 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
                     if (reference > impl.objects.size())
                         throw ArchiveFailure();
                     fields.emplace_back(key, static_cast<uint32_t>(reference));
+                    if (reference)
+                        impl.recordDepth = std::max(impl.recordDepth, impl.depths[reference - 1] + 1);
                 }
                 Decoder decoder;
                 {
@@ -511,7 +532,10 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
             default:
                 throw ArchiveFailure();
             }
+            if (impl.recordDepth > maximumArchiveDepth)
+                throw ArchiveFailure();
             impl.objects.push_back(std::move(object));
+            impl.depths.push_back(impl.recordDepth);
         }
         uint64_t root = reader.varint();
         if (!reader.atEnd())

@@ -3,6 +3,8 @@
 #include "Exception.h"
 #include "String.h"
 
+#include <vector>
+
 namespace velvox {
 
 const ClassInfo Object::s_info { "Object", nullptr };
@@ -36,6 +38,54 @@ RefPtr<Object> Object::valueForKeyPath(std::string_view keyPath) const
     if (!head)
         return nullptr;
     return head->valueForKeyPath(keyPath.substr(dot + 1));
+}
+
+} // namespace velvox
+
+namespace velvox {
+
+namespace {
+
+constexpr unsigned maximumNestedDestructions = 256;
+thread_local unsigned t_destructionDepth = 0;
+
+// The queue, and whether this thread's exit has already destroyed it (objects
+// released after that go at once, as before).
+struct DeferredDestructions {
+    std::vector<const Object*> objects;
+    ~DeferredDestructions() { s_gone = true; }
+    static thread_local bool s_gone;
+};
+thread_local bool DeferredDestructions::s_gone = false;
+thread_local DeferredDestructions t_deferred;
+// Trivial, so that the common case (nothing deferred) costs no initialisation check.
+thread_local bool t_anyDeferred = false;
+
+} // namespace
+
+void Object::destroy(const Object* object)
+{
+    if (t_destructionDepth >= maximumNestedDestructions && !DeferredDestructions::s_gone) {
+        t_deferred.objects.push_back(object);
+        t_anyDeferred = true;
+        return;
+    }
+    ++t_destructionDepth;
+    delete object;
+    --t_destructionDepth;
+    if (t_destructionDepth || !t_anyDeferred)
+        return;
+    // The outermost destruction: the deferred objects go now, each starting a
+    // fresh nesting of its own.
+    auto& deferred = t_deferred.objects;
+    while (!deferred.empty()) {
+        const Object* next = deferred.back();
+        deferred.pop_back();
+        ++t_destructionDepth;
+        delete next;
+        --t_destructionDepth;
+    }
+    t_anyDeferred = false;
 }
 
 } // namespace velvox

@@ -51,7 +51,7 @@ public:
     void deref() const
     {
         if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            delete this;
+            destroy(this);
     }
     uint32_t refCount() const { return m_refCount.load(std::memory_order_relaxed); }
 
@@ -91,6 +91,11 @@ protected:
 private:
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
+    // Deletes an object whose last reference went. Destructions that nest
+    // deeper than a few hundred levels (a deep tree going) wait in a per-thread
+    // queue that the outermost one empties, so that releasing a tree of any
+    // depth takes a bounded amount of stack.
+    static void destroy(const Object*);
 
     mutable std::atomic<uint32_t> m_refCount { 1 };
 };

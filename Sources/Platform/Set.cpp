@@ -60,10 +60,14 @@ bool Set::isEqual(const Object* other) const
     auto* set = dynamicDowncast<Set>(other);
     if (!set || set->count() != count())
         return false;
+    detail::CollectionComparison comparison(this, other);
+    if (comparison.knownEqual())
+        return true;
     for (auto* object : *this) {
         if (!set->member(object))
             return false;
     }
+    comparison.markEqual();
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include <Platform/Platform.h>
 
+#include <TestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -190,4 +192,124 @@ TEST(KeyedArchiver, NilRootRoundTripsAsNil)
 {
     auto data = KeyedArchiver::archivedDataWithRootObject(nullptr);
     EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(data));
+}
+
+namespace {
+
+// Builds an archive by hand, as an attacker would, with a valid checksum.
+class CraftedArchive {
+public:
+    CraftedArchive() { m_bytes = std::string("VXKA\x01", 5); }
+    void varint(uint64_t value)
+    {
+        do {
+            uint8_t byte = value & 0x7F;
+            value >>= 7;
+            m_records.push_back(static_cast<char>(byte | (value ? 0x80 : 0)));
+        } while (value);
+    }
+    void byte(uint8_t value) { m_records.push_back(static_cast<char>(value)); }
+    // Appends a record; answers its reference.
+    uint64_t array(std::initializer_list<uint64_t> references)
+    {
+        byte(7);
+        varint(references.size());
+        for (auto reference : references)
+            varint(reference);
+        return ++m_count;
+    }
+    uint64_t set(std::initializer_list<uint64_t> references)
+    {
+        byte(11);
+        varint(references.size());
+        for (auto reference : references)
+            varint(reference);
+        return ++m_count;
+    }
+    uint64_t null()
+    {
+        byte(3);
+        return ++m_count;
+    }
+    Ref<Data> finish(uint64_t root)
+    {
+        std::string out = m_bytes;
+        std::string count;
+        for (uint64_t value = m_count;;) {
+            uint8_t b = value & 0x7F;
+            value >>= 7;
+            count.push_back(static_cast<char>(b | (value ? 0x80 : 0)));
+            if (!value)
+                break;
+        }
+        out += count + m_records;
+        for (uint64_t value = root;;) {
+            uint8_t b = value & 0x7F;
+            value >>= 7;
+            out.push_back(static_cast<char>(b | (value ? 0x80 : 0)));
+            if (!value)
+                break;
+        }
+        uint64_t hash = 0xcbf29ce484222325ull;
+        for (unsigned char c : out) {
+            hash ^= c;
+            hash *= 0x100000001b3ull;
+        }
+        for (int i = 0; i < 8; ++i)
+            out.push_back(static_cast<char>(hash >> (8 * i)));
+        return Data::create(out);
+    }
+
+private:
+    std::string m_bytes;
+    std::string m_records;
+    uint64_t m_count { 0 };
+};
+
+} // namespace
+
+TEST(KeyedArchiver, CraftedDeepArchivesReadAsNothing)
+{
+    CraftedArchive crafted;
+    uint64_t reference = crafted.null();
+    for (int i = 0; i < 300000; ++i)
+        reference = crafted.array({ reference });
+    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(*crafted.finish(reference)));
+
+    // Within the bound, a deep archive reads back whole.
+    CraftedArchive shallow;
+    reference = shallow.null();
+    for (int i = 0; i < 4000; ++i)
+        reference = shallow.array({ reference });
+    EXPECT_TRUE(is<Array>(KeyedUnarchiver::unarchiveObjectWithData(*shallow.finish(reference))));
+}
+
+TEST(KeyedArchiver, EqualDAGsInASetReadInLinearTime)
+{
+    // Two distinct but equal trees whose every level holds its child twice: a
+    // comparison that does not remember what it found equal takes 2^40 steps.
+    CraftedArchive crafted;
+    uint64_t a = crafted.null(), b = a;
+    for (int level = 0; level < 40; ++level) {
+        a = crafted.array({ a, a });
+        b = crafted.array({ b, b });
+    }
+    auto set = KeyedUnarchiver::unarchiveObjectWithData(*crafted.finish(crafted.set({ a, b })));
+    ASSERT_TRUE(is<Set>(set));
+    EXPECT_EQ(downcast<Set>(set.get())->count(), 1u); // equal, so one member
+}
+
+TEST(KeyedArchiver, DeepTreesAreRefusedWhenWrittenAndReleasedWithoutRecursion)
+{
+    // A million levels: releasing it recursively would overflow any stack.
+    RefPtr<MutableArray> deep = MutableArray::create();
+    for (int i = 0; i < 1000000; ++i) {
+        auto outer = MutableArray::create();
+        outer->addObject(deep);
+        deep = std::move(outer);
+    }
+    EXPECT_NE(test::raisedReason([&] { KeyedArchiver::archivedDataWithRootObject(deep.get()); }, InvalidArgumentException).find("deeper than"),
+        std::string::npos);
+    deep = nullptr; // released here, level by level
+    SUCCEED();
 }
