@@ -2,19 +2,20 @@
 # Builds the libFuzzer targets with clang, AddressSanitizer and
 # UndefinedBehaviorSanitizer (in build-fuzz/), then runs one of them.
 #
-#   scripts/fuzz.sh decoder|roundtrip [SECONDS] [extra libFuzzer flags...]
+#   scripts/fuzz.sh decoder|roundtrip|unarchiver [SECONDS] [extra libFuzzer flags...]
 #
 # The run starts from the seed corpus in Fuzz/corpus/<name>; new inputs go to
 # build-fuzz/corpus-<name>. A crash, leak or sanitizer report stops it with a
 # non-zero status and leaves the input as crash-* in the current folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-name=${1:?decoder or roundtrip}
+name=${1:?decoder, roundtrip or unarchiver}
 seconds=${2:-600}
 shift $(( $# >= 2 ? 2 : 1 ))
 case "$name" in
   decoder) target=DecoderFuzzer ;;
   roundtrip) target=RoundTripFuzzer ;;
+  unarchiver) target=UnarchiverFuzzer ;;
   *) echo "unknown fuzzer: $name" >&2; exit 2 ;;
 esac
 scripts/setup.sh --build-dir build-fuzz --fuzzers
