@@ -11,6 +11,7 @@
 #include <ctime>
 #include <mutex>
 #include <set>
+#include <sys/socket.h>
 #include <thread>
 #include <vector>
 
@@ -140,6 +141,45 @@ SandboxService::~SandboxService()
     stop();
 }
 
+namespace {
+
+// What is wrong with a catalogue, or nothing (see docs/sandbox.md for the format).
+std::string catalogueProblem(const Dictionary& root)
+{
+    if (!is<Number>(root.objectForKey("me")))
+        return "\"me\" must be the number of a user";
+    for (auto key : { "users", "tracks", "comments", "activities" }) {
+        auto* list = root.objectForKey<Array>(key);
+        if (!list)
+            return format("\"%s\" must be an array of objects", key);
+        for (auto* record : *list) {
+            auto* dictionary = dynamicDowncast<Dictionary>(record);
+            if (!dictionary)
+                return format("every entry of \"%s\" must be an object", key);
+            if (std::string_view(key) != "activities" && !is<Number>(dictionary->objectForKey("id")))
+                return format("every entry of \"%s\" needs a numeric \"id\"", key);
+        }
+    }
+    for (auto key : { "follows", "favorites" }) {
+        auto* list = root.objectForKey<Array>(key);
+        if (!list)
+            return format("\"%s\" must be an array of pairs", key);
+        for (auto* pair : *list) {
+            auto* entry = dynamicDowncast<Array>(pair);
+            if (!entry || entry->count() != 2 || !is<Number>(entry->objectAtIndex(0)) || !is<Number>(entry->objectAtIndex(1)))
+                return format("every entry of \"%s\" must be a pair of numbers", key);
+        }
+    }
+    int64_t me = downcast<Number>(root.objectForKey("me"))->integerValue();
+    for (auto* user : *root.objectForKey<Array>("users")) {
+        if (downcast<Number>(downcast<Dictionary>(user)->objectForKey("id"))->integerValue() == me)
+            return {};
+    }
+    return "\"me\" names no user of \"users\"";
+}
+
+} // namespace
+
 bool SandboxService::Impl::loadCatalogue(std::string* error)
 {
     std::string path = options.cataloguePath;
@@ -157,6 +197,11 @@ bool SandboxService::Impl::loadCatalogue(std::string* error)
     if (!root) {
         if (error)
             *error = "the catalogue is not a JSON object: " + (parseError ? parseError->localizedDescription()->str() : std::string());
+        return false;
+    }
+    if (auto problem = catalogueProblem(*root); !problem.empty()) {
+        if (error)
+            *error = "the catalogue " + path + " is not usable: " + problem;
         return false;
     }
     me = integerOf(*root, "me");
@@ -736,11 +781,23 @@ bool SandboxService::start(std::string* error)
     // Idle kept-alive connections hold a worker until they time out, and stop()
     // waits for the workers: keep that wait short.
     impl.server.set_keep_alive_timeout(1);
+    // A client that sends slowly gives up its worker after a short wait per
+    // read, and there are workers to spare for the others.
+    impl.server.set_read_timeout(2, 0);
+    impl.server.set_write_timeout(5, 0);
+    impl.server.new_task_queue = [] { return new httplib::ThreadPool(32); };
+    // Uploads are read into memory: bounded.
+    impl.server.set_payload_max_length(impl.options.maximumUploadBytes);
+    // No SO_REUSEPORT: a port in use is refused, not shared with another listener.
+    impl.server.set_socket_options([](int socket) {
+        int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    });
     impl.port = impl.options.port ? (impl.server.bind_to_port("127.0.0.1", impl.options.port) ? impl.options.port : -1)
                                   : impl.server.bind_to_any_port("127.0.0.1");
     if (impl.port <= 0) {
         if (error)
-            *error = "cannot listen on 127.0.0.1:" + std::to_string(impl.options.port);
+            *error = "cannot listen on 127.0.0.1:" + std::to_string(impl.options.port) + " (is the port in use?)";
         return false;
     }
     impl.stopping = false;
@@ -832,6 +889,49 @@ void SandboxService::resetRequestCounts()
     std::lock_guard lock(m_impl->mutex);
     m_impl->requestCounts.clear();
     m_impl->totalRequests = 0;
+}
+
+bool parseFault(std::string_view text, Fault& fault, std::string* problem)
+{
+    auto fail = [&](std::string reason) {
+        if (problem)
+            *problem = std::move(reason);
+        return false;
+    };
+    size_t equals = text.rfind('=');
+    if (equals == std::string_view::npos || !equals || text[0] != '/')
+        return fail("a fault is PATH=MODE, with PATH starting with /");
+    fault = Fault {};
+    fault.pathPrefix = std::string(text.substr(0, equals));
+    std::string_view mode = text.substr(equals + 1);
+    std::string_view argument;
+    if (size_t colon = mode.find(':'); colon != std::string_view::npos) {
+        argument = mode.substr(colon + 1);
+        mode = mode.substr(0, colon);
+    }
+    auto number = [&](double& out) {
+        std::string digits(argument);
+        char* end = nullptr;
+        out = strtod(digits.c_str(), &end);
+        return !digits.empty() && end && !*end && out >= 0;
+    };
+    double value = 0;
+    if (mode == "latency" && number(value))
+        fault.kind = Fault::Kind::Latency, fault.seconds = value;
+    else if (mode == "status" && number(value) && value >= 100 && value <= 599)
+        fault.kind = Fault::Kind::Status, fault.status = static_cast<int>(value);
+    else if (mode == "not-json" && argument.empty())
+        fault.kind = Fault::Kind::NotJSON;
+    else if (mode == "cut-off" && argument.empty())
+        fault.kind = Fault::Kind::CutOff;
+    else if (mode == "drop" && argument.empty())
+        fault.kind = Fault::Kind::Drop;
+    else if (mode == "no-answer" && argument.empty())
+        fault.kind = Fault::Kind::NoAnswer;
+    else
+        return fail("unknown fault mode " + std::string(text.substr(equals + 1))
+            + " (latency:SECONDS, status:CODE, not-json, cut-off, drop or no-answer)");
+    return true;
 }
 
 } // namespace velvox::sandbox

@@ -19,6 +19,12 @@
 namespace velvox::sandbox {
 
 // A fault injected into the answers of paths that start with `pathPrefix`.
+// Parses "PATH=MODE" as the command line gives a fault: MODE is one of
+// latency:SECONDS, status:CODE, not-json, cut-off, drop, no-answer. Answers
+// false, with the reason, for anything else.
+struct Fault;
+bool parseFault(std::string_view text, Fault& fault, std::string* problem);
+
 struct Fault {
     enum class Kind {
         Latency,  // answer normally, `seconds` late
@@ -49,6 +55,8 @@ public:
         // How many activities one page of a feed holds.
         int activityPageSize { 10 };
         bool logRequests { false };
+        // The largest request body (an upload) it reads; a larger one is answered 413.
+        size_t maximumUploadBytes { 64u * 1024 * 1024 };
     };
 
     explicit SandboxService(Options);

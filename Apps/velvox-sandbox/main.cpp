@@ -6,6 +6,8 @@
 
 #include <csignal>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 int main(int argc, char** argv)
 {
@@ -16,6 +18,10 @@ int main(int argc, char** argv)
     app.add_option("--catalogue", options.cataloguePath, "A catalogue file instead of the shipped one");
     app.add_option("--processing-seconds", options.processingSeconds, "How long an upload stays \"storing\"")->default_val(3.0);
     app.add_flag("--log", options.logRequests, "Log every request");
+    app.add_option("--max-upload", options.maximumUploadBytes, "The largest request body accepted, in bytes")->default_val(64u * 1024 * 1024);
+    std::vector<std::string> faults;
+    app.add_option("--fault", faults,
+        "Answer requests under PATH badly: PATH=latency:SECONDS, status:CODE, not-json, cut-off, drop or no-answer (repeatable)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -31,6 +37,14 @@ int main(int argc, char** argv)
 
     velvox::sandbox::SandboxService service(options);
     std::string error;
+    for (auto& text : faults) {
+        velvox::sandbox::Fault fault;
+        if (!velvox::sandbox::parseFault(text, fault, &error)) {
+            fprintf(stderr, "velvox-sandbox: %s\n", error.c_str());
+            return 2;
+        }
+        service.addFault(fault);
+    }
     if (!service.start(&error)) {
         fprintf(stderr, "velvox-sandbox: %s\n", error.c_str());
         return 1;

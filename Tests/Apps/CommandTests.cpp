@@ -12,6 +12,10 @@
 #include <fstream>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <arpa/inet.h>
 
 using namespace velvox;
 
@@ -223,4 +227,103 @@ TEST(VelvoxJSON, BoundsItsInputAndSaysWhatWentWrong)
     EXPECT_EQ(full.status, 1);
     EXPECT_NE(full.output.find("cannot write the output"), std::string::npos) << full.output;
     unlink(small.c_str());
+}
+
+namespace {
+
+// Starts velvox-sandbox with the arguments; answers its pid and base URL (empty when it did not start).
+std::pair<pid_t, std::string> startSandbox(std::vector<std::string> arguments)
+{
+    int output[2];
+    EXPECT_EQ(pipe(output), 0);
+    pid_t child = fork();
+    if (!child) {
+        dup2(output[1], STDOUT_FILENO);
+        close(output[0]);
+        std::vector<char*> argv { const_cast<char*>(VELVOX_SANDBOX_PROGRAM) };
+        for (auto& argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        execv(VELVOX_SANDBOX_PROGRAM, argv.data());
+        _exit(127);
+    }
+    close(output[1]);
+    FILE* lines = fdopen(output[0], "r");
+    char line[256];
+    std::string base;
+    if (fgets(line, sizeof(line), lines)) {
+        std::string first(line);
+        if (first.find("http://") != std::string::npos) {
+            base = first.substr(first.find("http://"));
+            base.erase(base.find_last_not_of("\n") + 1);
+        }
+    }
+    fclose(lines);
+    return { child, base };
+}
+
+void stopSandbox(pid_t child)
+{
+    kill(child, SIGINT);
+    waitpid(child, nullptr, 0);
+}
+
+} // namespace
+
+TEST(VelvoxSandbox, RefusesABusyPortAndABadCatalogueAndOffersFaults)
+{
+    auto [first, base] = startSandbox({ "--port", "0", "--fault", "/tracks=status:503" });
+    ASSERT_FALSE(base.empty());
+    std::string port = base.substr(base.rfind(':') + 1);
+    auto second = run(std::string(VELVOX_SANDBOX_PROGRAM) + " --port " + port, true);
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.output.find("cannot listen on 127.0.0.1:" + port), std::string::npos) << second.output;
+
+    auto faulty = run(velvoxProgram() + " api GET /tracks/20001 --base-url " + base + " --token sandbox-token", true);
+    EXPECT_EQ(faulty.status, 1);
+    EXPECT_NE(faulty.output.find("503"), std::string::npos) << faulty.output;
+    auto fine = run(velvoxProgram() + " api GET /me --base-url " + base + " --token sandbox-token");
+    EXPECT_EQ(fine.status, 0);
+    stopSandbox(first);
+
+    auto catalogue = temporaryFile("{\"users\": [{\"id\": 1}]}");
+    auto bad = run(std::string(VELVOX_SANDBOX_PROGRAM) + " --port 0 --catalogue " + catalogue, true);
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_NE(bad.output.find("is not usable: \"me\" must be the number of a user"), std::string::npos) << bad.output;
+    unlink(catalogue.c_str());
+    auto mode = run(std::string(VELVOX_SANDBOX_PROGRAM) + " --fault /x=explode", true);
+    EXPECT_EQ(mode.status, 2);
+    EXPECT_NE(mode.output.find("unknown fault mode explode"), std::string::npos) << mode.output;
+}
+
+TEST(VelvoxSandbox, SlowClientsDoNotStarveOthersAndUploadsAreBounded)
+{
+    auto [child, base] = startSandbox({ "--port", "0", "--max-upload", "100000" });
+    ASSERT_FALSE(base.empty());
+    int port = std::stoi(base.substr(base.rfind(':') + 1));
+    // Eight clients that send half a request head and then wait.
+    std::vector<int> slow;
+    for (int i = 0; i < 8; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        ASSERT_GT(write(fd, "GET /me HTTP/1.1\r\nHost: x\r\n", 27), 0);
+        slow.push_back(fd);
+    }
+    auto me = run(velvoxProgram() + " api GET /me --base-url " + base + " --token sandbox-token");
+    EXPECT_EQ(me.status, 0);
+
+    auto big = temporaryFile(std::string(200000, 'a'));
+    auto upload = run(velvoxProgram() + " api POST tracks 'track[title]=Big' 'track[asset_data]=@" + big + "' --base-url " + base
+            + " --token sandbox-token",
+        true);
+    EXPECT_EQ(upload.status, 1);
+    EXPECT_NE(upload.output.find("413"), std::string::npos) << upload.output;
+    unlink(big.c_str());
+    for (int fd : slow)
+        close(fd);
+    stopSandbox(child);
 }
