@@ -11,6 +11,9 @@
 #include <ctime>
 #include <mutex>
 #include <set>
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <thread>
 #include <vector>
@@ -766,6 +769,34 @@ void SandboxService::Impl::installImageRoutes()
 
 // MARK: Life cycle
 
+namespace {
+
+// The sockets of this process whose local end is 127.0.0.1:port and that have
+// a peer: the connections the server accepted (a client of the same process
+// has its own port at its end).
+void shutDownAcceptedConnections(int port)
+{
+    DIR* descriptors = opendir("/proc/self/fd");
+    if (!descriptors)
+        return;
+    while (dirent* entry = readdir(descriptors)) {
+        char* end = nullptr;
+        long fd = strtol(entry->d_name, &end, 10);
+        if (!end || *end || fd < 0 || fd == dirfd(descriptors))
+            continue;
+        sockaddr_in local {}, peer {};
+        socklen_t localLength = sizeof(local), peerLength = sizeof(peer);
+        if (getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&local), &localLength) != 0 || local.sin_family != AF_INET)
+            continue;
+        if (ntohs(local.sin_port) != port || getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
+            continue;
+        shutdown(static_cast<int>(fd), SHUT_RDWR);
+    }
+    closedir(descriptors);
+}
+
+} // namespace
+
 bool SandboxService::start(std::string* error)
 {
     auto& impl = *m_impl;
@@ -819,6 +850,10 @@ void SandboxService::stop()
     }
     impl.stopped.notify_all();
     impl.server.stop();
+    // Workers finish the request they are reading before they look at the
+    // stop; a client that sends slowly (or not at all) would hold stop() for as
+    // long as it likes. Cut the server's side of every open connection instead.
+    shutDownAcceptedConnections(impl.port);
     impl.thread.join();
 }
 

@@ -12,6 +12,9 @@
 #include <fstream>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <thread>
+#include <chrono>
+#include <atomic>
 #include <vector>
 #include <sys/socket.h>
 #include <netinet/in.h>
@@ -323,7 +326,23 @@ TEST(VelvoxSandbox, SlowClientsDoNotStarveOthersAndUploadsAreBounded)
     EXPECT_EQ(upload.status, 1);
     EXPECT_NE(upload.output.find("413"), std::string::npos) << upload.output;
     unlink(big.c_str());
+
+    // They keep dribbling one byte of header at a time while the sandbox is told to stop:
+    // it must not wait for them.
+    std::atomic<bool> dribbling { true };
+    std::thread dribbler([&] {
+        for (int round = 0; round < 600 && dribbling; ++round) {
+            for (int fd : slow)
+                [[maybe_unused]] auto ignored = send(fd, "X", 1, MSG_NOSIGNAL);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    });
+    auto began = std::chrono::steady_clock::now();
+    stopSandbox(child);
+    auto took = std::chrono::steady_clock::now() - began;
+    dribbling = false;
+    dribbler.join();
+    EXPECT_LT(took, std::chrono::seconds(10)) << "stop waited for the slow clients";
     for (int fd : slow)
         close(fd);
-    stopSandbox(child);
 }
