@@ -15,7 +15,7 @@
 #include <VelvoxKit/VXTrackStateValueTransformer.h>
 #include <VelvoxKit/VXURLStringValueTransformer.h>
 
-#include <SandboxService.h>
+#include <Sandbox/SandboxService.h>
 #include <benchmark/benchmark.h>
 
 #include <ctime>

@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh --build-dir build-bench --benchmarks
 mkdir -p build-bench/results
-build-bench/Benchmarks/JSONBenchmarks --benchmark_min_time=0.5 --benchmark_repetitions=3 \
+build-bench/bin/JSONBenchmarks --benchmark_min_time=0.5 --benchmark_repetitions=3 \
   --benchmark_report_aggregates_only=true --benchmark_out=build-bench/results/json.json --benchmark_out_format=json "$@"
 python3 Benchmarks/report.py build-bench/results/json.json > build-bench/results/json.md
 echo "Tables written to build-bench/results/json.md"

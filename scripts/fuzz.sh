@@ -21,5 +21,5 @@ esac
 scripts/setup.sh --build-dir build-fuzz --fuzzers
 work=build-fuzz/corpus-$name
 mkdir -p "$work"
-exec build-fuzz/Fuzz/$target -max_total_time="$seconds" -max_len=65536 -timeout=10 -rss_limit_mb=4096 \
+exec build-fuzz/bin/$target -max_total_time="$seconds" -max_len=65536 -timeout=10 -rss_limit_mb=4096 \
   -print_final_stats=1 "$@" "$work" "Fuzz/corpus/$name"

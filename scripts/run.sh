@@ -3,4 +3,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh >&2
-exec build/Apps/velvox/velvox "$@"
+exec build/bin/velvox "$@"

@@ -1,6 +1,6 @@
 // velvox-sandbox: a local Velvox-compatible service for demos and tests.
 
-#include "SandboxService.h"
+#include <Sandbox/SandboxService.h>
 
 #include <CLI/CLI.hpp>
 

@@ -3,6 +3,7 @@
 #include "Commands.h"
 
 #include <Platform/Platform.h>
+#include <VelvoxKit/VelvoxVersion.h>
 
 #include <CLI/CLI.hpp>
 
@@ -11,7 +12,7 @@
 int main(int argc, char** argv)
 {
     CLI::App app { "velvox: the command-line host of VelvoxKit, the client library of the Velvox music service." };
-    app.set_version_flag("--version", std::string("velvox ") + VELVOX_VERSION);
+    app.set_version_flag("--version", std::string("velvox ") + VELVOX_VERSION_STRING);
     app.require_subcommand(0, 1);
 
     bool showPaths = false;
@@ -46,7 +47,7 @@ int main(int argc, char** argv)
 
     if (app.got_subcommand(info)) {
         if (!showPaths)
-            printf("velvox %s\n", VELVOX_VERSION);
+            printf("velvox %s\n", VELVOX_VERSION_STRING);
         printf("application support: %s\n", velvox::stringByAppendingPathComponent(velvox::applicationSupportDirectory(), "Velvox").c_str());
         printf("resources: %s\n", velvox::Bundle::mainBundle().resourcePath().c_str());
         return 0;

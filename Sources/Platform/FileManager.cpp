@@ -11,7 +11,9 @@
 #include <ctime>
 #include <sys/file.h>
 #include <fstream>
+#include <climits>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -232,6 +234,19 @@ std::string executableFolder()
     return stringByDeletingLastPathComponent(std::string_view(buffer, length));
 }
 
+// The folder of the file this code was loaded from: the shared library, or
+// the program when the library is linked statically.
+std::string libraryFolder()
+{
+    Dl_info info {};
+    if (!dladdr(reinterpret_cast<void*>(&libraryFolder), &info) || !info.dli_fname || !*info.dli_fname)
+        return executableFolder();
+    char resolved[PATH_MAX];
+    if (!realpath(info.dli_fname, resolved))
+        return executableFolder();
+    return stringByDeletingLastPathComponent(resolved);
+}
+
 } // namespace
 
 Bundle::Bundle()
@@ -244,14 +259,14 @@ Bundle::Bundle()
         m_resourcePath = overridePath;
         return;
     }
+    // Resources are found relative to the install prefix (or the build tree,
+    // which has the same shape): beside the program, from the program's bin/,
+    // or from the folder of the library itself, for a program installed elsewhere.
     std::string folder = executableFolder();
     const std::string candidates[] = {
         folder + "/Resources",
-        folder + "/../Resources",
-        folder + "/../share/velvox/Resources",
-#ifdef VELVOX_SOURCE_RESOURCES
-        VELVOX_SOURCE_RESOURCES,
-#endif
+        folder + "/" VELVOX_BIN_TO_RESOURCES,
+        libraryFolder() + "/" VELVOX_LIB_TO_RESOURCES,
     };
     for (auto& candidate : candidates) {
         if (isFolder(candidate)) {

@@ -45,13 +45,19 @@ public:
 
 inline constexpr std::string_view POSIXErrorDomain = "NSPOSIXErrorDomain";
 
-// The program's resources: the folder "Resources" found beside the program
-// (build tree), in ../share/velvox/Resources (installed), or in the source tree.
+// The program's resources: $VELVOX_RESOURCES when it names a folder, else the
+// folder "Resources" beside the program, else share/velvox/Resources of the
+// prefix the program or the VelvoxKit library is installed in (the build tree
+// has the same shape, so programs and tests there find it the same way).
 class Bundle {
 public:
     static Bundle& mainBundle();
 
     const std::string& resourcePath() const { return m_resourcePath; }
+    // For a program that keeps its resources elsewhere, or links VelvoxKit
+    // statically from outside its prefix (the CMake package names the folder
+    // in VelvoxKit_RESOURCE_DIR, pkg-config in its resourcedir variable).
+    void setResourcePath(std::string path) { m_resourcePath = std::move(path); }
     // The path of "name.type" (or "name" when type is empty) in the resources, if it exists.
     std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
 

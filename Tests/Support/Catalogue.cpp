@@ -1,6 +1,6 @@
 #include "Catalogue.h"
 
-#include <SandboxService.h>
+#include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXFramework.h>
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 
 #include <JSONCodec/JSONCodec.h>
 #include <Platform/Platform.h>
-#include <SandboxService.h>
+#include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXAPIController.h>
 
 #include <gtest/gtest.h>
