@@ -1,5 +1,7 @@
 #include <Platform/Platform.h>
 
+#include <TestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,17 +13,7 @@
 
 using namespace velvox;
 
-namespace {
-
-// Gives the current loop a manual clock for one test.
-class ManualTime {
-public:
-    ManualTime() { RunLoop::current().setClock(&clock); }
-    ~ManualTime() { RunLoop::current().setClock(nullptr); }
-    ManualClock clock { 1000 };
-};
-
-} // namespace
+using velvox::test::ManualTime;
 
 TEST(RunLoop, TimersFireInOrderOfTimeThenScheduling)
 {

@@ -54,6 +54,28 @@ private:
 
 namespace velvox::test {
 
+// A TCP socket bound to a free port of 127.0.0.1 (not listening yet).
+inline int bindLoopbackSocket(int* port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    socklen_t length = sizeof(address);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+// A loopback port that nothing listens on: connections to it are refused.
+inline int refusingLoopbackPort()
+{
+    int port = 0;
+    close(bindLoopbackSocket(&port));
+    return port;
+}
+
 // A server that answers every connection with the same bytes, as written:
 // for answers no well-behaved HTTP library would send (bad lengths, say).
 class RawServer {
@@ -61,14 +83,7 @@ public:
     explicit RawServer(std::string reply)
         : m_reply(std::move(reply))
     {
-        m_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        socklen_t length = sizeof(address);
-        getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length);
-        m_port = ntohs(address.sin_port);
+        m_socket = bindLoopbackSocket(&m_port);
         listen(m_socket, 8);
         m_thread = std::thread([this] {
             while (!m_stopping) {

@@ -3,10 +3,14 @@
 // Helpers that every test suite shares.
 
 #include <Platform/Exception.h>
+#include <Platform/RunLoop.h>
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -34,6 +38,49 @@ inline std::string raisedNameAndReason(const std::function<void()>& action)
         return exception.name() + ": " + exception.reason();
     }
     return "(nothing raised)";
+}
+
+// Gives the current run loop a manual clock for the life of the object, so
+// that timers, Date::now() and relative dates are tested without sleeping.
+class ManualTime {
+public:
+    explicit ManualTime(double start = 1000, double wallStart = ManualClock::defaultWallStart)
+        : clock(start, wallStart)
+    {
+        RunLoop::current().setClock(&clock);
+    }
+    ~ManualTime() { RunLoop::current().setClock(nullptr); }
+    ManualTime(const ManualTime&) = delete;
+    ManualTime& operator=(const ManualTime&) = delete;
+    ManualClock clock;
+};
+
+// A fresh folder under the system's temporary folder, removed with its
+// contents when the object goes.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+inline TemporaryFolder::TemporaryFolder()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "velvox-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data()))
+        throw std::runtime_error("cannot make a temporary folder");
+    m_path = pattern;
+}
+
+inline TemporaryFolder::~TemporaryFolder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
 }
 
 } // namespace velvox::test

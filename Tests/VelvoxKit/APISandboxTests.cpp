@@ -5,6 +5,8 @@
 #include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXAPIController.h>
 
+#include <TestServer.h>
+
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
@@ -393,16 +395,7 @@ TEST_F(APIOnSandbox, EveryFaultEndsInExactlyOneCallOfEachBlock)
 
 TEST_F(APIOnSandbox, ARefusedConnectionFailsWithAnErrorThatSaysSo)
 {
-    // A port that nothing listens on: bind one, note it, close it.
-    int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    socklen_t length = sizeof(address);
-    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-    close(probe);
-    auto client = VXVelvoxAPI::create(format("http://127.0.0.1:%d", ntohs(address.sin_port)), "token");
+    auto client = VXVelvoxAPI::create(format("http://127.0.0.1:%d", test::refusingLoopbackPort()), "token");
     auto nowhere = VXAPIController::create(client.get());
     Answer me;
     nowhere->meUserRessouce(recorder(me));
