@@ -3,7 +3,12 @@
 #include "VXAPITimestampValueTransformer.h"
 #include "VXActivityTypeValueTransformer.h"
 #include "VXNumberToStringValueTransformer.h"
+#include "VXActivity.h"
+#include "VXComment.h"
 #include "VXResource.h"
+#include "VXSharingNote.h"
+#include "VXTrack.h"
+#include "VXUser.h"
 #include "VXStringToArrayValueTransformer.h"
 #include "VXTagListValueTransformer.h"
 #include "VXTimeIntervalValueTransformer.h"
@@ -28,6 +33,11 @@ void VXRegisterFramework()
 {
     VXRegisterValueTransformers();
     ZUObject::registerClassForArchiving<VXResource>();
+    ZUObject::registerClassForArchiving<VXUser>();
+    ZUObject::registerClassForArchiving<VXTrack>();
+    ZUObject::registerClassForArchiving<VXComment>();
+    ZUObject::registerClassForArchiving<VXActivity>();
+    ZUObject::registerClassForArchiving<VXSharingNote>();
 }
 
 } // namespace velvox

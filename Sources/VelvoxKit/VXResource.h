@@ -7,6 +7,12 @@
 
 #include <ZUKit/ZUObject.h>
 
+#include <Platform/Image.h>
+#include <Platform/Values.h>
+
+#include <functional>
+
+#include <string>
 #include <string_view>
 
 namespace velvox {
@@ -28,6 +34,23 @@ public:
 protected:
     friend class ZUObject;
     VXResource() = default;
+
+    // An image from the shared loading image cache: the image if it is at
+    // hand, else null and a load whose successful end announces `key` to
+    // observers and posts `notification` (coalesced) with this object.
+    RefPtr<Image> loadImage(URL*, std::string_view key, std::string_view notification);
+    // The block for a related resource asked of the store: an error is logged
+    // with `errorFormat`; an arrival posts VXResourceAttributesDidChangeNotification
+    // with this object, coalesced or plain.
+    enum class Posting { Plain, Coalesced };
+    std::function<void(Object*, Error*)> relatedResourceHandler(std::string_view errorFormat, Posting);
 };
+
+namespace detail {
+
+// An image URL's text at 300 by 300: every "-large" becomes "-t300x300".
+std::string replacingLargeWith300(std::string_view urlText);
+
+} // namespace detail
 
 } // namespace velvox

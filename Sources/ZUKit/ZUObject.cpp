@@ -1,6 +1,8 @@
 #include "ZUObject.h"
 
 #include <Platform/Format.h>
+#include <Platform/ValueTransformer.h>
+#include <Platform/Values.h>
 
 namespace velvox {
 
@@ -37,12 +39,50 @@ Ref<ZUPropertyDescriptor> detail::describeProperty(std::string_view name, std::s
     return ZUPropertyDescriptor::descriptorForKeyPath(name, key);
 }
 
-bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, Object* jsonValue, bool announce)
+namespace {
+
+// Raw JSON values that every transformer treats alike: the same object, equal
+// strings, or numbers of one kind and value (a boolean and a 1 may differ).
+bool sameRawValue(const Object* applied, const Object* incoming)
 {
+    if (applied == incoming)
+        return true;
+    if (!applied || !incoming)
+        return false;
+    if (auto* string = dynamicDowncast<String>(applied))
+        return is<String>(incoming) && string->isEqual(incoming);
+    if (auto* number = dynamicDowncast<Number>(applied)) {
+        auto* other = dynamicDowncast<Number>(incoming);
+        return other && number->objCType() == other->objCType() && number->isBoolean() == other->isBoolean() && number->isEqual(other);
+    }
+    return false;
+}
+
+} // namespace
+
+void ZUObject::rememberAppliedValue(size_t index, Object* jsonValue)
+{
+    uint64_t generation = ValueTransformer::registrationGeneration();
+    if (!m_appliedValues || m_appliedGeneration != generation) {
+        m_appliedValues = std::make_unique<RefPtr<Object>[]>(propertyTable().descriptors().size());
+        m_appliedGeneration = generation;
+    }
+    m_appliedValues[index] = jsonValue;
+}
+
+bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, size_t index, Object* jsonValue, bool announce)
+{
+    bool transforms = descriptor.transformerName();
+    if (transforms && m_appliedValues && m_appliedGeneration == ValueTransformer::registrationGeneration()) {
+        // The same raw value transforms to the same property value.
+        auto* applied = m_appliedValues[index].get();
+        if (applied && sameRawValue(applied, jsonValue))
+            return false;
+    }
     // A JSON null is an absent value to transformers and properties alike.
     Object* value = is<Null>(jsonValue) ? nullptr : jsonValue;
     RefPtr<Object> transformed;
-    if (descriptor.transformerName()) {
+    if (transforms) {
         auto* transformer = descriptor.cachedTransformer();
         VXAssert(transformer, "No value transformer is registered under %@ (for %@ of %@).", descriptor.transformerName(),
             &descriptor.keyPath(), className());
@@ -52,6 +92,8 @@ bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, Object* j
     auto& accessor = descriptor.accessor();
     switch (accessor.compare(*this, value)) {
     case ZUPropertyAccessor::Comparison::Equal:
+        if (transforms)
+            rememberAppliedValue(index, jsonValue);
         return false;
     case ZUPropertyAccessor::Comparison::Unacceptable:
         VXLog("ZUObject - %@: ignoring a value of class %@ for %@, which takes %s.", className(), value ? value->className() : "(null)",
@@ -63,6 +105,8 @@ bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, Object* j
     if (announce)
         willChangeValueForKey(descriptor.keyPath().view());
     accessor.assign(*this, value);
+    if (transforms)
+        rememberAppliedValue(index, jsonValue);
     if (announce)
         didChangeValueForKey(descriptor.keyPath().view());
     return true;
@@ -72,9 +116,10 @@ void ZUObject::initWithDictionary(Dictionary* dictionary)
 {
     if (!dictionary)
         return;
-    for (auto* descriptor : propertyTable().descriptors()) {
-        if (auto* value = dictionary->objectForKey(&descriptor->source()))
-            applyDescriptor(*descriptor, value, false);
+    auto descriptors = propertyTable().descriptors();
+    for (size_t i = 0; i < descriptors.size(); ++i) {
+        if (auto* value = dictionary->objectForKey(&descriptors[i]->source()))
+            applyDescriptor(*descriptors[i], i, value, false);
     }
 }
 
@@ -84,9 +129,10 @@ bool ZUObject::updateWithDictionary(Dictionary* dictionary)
         return false;
     Ref protectedThis { *this }; // an observer may drop the last other reference
     bool changed = false;
-    for (auto* descriptor : propertyTable().descriptors()) {
-        if (auto* value = dictionary->objectForKey(&descriptor->source()))
-            changed |= applyDescriptor(*descriptor, value, true);
+    auto descriptors = propertyTable().descriptors();
+    for (size_t i = 0; i < descriptors.size(); ++i) {
+        if (auto* value = dictionary->objectForKey(&descriptors[i]->source()))
+            changed |= applyDescriptor(*descriptors[i], i, value, true);
     }
     return changed;
 }
@@ -116,6 +162,7 @@ void ZUObject::setValue(Object* value, std::string_view key)
         Exception::raise(InvalidArgumentException, "[<%@ 0x%08X> setValue:forKey:]: a value of class %@ cannot be set for the key %@, which takes %s.",
             className(), this, value ? value->className() : "(null)", key, accessor->typeName());
     Ref protectedThis { *this };
+    forgetAppliedValues();
     willChangeValueForKey(key);
     accessor->set(*this, coerced->get());
     didChangeValueForKey(key);

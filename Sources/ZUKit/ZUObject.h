@@ -176,14 +176,16 @@ protected:
     // The accessor behind a key, for key-value coding; subclasses may answer
     // keys beyond their descriptors.
     virtual const ZUPropertyAccessor* accessorForKey(std::string_view key) const;
-    // Applies one descriptor to a raw JSON value (present in the dictionary).
-    // Answers whether the property changed; announces it when asked.
-    bool applyDescriptor(const ZUPropertyDescriptor&, Object* jsonValue, bool announce);
+    // Applies one descriptor (the table's `index`th) to a raw JSON value
+    // (present in the dictionary). Answers whether the property changed;
+    // announces it when asked.
+    bool applyDescriptor(const ZUPropertyDescriptor&, size_t index, Object* jsonValue, bool announce);
 
     // The setters of a model table: store the value and tell observers.
     template<typename Storage, typename Value>
     void setDeclaredProperty(Storage& member, Value value, std::string_view key)
     {
+        forgetAppliedValues();
         if (!m_observations) {
             member = value;
             return;
@@ -203,6 +205,19 @@ private:
     void removeObservation(Observation*);
 
     std::unique_ptr<std::vector<std::shared_ptr<Observation>>> m_observations;
+
+    // The raw JSON values last applied to the transformed properties, by
+    // descriptor index: an unchanged refresh compares raw values (mostly the
+    // same decoded object) instead of transforming them again. Valid while
+    // no setter ran and no transformer was registered since.
+    void forgetAppliedValues()
+    {
+        if (m_appliedValues) [[unlikely]]
+            m_appliedValues.reset();
+    }
+    void rememberAppliedValue(size_t index, Object* jsonValue);
+    std::unique_ptr<RefPtr<Object>[]> m_appliedValues;
+    uint64_t m_appliedGeneration { 0 };
 };
 
 } // namespace velvox

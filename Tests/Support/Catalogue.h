@@ -5,6 +5,7 @@
 #include <Platform/Collections.h>
 
 #include <cstddef>
+#include <string_view>
 
 namespace velvox::test {
 
@@ -14,5 +15,8 @@ void registerFrameworkOnce();
 // A track record of the catalogue, its {base} placeholders filled in; the
 // framework is registered first. Fails the test when the catalogue cannot be read.
 Ref<MutableDictionary> catalogueTrack(size_t index);
+
+// A dictionary decoded from JSON text; fails the test when it is not one.
+Ref<Dictionary> json(std::string_view text);
 
 } // namespace velvox::test

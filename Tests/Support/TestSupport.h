@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <sys/wait.h>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
@@ -38,6 +40,27 @@ inline std::string raisedNameAndReason(const std::function<void()>& action)
         return exception.name() + ": " + exception.reason();
     }
     return "(nothing raised)";
+}
+
+struct Outcome {
+    int status { -1 };
+    std::string output;
+};
+
+// Runs a shell command line; captures standard output and, when asked, standard error.
+inline Outcome run(const std::string& command, bool withErrors = false)
+{
+    Outcome outcome;
+    FILE* pipe = popen((command + (withErrors ? " 2>&1" : " 2>/dev/null")).c_str(), "r");
+    if (!pipe)
+        return outcome;
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+        outcome.output.append(buffer, n);
+    int status = pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
 }
 
 // Gives the current run loop a manual clock for the life of the object, so

@@ -4,65 +4,16 @@
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXAPIController.h>
 
+#include <FakeAPI.h>
 #include <TestSupport.h>
 
 #include <gtest/gtest.h>
 
 using namespace velvox;
+using velvox::test::FakeAPI;
+using velvox::test::SentRequest;
 
 namespace {
-
-struct SentRequest {
-    std::string method;
-    std::string resource;
-    RefPtr<Dictionary> parameters;
-    RefPtr<Object> context;
-    RefPtr<Dictionary> userInfo;
-};
-
-// Records what the controller sends and lets the test answer.
-class FakeAPI final : public VXVelvoxAPI {
-public:
-    static Ref<FakeAPI> create(std::shared_ptr<std::vector<SentRequest>> log = std::make_shared<std::vector<SentRequest>>())
-    {
-        return adoptRef(*new FakeAPI(std::move(log)));
-    }
-    Ref<VXVelvoxAPI> copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate) const override
-    {
-        auto copy = create(m_log);
-        copy->setDelegate(delegate);
-        return copy;
-    }
-    void performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo) override
-    {
-        m_log->push_back({ method.str(), resource.str(), parameters, context, userInfo });
-    }
-    std::vector<SentRequest>& log() { return *m_log; }
-
-    void finish(size_t request, std::string_view body)
-    {
-        auto& sent = log().at(request);
-        delegate()->velvoxAPIDidFinishWithData(*this, Data::create(body).ptr(), sent.context.get(), sent.userInfo.get());
-    }
-    void fail(size_t request, int64_t code)
-    {
-        auto& sent = log().at(request);
-        delegate()->velvoxAPIDidFailWithError(*this, Error::create("VXTestDomain", code).ptr(), sent.context.get(), sent.userInfo.get());
-    }
-    void sendBytes(size_t request, uint64_t sent, uint64_t total)
-    {
-        auto& entry = log().at(request);
-        delegate()->velvoxAPIDidSendBytes(*this, sent, total, entry.context.get(), entry.userInfo.get());
-    }
-
-private:
-    explicit FakeAPI(std::shared_ptr<std::vector<SentRequest>> log)
-        : VXVelvoxAPI("http://fake.test", "token")
-        , m_log(std::move(log))
-    {
-    }
-    std::shared_ptr<std::vector<SentRequest>> m_log;
-};
 
 struct Harness {
     Ref<FakeAPI> prototype = FakeAPI::create();

@@ -1,0 +1,64 @@
+// The store's social graph: follow checks and follow changes of the signed-in user.
+
+#include "VXResourceController.h"
+
+#include <Platform/Platform.h>
+
+namespace velvox {
+
+int32_t VXResourceController::checkFollow(bool following, String* identifier, FollowCheckBlock block)
+{
+    if (!m_apiController)
+        return -2;
+    Ref protectedThis { *this };
+    RefPtr<String> protectedIdentifier = identifier;
+    auto answer = [protectedThis, protectedIdentifier, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
+        Ref<Number> result = Number::create(int32_t(-1));
+        if (!error) {
+            result = Number::create(int32_t(1));
+            protectedThis->updateCacheForResource<VXUser>(protectedIdentifier.get(), dynamicDowncast<Dictionary>(json));
+        } else if (error->code() == 404) {
+            result = Number::create(int32_t(0));
+        }
+        if (block)
+            block(result.ptr(), error);
+    };
+    if (following)
+        m_apiController->meIsFollowingUserForIdentifier(identifier, std::move(answer));
+    else
+        m_apiController->meIsFollowedByUserForIdentifier(identifier, std::move(answer));
+    // Pending: a caller stores it so that a second question does not ask again.
+    return -2;
+}
+
+int32_t VXResourceController::meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block)
+{
+    return checkFollow(true, identifier, std::move(block));
+}
+
+int32_t VXResourceController::meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block)
+{
+    return checkFollow(false, identifier, std::move(block));
+}
+
+void VXResourceController::startFollowingUserForIdentifier(String* identifier, ResultBlock block)
+{
+    if (!m_apiController)
+        return;
+    m_apiController->startFollowingUserForIdentifier(identifier, [block = std::move(block)](VXAPIController*, Object* json, Error* error) {
+        if (block)
+            block(json, error);
+    });
+}
+
+void VXResourceController::stopFollowingByUserForIdentifier(String* identifier, ResultBlock block)
+{
+    if (!m_apiController)
+        return;
+    m_apiController->stopFollowingByUserForIdentifier(identifier, [block = std::move(block)](VXAPIController*, Object* json, Error* error) {
+        if (block)
+            block(json, error);
+    });
+}
+
+} // namespace velvox

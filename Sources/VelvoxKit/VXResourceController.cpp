@@ -1,0 +1,374 @@
+#include "VXResourceController.h"
+
+#include "VXActivity.h"
+#include "VXFramework.h"
+#include "VXNumberToStringValueTransformer.h"
+#include "VXSharingNote.h"
+
+#include <Platform/Platform.h>
+#include <ZUKit/ZUPropertyTable.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(VXResourceController, ZUObject)
+
+namespace {
+
+// The descriptor through which a resource takes its identifier from "id".
+const ZUPropertyDescriptor& identifierDescriptor()
+{
+    static const ZUPropertyTable table(VXResource::propertyDescriptors());
+    return *table.descriptorForKeyPath("resourceIdentifier");
+}
+
+RefPtr<VXResourceController>& sharedStore()
+{
+    static RefPtr<VXResourceController>* store = new RefPtr<VXResourceController>;
+    return *store;
+}
+
+} // namespace
+
+VXResourceController& VXResourceController::sharedResourceController()
+{
+    auto& store = sharedStore();
+    if (!store)
+        store = create();
+    return *store;
+}
+
+void VXResourceController::setSharedResourceController(RefPtr<VXResourceController> store)
+{
+    sharedStore() = std::move(store);
+}
+
+void VXResourceController::registerValueTransformers()
+{
+    VXRegisterValueTransformers();
+}
+
+VXResourceController::VXResourceController()
+    : m_resourceCache(MutableDictionary::create())
+{
+}
+
+VXResourceController::~VXResourceController()
+{
+    m_terminationObserver.cancel();
+    m_pendingRefreshes.clear();
+}
+
+Ref<VXResourceController> VXResourceController::create()
+{
+    auto store = adoptRef(*new VXResourceController);
+    registerValueTransformers();
+    // The archive holds model objects; their classes must be known to read it.
+    VXRegisterFramework();
+    loadArchive(store->resourceCacheFilePath(), [&store](RefPtr<Object> root) {
+        if (auto* cache = dynamicDowncast<Dictionary>(root.get()))
+            store->m_resourceCache = cache->mutableCopy();
+    });
+    VXResourceController* self = store.ptr();
+    store->m_terminationObserver = NotificationCenter::defaultCenter().addObserver(ApplicationWillTerminateNotification, nullptr,
+        [self](Notification& notification) { self->applicationWillTerminate(&notification); });
+    return store;
+}
+
+Ref<VXResourceController> VXResourceController::create(VXAPIController* apiController)
+{
+    auto store = create();
+    store->setApiController(apiController);
+    return store;
+}
+
+void VXResourceController::setMeUserIdentifier(String* identifier)
+{
+    if (identifier && m_meUserIdentifier && identifier->isEqual(m_meUserIdentifier.get()))
+        return;
+    Ref protectedThis { *this };
+    willChangeValueForKey("meUserIdentifier");
+    if (m_meUserIdentifier)
+        serializePlayedTrackIdentifiersForMeUserIdentifer(m_meUserIdentifier.get());
+    m_meUserIdentifier = identifier;
+    m_playedTrackIdentifiers = deserializePlayedTrackIdentifiersForMeUserIdentifer(m_meUserIdentifier.get());
+    m_lastRefreshTimestamps = deserializeLastPlayedTimestampsForMeUserIdentifer(m_meUserIdentifier.get());
+    didChangeValueForKey("meUserIdentifier");
+}
+
+RefPtr<Object> VXResourceController::valueForKey(std::string_view key) const
+{
+    if (key == "meUserIdentifier")
+        return m_meUserIdentifier;
+    if (key == "apiController")
+        return m_apiController;
+    if (key == "resourceCache")
+        return m_resourceCache.ptr();
+    if (key == "playedTrackIdentifiers")
+        return m_playedTrackIdentifiers;
+    if (key == "lastRefreshTimestamps")
+        return m_lastRefreshTimestamps;
+    return ZUObject::valueForKey(key);
+}
+
+// MARK: The identity map
+
+RefPtr<VXResource> VXResourceController::cachedResource(std::string_view className, String* identifier) const
+{
+    if (!identifier)
+        return nullptr;
+    return cachedResource(className, identifier->view());
+}
+
+RefPtr<VXResource> VXResourceController::cachedResource(std::string_view className, std::string_view identifier) const
+{
+    auto* classCache = m_resourceCache->objectForKey<Dictionary>(className);
+    if (!classCache)
+        return nullptr;
+    return dynamicDowncast<VXResource>(classCache->objectForKey(identifier));
+}
+
+void VXResourceController::cacheResource(VXResource& resource)
+{
+    Ref protectedResource { resource };
+    auto* identifier = resource.resourceIdentifier();
+    VXParameterAssert(identifier);
+    auto* classCache = m_resourceCache->objectForKey<MutableDictionary>(resource.className());
+    if (!classCache) {
+        auto created = MutableDictionary::create();
+        m_resourceCache->setObject(created, resource.className());
+        classCache = created.ptr();
+    }
+    classCache->setObject(&resource, identifier);
+    NotificationCenter::defaultCenter().postNotification(VXResourceAttributesDidChangeNotification, &resource);
+}
+
+Ref<VXResource> VXResourceController::updateCacheForResource(const ClassInfo& info, Ref<VXResource> (*make)(Dictionary*), String* identifier, Dictionary* dictionary)
+{
+    RefPtr<String> key = identifier;
+    RefPtr<VXResource> cached;
+    if (!key) {
+        // The identifier a temporary instance would take from the dictionary:
+        // the "id" through the resource's own descriptor and transformer.
+        auto& descriptor = identifierDescriptor();
+        auto* raw = dictionary ? dictionary->objectForKey(&descriptor.source()) : nullptr;
+        auto* number = dynamicDowncast<Number>(raw);
+        bool builtInTransformer = is<VXNumberToStringValueTransformer>(descriptor.cachedTransformer());
+        if (builtInTransformer && number && !number->isBoolean() && (number->objCType() == 'q' || number->objCType() == 'Q')) {
+            // The service's usual integer id: its decimal text, as the
+            // transformer gives it, looked up without making a string.
+            char digits[24];
+            auto end = number->objCType() == 'q' ? std::to_chars(digits, digits + sizeof(digits), number->longLongValue()).ptr
+                                                 : std::to_chars(digits, digits + sizeof(digits), number->unsignedLongLongValue()).ptr;
+            cached = cachedResource(info.name, std::string_view(digits, end - digits));
+        }
+        if (!cached && raw && !is<Null>(raw)) {
+            auto* transformer = descriptor.cachedTransformer();
+            auto value = transformer ? transformer->transformedValue(raw) : RefPtr<Object>(raw);
+            key = dynamicDowncast<String>(std::move(value));
+        }
+    }
+    if (!cached)
+        cached = cachedResource(info.name, key.get());
+    if (!cached) {
+        auto created = make(dictionary);
+        // A record without an identifier (an upload's own fields, say) makes
+        // an object that cannot be shared, so it is not cached.
+        if (created->resourceIdentifier())
+            cacheResource(created);
+        return created;
+    }
+    if (cached->updateWithDictionary(dictionary))
+        cacheResource(*cached);
+    return cached.releaseNonNull();
+}
+
+void VXResourceController::clearResourceCache()
+{
+    m_resourceCache = MutableDictionary::create();
+}
+
+RefPtr<VXUser> VXResourceController::userWithUserDictionary(Dictionary* dictionary)
+{
+    if (!dictionary)
+        return nullptr;
+    return updateCacheForResource<VXUser>(nullptr, dictionary);
+}
+
+RefPtr<VXTrack> VXResourceController::trackWithTrackDictionary(Dictionary* dictionary)
+{
+    if (!dictionary)
+        return nullptr;
+    auto track = updateCacheForResource<VXTrack>(nullptr, dictionary);
+    // Still being processed (or in no known state): look again later.
+    if (track->state() != VXTrackStateFailed && track->state() != VXTrackStateFinished)
+        scheduleRefresh(track->resourceIdentifier(), std::max(2 * track->duration(), 2.0));
+    userWithUserDictionary(dictionary->objectForKey<Dictionary>("user"));
+    return track;
+}
+
+RefPtr<VXComment> VXResourceController::commentWithCommentDictionary(Dictionary* dictionary)
+{
+    if (!dictionary)
+        return nullptr;
+    auto comment = updateCacheForResource<VXComment>(nullptr, dictionary);
+    userWithUserDictionary(dictionary->objectForKey<Dictionary>("user"));
+    return comment;
+}
+
+void VXResourceController::scheduleRefresh(String* trackIdentifier, double delay)
+{
+    if (!trackIdentifier)
+        return;
+    uint64_t ticket = m_nextRefresh++;
+    Ref<String> identifier = *trackIdentifier;
+    // The store stops its timers when it goes, so the timer may use it bare.
+    m_pendingRefreshes.emplace(ticket, RunLoop::current().performAfterDelay(delay, [this, ticket, identifier] {
+        Ref protectedThis { *this };
+        auto finished = m_pendingRefreshes.extract(ticket);
+        forceRefreshTrackWithIdentfier(identifier.ptr());
+    }));
+}
+
+void VXResourceController::forceRefreshTrackWithIdentfier(String* identifier)
+{
+    trackForIdentifier(identifier, true, nullptr);
+}
+
+// MARK: Single fetches
+
+RefPtr<VXResource> VXResourceController::fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
+    std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block)
+{
+    if (cached && !forceRefresh)
+        return cached;
+    if (m_apiController) {
+        Ref protectedThis { *this };
+        send([protectedThis, convert = std::move(convert), block = std::move(block)](VXAPIController*, Object* json, Error* error) {
+            RefPtr<VXResource> resource;
+            if (!error)
+                resource = convert(dynamicDowncast<Dictionary>(json));
+            block(resource.get(), error);
+        });
+    }
+    return cached;
+}
+
+namespace {
+
+// A store block of a model class as a block of resources.
+template<typename T>
+std::function<void(VXResource*, Error*)> resourceBlock(std::function<void(T*, Error*)> block)
+{
+    return [block = std::move(block)](VXResource* resource, Error* error) {
+        if (block)
+            block(downcast<T>(resource), error);
+    };
+}
+
+} // namespace
+
+RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, bool forceRefresh, UserBlock block)
+{
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->userRessouceWithIdentifer(identifier, std::move(answer)); };
+    auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXUser>(nullptr, json); };
+    return downcast<VXUser>(fetch(cachedResource<VXUser>(identifier).get(), forceRefresh, send, convert, resourceBlock(std::move(block))));
+}
+
+RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block)
+{
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer)); };
+    auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return trackWithTrackDictionary(json); };
+    return downcast<VXTrack>(fetch(cachedResource<VXTrack>(identifier).get(), forceRefresh, send, convert, resourceBlock(std::move(block))));
+}
+
+RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block)
+{
+    // Comments are fetched on the track path; the answer is stored as a comment.
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer)); };
+    auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXComment>(nullptr, json); };
+    return downcast<VXComment>(fetch(cachedResource<VXComment>(identifier).get(), forceRefresh, send, convert, resourceBlock(std::move(block))));
+}
+
+RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserBlock block)
+{
+    RefPtr<VXUser> cached;
+    if (m_meUserIdentifier) {
+        cached = cachedResource<VXUser>(m_meUserIdentifier.get());
+        if (cached && !forceRefresh)
+            return cached;
+    }
+    if (m_apiController) {
+        Ref protectedThis { *this };
+        m_apiController->meUserRessouce([protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
+            RefPtr<VXUser> user;
+            if (!error)
+                user = protectedThis->updateCacheForResource<VXUser>(nullptr, dynamicDowncast<Dictionary>(json));
+            if (block)
+                block(user.get(), error);
+            // A failed "/me" forgets the signed-in user.
+            protectedThis->setMeUserIdentifier(user ? user->resourceIdentifier() : nullptr);
+        });
+    }
+    return cached;
+}
+
+// MARK: Statistics
+
+namespace {
+
+// A rough size of what a value holds beyond the pointer to it.
+size_t estimatedBytes(const Object* value, int depth = 0)
+{
+    if (!value || depth > 4)
+        return 0;
+    if (auto* string = dynamicDowncast<String>(value))
+        return 32 + string->view().size();
+    if (auto* url = dynamicDowncast<URL>(value))
+        return 48 + url->absoluteString()->view().size();
+    if (auto* array = dynamicDowncast<Array>(value)) {
+        size_t bytes = 32 + 8 * array->count();
+        for (auto* element : *array)
+            bytes += estimatedBytes(element, depth + 1);
+        return bytes;
+    }
+    return 32;
+}
+
+} // namespace
+
+VXResourceController::Statistics VXResourceController::resourceCacheStatistics() const
+{
+    Statistics statistics;
+    for (auto& entry : *m_resourceCache) {
+        auto* classCache = dynamicDowncast<Dictionary>(entry.object);
+        auto* name = dynamicDowncast<String>(entry.key);
+        if (!classCache || !name)
+            continue;
+        ClassStatistics perClass { name->str(), 0, 0 };
+        for (auto& item : *classCache) {
+            auto* object = dynamicDowncast<ZUObject>(item.object);
+            if (!object)
+                continue;
+            ++perClass.objectCount;
+            size_t bytes = 64 + 48; // the object and its map entry
+            for (auto* descriptor : object->propertyTable().descriptors()) {
+                bytes += 8;
+                auto value = descriptor->accessor().get(*object);
+                if (value && !is<Number>(value.get()))
+                    bytes += estimatedBytes(value.get());
+            }
+            perClass.estimatedBytes += bytes;
+        }
+        statistics.objectCount += perClass.objectCount;
+        statistics.estimatedBytes += perClass.estimatedBytes;
+        statistics.classes.push_back(std::move(perClass));
+    }
+    std::sort(statistics.classes.begin(), statistics.classes.end(), [](auto& a, auto& b) { return a.className < b.className; });
+    statistics.pendingTrackRefreshes = m_pendingRefreshes.size();
+    return statistics;
+}
+
+} // namespace velvox

@@ -1,0 +1,181 @@
+#pragma once
+
+// The host's entry point: one shared store that keeps one model object per
+// class and identifier (the identity map), knows the signed-in user, fetches
+// and refreshes users, tracks and comments, polls tracks that the service is
+// still processing, answers follow questions, and remembers the identity
+// map, the played tracks and the refresh dates of each account across runs.
+//
+// Everything runs on the run loop's thread. The store owns every object in
+// its map for the life of the process; callers that keep one retain it.
+// Blocks may be empty everywhere; they are then not called.
+
+#include "VXAPIController.h"
+#include "VXComment.h"
+#include "VXTrack.h"
+#include "VXUser.h"
+
+#include <Platform/Collections.h>
+#include <Platform/NotificationCenter.h>
+#include <Platform/Subscription.h>
+#include <Platform/Values.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velvox {
+
+// A ZUObject for its key-value observing: "meUserIdentifier" is announced.
+class VXResourceController final : public ZUObject {
+    VX_OBJECT(VXResourceController)
+public:
+    using UserBlock = std::function<void(VXUser* user, Error* error)>;
+    using TrackBlock = std::function<void(VXTrack* track, Error* error)>;
+    using CommentBlock = std::function<void(VXComment* comment, Error* error)>;
+    // Follow checks: a number 1 (yes), 0 (no) or -1 (other error).
+    using FollowCheckBlock = std::function<void(Number* result, Error* error)>;
+    // Follow changes and uploads: the decoded answer as it came.
+    using ResultBlock = std::function<void(Object* result, Error* error)>;
+
+    // The shared store, made on first use with plain create() (which loads
+    // the identity map) and kept for the life of the process.
+    static VXResourceController& sharedResourceController();
+    // Replaces the shared store (tests start each case with a fresh one);
+    // null makes the next sharedResourceController() create a new one.
+    static void setSharedResourceController(RefPtr<VXResourceController>);
+    // Registers the eight value transformers, in the order the models need them.
+    static void registerValueTransformers();
+
+    // init: registers the transformers, loads the identity map, and observes
+    // the application's termination to save.
+    static Ref<VXResourceController> create();
+    // initWithApiController:
+    static Ref<VXResourceController> create(VXAPIController* apiController);
+
+    String* meUserIdentifier() const { return m_meUserIdentifier.get(); }
+    // Saves the old account's played tracks, then loads the new account's
+    // played tracks and refresh dates; announced to observers of
+    // "meUserIdentifier". The current identifier again changes nothing.
+    void setMeUserIdentifier(String*);
+    VXAPIController* apiController() const { return m_apiController.get(); }
+    void setApiController(VXAPIController* controller) { m_apiController = controller; }
+    MutableDictionary& resourceCache() const { return m_resourceCache; }
+    void setResourceCache(MutableDictionary& cache) { m_resourceCache = cache; }
+    MutableSet* playedTrackIdentifiers() const { return m_playedTrackIdentifiers.get(); }
+    MutableDictionary* lastRefreshTimestamps() const { return m_lastRefreshTimestamps.get(); }
+
+    // Single fetches. A cached object is answered at once; without forceRefresh
+    // the block is then not called. Otherwise the request goes out, the cached
+    // object (or null) is answered, and the block gets the fresh object.
+    RefPtr<VXUser> meUserForceRefresh(bool forceRefresh, UserBlock block);
+    RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block);
+    RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block);
+    RefPtr<VXComment> commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block);
+
+    // JSON into the identity map.
+    RefPtr<VXUser> userWithUserDictionary(Dictionary*);
+    // Also caches the embedded "user", and schedules a refresh of a track the
+    // service has not finished (or failed) after max(2 × duration, 2) seconds.
+    RefPtr<VXTrack> trackWithTrackDictionary(Dictionary*);
+    RefPtr<VXComment> commentWithCommentDictionary(Dictionary*);
+    void forceRefreshTrackWithIdentfier(String* identifier);
+
+    // The identity map: class name, then identifier.
+    RefPtr<VXResource> cachedResource(std::string_view className, String* identifier) const;
+    RefPtr<VXResource> cachedResource(std::string_view className, std::string_view identifier) const;
+    template<typename T>
+    RefPtr<T> cachedResource(String* identifier) const
+    {
+        return dynamicDowncast<T>(cachedResource(T::s_info.name, identifier));
+    }
+    // Stores the resource under its class and identifier and posts
+    // VXResourceAttributesDidChangeNotification.
+    void cacheResource(VXResource&);
+    // The one road by which JSON enters the map: the cached object refreshed
+    // in place (announced only when something changed), or a new one cached.
+    // A null identifier is taken from the dictionary; a dictionary without one
+    // gives an object that is not cached.
+    template<typename T>
+    Ref<T> updateCacheForResource(String* identifier, Dictionary* dictionary)
+    {
+        auto make = [](Dictionary* d) -> Ref<VXResource> { return T::create(d); };
+        return downcast<T>(updateCacheForResource(T::s_info, make, identifier, dictionary));
+    }
+    void clearResourceCache();
+
+    // Follow checks answer -2 (pending) at once; the block gets 1, 0 or -1.
+    int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block);
+    int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block);
+    void startFollowingUserForIdentifier(String* identifier, ResultBlock block);
+    void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block);
+
+    // Play history and refresh dates of the signed-in account.
+    void registerTrackPlayedForIdentifier(String* trackIdentifier);
+    bool hasTrackBeenPlayedForTrackIdentifier(String* trackIdentifier) const;
+    // The distant past for an identifier never registered.
+    Ref<Date> lastRefreshTimeStampForIdentifier(String* identifier) const;
+    // A null date means now.
+    void registerLastRefreshDate(Date*, String* identifier);
+
+    // Saving: the identity map, then the signed-in account's refresh dates and
+    // played tracks.
+    void applicationWillTerminate(Notification*);
+    void applicationDidEnterBackground(Notification*);
+    void serializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier);
+    Ref<MutableSet> deserializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier);
+    void serializeLastPlayedTimestampsForMeUserIdentifer(String* meUserIdentifier);
+    Ref<MutableDictionary> deserializeLastPlayedTimestampsForMeUserIdentifer(String* meUserIdentifier);
+
+    // Files: the folder "Velvox" of the per-user data folder ($XDG_DATA_HOME,
+    // else ~/.local/share), "ressources.archive" in it, and the per-account
+    // "<id>-playedTracks.archive" and "<id>-lastPlayedTimestamps.archive".
+    std::string applicationSupportDirectory() const;
+    std::string cacheDirectoryPath() const { return applicationSupportDirectory(); }
+    std::string resourceCacheFilePath() const;
+    std::string playedTrackIdentifiersStoragePathForMeUserIdentifer(String* meUserIdentifier) const;
+    std::string lastPlayedTimestampsStoragePathForMeUserIdentifer(String* meUserIdentifier) const;
+
+    // How large the identity map has grown, for a host to watch.
+    struct ClassStatistics {
+        std::string className;
+        size_t objectCount { 0 };
+        size_t estimatedBytes { 0 };
+    };
+    struct Statistics {
+        std::vector<ClassStatistics> classes; // by class name
+        size_t objectCount { 0 };
+        size_t estimatedBytes { 0 };
+        size_t pendingTrackRefreshes { 0 };
+    };
+    Statistics resourceCacheStatistics() const;
+
+    RefPtr<Object> valueForKey(std::string_view key) const override;
+
+private:
+    VXResourceController();
+    ~VXResourceController() override;
+
+    Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*create)(Dictionary*), String* identifier, Dictionary*);
+    int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block);
+    // The single-fetch pattern: the cached object at once unless forced, else
+    // the request, whose answer is converted and handed to the block.
+    RefPtr<VXResource> fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
+        std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block);
+    void scheduleRefresh(String* trackIdentifier, double delay);
+    static void loadArchive(const std::string& path, const std::function<void(RefPtr<Object>)>& take);
+
+    RefPtr<String> m_meUserIdentifier;
+    RefPtr<VXAPIController> m_apiController;
+    mutable Ref<MutableDictionary> m_resourceCache;
+    RefPtr<MutableSet> m_playedTrackIdentifiers;
+    RefPtr<MutableDictionary> m_lastRefreshTimestamps;
+    Subscription m_terminationObserver;
+    // The delayed refreshes of unfinished tracks, each stopped with the store.
+    std::map<uint64_t, Subscription> m_pendingRefreshes;
+    uint64_t m_nextRefresh { 1 };
+};
+
+} // namespace velvox
