@@ -6,6 +6,9 @@
 #include <Platform/Platform.h>
 #include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXAPIController.h>
+#include <VelvoxKit/VXResourceController.h>
+
+#include <filesystem>
 
 #include <benchmark/benchmark.h>
 
@@ -52,6 +55,33 @@ void APIPageRoundTrip(benchmark::State& state)
     state.counters["items"] = static_cast<double>(items);
 }
 BENCHMARK(APIPageRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// The host's road: a track collection of 50 a page, from
+// loadMoreItemsForReloadOperationType to the page's tracks in the collection
+// (through the store, the controller, the client, decoding and the identity map).
+void CollectionPageRoundTrip(benchmark::State& state)
+{
+    static RefPtr<VXResourceController> store = [] {
+        auto folder = std::filesystem::temp_directory_path() / "velvox-bench-collections";
+        std::filesystem::create_directories(folder);
+        setenv("XDG_DATA_HOME", folder.c_str(), 1);
+        auto client = VXVelvoxAPI::create(service().baseURL(), service().token());
+        auto made = VXResourceController::create(VXAPIController::create(client.get()).ptr());
+        VXResourceController::setSharedResourceController(made);
+        return made;
+    }();
+    auto collection = store->tracksForSearchQuery(&String::empty(), nullptr);
+    collection->setPageSize(50);
+    size_t items = 0;
+    for (auto _ : state) {
+        collection->loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType::Reload, false);
+        RunLoop::current().runUntil([&] { return !collection->isLoadingItems(); }, 10);
+        items = collection->items().count();
+    }
+    state.counters["pages/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["items"] = static_cast<double>(items);
+}
+BENCHMARK(CollectionPageRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 // The same request straight through the URL loader: the HTTP round trip alone.
 void HTTPPageRoundTrip(benchmark::State& state)

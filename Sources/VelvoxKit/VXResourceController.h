@@ -11,7 +11,11 @@
 // Blocks may be empty everywhere; they are then not called.
 
 #include "VXAPIController.h"
+#include "VXActivityCollectionController.h"
 #include "VXComment.h"
+#include "VXCommentCollectionController.h"
+#include "VXTrackCollectionController.h"
+#include "VXUserCollectionController.h"
 #include "VXTrack.h"
 #include "VXUser.h"
 
@@ -105,6 +109,39 @@ public:
         return downcast<T>(updateCacheForResource(T::s_info, make, identifier, dictionary));
     }
     void clearResourceCache();
+
+    // Collections: each call makes a new collection on its resource path
+    // (with or without a leading "/", exactly as the service's paths are).
+    Ref<VXActivityCollectionController> incomingActivities();
+    Ref<VXActivityCollectionController> exclusiveActivities();
+    Ref<VXTrackCollectionController> favoriteTracks();
+    Ref<VXUserCollectionController> usersFollowingMe();
+    Ref<VXUserCollectionController> usersFollowedByMe();
+    Ref<VXTrackCollectionController> meUserTracks();
+    Ref<VXUserCollectionController> usersFollowingUserForIdentifier(String* userIdentifier);
+    Ref<VXUserCollectionController> usersFollowedByUserForIdentifier(String* userIdentifier);
+    Ref<VXTrackCollectionController> tracksForUserIdentifier(String* userIdentifier);
+    Ref<VXTrackCollectionController> favoritesForUserIdentifier(String* userIdentifier);
+    // "q" is the query; the options' entries follow and win (an option "q" replaces the query).
+    Ref<VXTrackCollectionController> tracksForUserIdentifier(String* userIdentifier, String* searchQuery, Dictionary* searchOptions);
+    Ref<VXTrackCollectionController> tracksForSearchQuery(String* query, Dictionary* searchOptions);
+    Ref<VXUserCollectionController> usersForSearchQuery(String* query);
+    Ref<VXUserCollectionController> favoritersForTrackIdentifier(String* trackIdentifier);
+    Ref<VXCommentCollectionController> commentsForTrackIdentifier(String* trackIdentifier);
+    // The loader of every collection: one GET of its resource and request
+    // parameters; the page reaches the collection, or the error does.
+    void loadForCollectionController(VXRemoteCollectionController&);
+
+    // Uploads: the progress block gets the track made from the upload's own
+    // fields and the progress; the completion block gets the decoded answer
+    // as it came (the created track is in the identity map by then).
+    using UploadProgressBlock = std::function<void(VXTrack* track, float progress)>;
+    void postTrackWithTrackDictionary(Dictionary* track, UploadProgressBlock progressBlock, ResultBlock completionBlock);
+    // Comments: the block gets the created comment, from the identity map.
+    void postCommentWithTrackIdentifier(String* trackIdentifier, String* body, CommentBlock block);
+    // At a position in the track, in seconds (sent in milliseconds).
+    void postCommentWithTrackIdentifier(String* trackIdentifier, String* body, double timestamp, CommentBlock block);
+    void postCommentWithTrackIdentifier(String* trackIdentifier, Dictionary* parameters, CommentBlock block);
 
     // Follow checks answer -2 (pending) at once; the block gets 1, 0 or -1.
     int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block);

@@ -6,12 +6,15 @@
 #include <FakeAPI.h>
 #include <TestSupport.h>
 
+#include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXFramework.h>
 #include <VelvoxKit/VXResourceController.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
+#include <memory>
 
 namespace velvox::test {
 
@@ -62,6 +65,37 @@ protected:
     ScopedEnvironment dataHome { "XDG_DATA_HOME", data.path() };
     Ref<FakeAPI> prototype = FakeAPI::create();
     Ref<VXAPIController> controller = VXAPIController::create(prototype.ptr());
+    RefPtr<VXResourceController> store;
+};
+
+// A fresh shared store on a real client of a sandbox started for each test.
+class SandboxStoreFixture : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        sandbox::SandboxService::Options options;
+        options.processingSeconds = 0.3;
+        options.activityPageSize = 7;
+        service = std::make_unique<sandbox::SandboxService>(options);
+        ASSERT_TRUE(service->start());
+        auto api = VXVelvoxAPI::create(service->baseURL(), service->token());
+        ASSERT_TRUE(api);
+        store = VXResourceController::create(VXAPIController::create(api.get()).ptr());
+        VXResourceController::setSharedResourceController(store);
+    }
+    void TearDown() override
+    {
+        VXResourceController::setSharedResourceController(nullptr);
+        service->stop();
+    }
+    static bool waitFor(const std::function<bool()>& condition, double seconds = 10)
+    {
+        return RunLoop::current().runUntil(condition, seconds);
+    }
+
+    TemporaryFolder data;
+    ScopedEnvironment dataHome { "XDG_DATA_HOME", data.path() };
+    std::unique_ptr<sandbox::SandboxService> service;
     RefPtr<VXResourceController> store;
 };
 

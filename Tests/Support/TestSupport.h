@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <sys/wait.h>
@@ -40,6 +41,21 @@ inline std::string raisedNameAndReason(const std::function<void()>& action)
         return exception.name() + ": " + exception.reason();
     }
     return "(nothing raised)";
+}
+
+// A description with its "0x" and eight upper-case hexadecimal digits (an
+// object's address) written as "0xADDRESS", so that it can be compared whole.
+inline std::string withAddressMasked(std::string text)
+{
+    for (size_t at = text.find("0x"); at != std::string::npos; at = text.find("0x", at + 2)) {
+        size_t digits = 0;
+        while (digits < 8 && at + 2 + digits < text.size() && std::isxdigit(static_cast<unsigned char>(text[at + 2 + digits]))
+            && !std::islower(static_cast<unsigned char>(text[at + 2 + digits])))
+            ++digits;
+        if (digits == 8)
+            text.replace(at + 2, 8, "ADDRESS");
+    }
+    return text;
 }
 
 struct Outcome {

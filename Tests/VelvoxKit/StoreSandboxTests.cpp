@@ -22,34 +22,7 @@ using velvox::test::TemporaryFolder;
 
 namespace {
 
-class StoreOnSandbox : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        sandbox::SandboxService::Options options;
-        options.processingSeconds = 0.3;
-        service = std::make_unique<sandbox::SandboxService>(options);
-        ASSERT_TRUE(service->start());
-        auto api = VXVelvoxAPI::create(service->baseURL(), service->token());
-        ASSERT_TRUE(api);
-        store = VXResourceController::create(VXAPIController::create(api.get()).ptr());
-        VXResourceController::setSharedResourceController(store);
-    }
-    void TearDown() override
-    {
-        VXResourceController::setSharedResourceController(nullptr);
-        service->stop();
-    }
-    static bool waitFor(const std::function<bool()>& condition, double seconds = 10)
-    {
-        return RunLoop::current().runUntil(condition, seconds);
-    }
-
-    TemporaryFolder data;
-    ScopedEnvironment dataHome { "XDG_DATA_HOME", data.path() };
-    std::unique_ptr<sandbox::SandboxService> service;
-    RefPtr<VXResourceController> store;
-};
+class StoreOnSandbox : public test::SandboxStoreFixture { };
 
 Ref<String> text(std::string_view value) { return String::create(value); }
 

@@ -1,0 +1,23 @@
+#include "VXCommentCollectionController.h"
+
+#include "VXResourceController.h"
+
+#include <Platform/Platform.h>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(VXCommentCollectionController, VXRemoteCollectionController)
+
+Ref<VXCommentCollectionController> VXCommentCollectionController::create(const String& resource, Dictionary* parameters)
+{
+    return adoptRef(*new VXCommentCollectionController(resource, parameters));
+}
+
+Ref<Object> VXCommentCollectionController::itemFromDictionary(Object* dictionary)
+{
+    auto item = VXResourceController::sharedResourceController().commentWithCommentDictionary(dynamicDowncast<Dictionary>(dictionary));
+    VXAssert(item, "a page holds an item that is not a record");
+    return item.releaseNonNull();
+}
+
+} // namespace velvox

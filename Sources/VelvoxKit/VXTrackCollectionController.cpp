@@ -1,0 +1,23 @@
+#include "VXTrackCollectionController.h"
+
+#include "VXResourceController.h"
+
+#include <Platform/Platform.h>
+
+namespace velvox {
+
+VX_DEFINE_CLASS(VXTrackCollectionController, VXRemoteCollectionController)
+
+Ref<VXTrackCollectionController> VXTrackCollectionController::create(const String& resource, Dictionary* parameters)
+{
+    return adoptRef(*new VXTrackCollectionController(resource, parameters));
+}
+
+Ref<Object> VXTrackCollectionController::itemFromDictionary(Object* dictionary)
+{
+    auto item = VXResourceController::sharedResourceController().trackWithTrackDictionary(dynamicDowncast<Dictionary>(dictionary));
+    VXAssert(item, "a page holds an item that is not a record");
+    return item.releaseNonNull();
+}
+
+} // namespace velvox
