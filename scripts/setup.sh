@@ -9,14 +9,14 @@ cd "$(dirname "$0")/.."
 build_dir=build
 cmake_args=()
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev liburiparser-dev libcli11-dev
-  libcurl4-openssl-dev libcpp-httplib-dev libicu-dev libfast-float-dev locales zlib1g-dev)
+  libcurl4-openssl-dev libcpp-httplib-dev libicu-dev libfast-float-dev locales zlib1g-dev chromium fonts-dejavu-core)
 while [ $# -gt 0 ]; do
   case "$1" in
     --build-dir) build_dir=$2; shift 2 ;;
     --sanitize) cmake_args+=(-DVELVOX_SANITIZE=ON); shift ;;
     --benchmarks)
       cmake_args+=(-DVELVOX_BUILD_BENCHMARKS=ON -DCMAKE_BUILD_TYPE=Release -DVELVOX_BUILD_TESTS=OFF)
-      packages+=(libbenchmark-dev rapidjson-dev libsimdjson-dev nlohmann-json3-dev libcjson-dev libyajl-dev)
+      packages+=(libbenchmark-dev rapidjson-dev libsimdjson-dev nlohmann-json3-dev libcjson-dev libyajl-dev libkainjow-mustache-dev)
       shift ;;
     --fuzzers)
       cmake_args+=(-DVELVOX_BUILD_FUZZERS=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELVOX_BUILD_TESTS=OFF)

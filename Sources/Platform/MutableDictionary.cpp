@@ -20,7 +20,9 @@ void MutableDictionary::setObject(Object* object, std::string_view key)
 
 void MutableDictionary::removeAllObjects()
 {
-    for (auto* key : *allKeys())
+    // A snapshot that lives through the loop (a temporary would not).
+    auto keys = allKeys();
+    for (auto* key : *keys)
         removeObjectForKey(key);
 }
 

@@ -15,7 +15,9 @@ Ref<MutableSet> MutableSet::create(size_t)
 
 void MutableSet::removeAllObjects()
 {
-    for (auto* object : *allObjects())
+    // A snapshot that lives through the loop (a temporary would not).
+    auto objects = allObjects();
+    for (auto* object : *objects)
         removeObject(object);
 }
 

@@ -48,7 +48,13 @@ RefPtr<VXUser> VXTrack::user()
 
 RefPtr<VXUser> VXTrack::user(bool forceRefresh)
 {
-    return VXResourceController::sharedResourceController().userForIdentifier(userIdentifier(), forceRefresh,
+    auto& store = VXResourceController::sharedResourceController();
+    // A cached owner is answered without a fetch (and so without a block).
+    if (!forceRefresh) {
+        if (auto cached = store.cachedResource<VXUser>(userIdentifier()))
+            return cached;
+    }
+    return store.userForIdentifier(userIdentifier(), forceRefresh,
         relatedResourceHandler("VXTrack - User fetch error: %@", Posting::Coalesced));
 }
 
