@@ -122,20 +122,17 @@ std::string printableExcerpt(std::string_view bytes, size_t limit)
     return out;
 }
 
-namespace {
-
-// The token of a service: the option, else $VELVOX_TOKEN, else the first line of the token file.
-bool resolveToken(const APIOptions& options, std::string& token)
+bool resolveToken(const std::string& option, const std::string& tokenFile, const char* command, std::string& token)
 {
-    token = options.token;
+    token = option;
     if (token.empty()) {
         if (const char* fromEnvironment = getenv("VELVOX_TOKEN"))
             token = fromEnvironment;
     }
-    if (token.empty() && !options.tokenFile.empty()) {
-        std::ifstream file(options.tokenFile);
+    if (token.empty() && !tokenFile.empty()) {
+        std::ifstream file(tokenFile);
         if (!file || !std::getline(file, token)) {
-            fprintf(stderr, "velvox api: cannot read the token file %s\n", options.tokenFile.c_str());
+            fprintf(stderr, "velvox %s: cannot read the token file %s\n", command, tokenFile.c_str());
             return false;
         }
         if (!token.empty() && token.back() == '\r')
@@ -144,8 +141,6 @@ bool resolveToken(const APIOptions& options, std::string& token)
     return true;
 }
 
-} // namespace
-
 int runAPI(const APIOptions& options)
 {
     std::unique_ptr<sandbox::SandboxService> sandbox;
@@ -153,7 +148,7 @@ int runAPI(const APIOptions& options)
     std::string token = options.token;
     // $VELVOX_TOKEN and the token file are for a service named with --base-url;
     // the in-process sandbox has its own token.
-    if (!baseURL.empty() && !resolveToken(options, token))
+    if (!baseURL.empty() && !resolveToken(options.token, options.tokenFile, "api", token))
         return 1;
     if (baseURL.empty()) {
         sandbox::SandboxService::Options sandboxOptions;

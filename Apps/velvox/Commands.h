@@ -35,6 +35,10 @@ struct APIOptions {
 // is written as \xNN; a cut is said, with the number of bytes left out.
 std::string printableExcerpt(std::string_view bytes, size_t limit = 2048);
 
+// The token of a service: the option, else $VELVOX_TOKEN, else the first line
+// of the token file. False, after saying why, when the file cannot be read.
+bool resolveToken(const std::string& option, const std::string& tokenFile, const char* command, std::string& token);
+
 // velvox api: one request through the API controller; prints the answer as pretty JSON.
 int runAPI(const APIOptions&);
 std::string percentEncodePath(const std::string&);

@@ -1,0 +1,101 @@
+#pragma once
+
+// What every store command of velvox stands on: the service (an embedded
+// sandbox, or --base-url with a token), the shared store with its API
+// controller, the signed-in user, waiting on the run loop, the output in
+// people's or scripts' form, and the exit codes.
+
+#include <Platform/Platform.h>
+#include <Sandbox/SandboxService.h>
+#include <VelvoxKit/VXResourceController.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace velvox::app {
+
+// Exit codes (documented in the README).
+enum ExitCode : int {
+    ExitSuccess = 0,
+    ExitFailure = 1,       // anything else: a write error, a file that cannot be read
+    ExitUsage = 2,         // the command line is wrong
+    ExitNotFound = 3,      // the service has no such resource (404)
+    ExitNotAuthorised = 4, // the token was refused (401, 403)
+    ExitNetwork = 5,       // no answer: refused connection, time-out, a broken transfer
+    ExitService = 6,       // the service answered with another error
+    ExitException = 70,    // a programming error or a value of the wrong type reached the top
+};
+
+struct ServiceOptions {
+    std::string baseURL;   // else $VELVOX_BASE_URL; empty: an embedded sandbox
+    std::string token;     // else $VELVOX_TOKEN, else tokenFile
+    std::string tokenFile;
+    bool json { false };
+    bool quiet { false };
+    bool all { false };
+};
+
+class Session {
+public:
+    explicit Session(const ServiceOptions&);
+    ~Session();
+
+    // Starts the service connection and the store; answers an exit code (0 when ready).
+    int open(const char* command);
+    VXResourceController& store() { return *m_store; }
+    const ServiceOptions& options() const { return m_options; }
+    bool usesSandbox() const { return static_cast<bool>(m_sandbox); }
+
+    // Runs the loop until the condition holds; false after the time-out.
+    bool waitFor(const std::function<bool()>& condition, double seconds = 30);
+    // Signs in (the "/me" user); null with the exit code in `code` when it fails.
+    RefPtr<VXUser> signIn(int& code);
+
+    // The exit code for an error, after saying what went wrong on standard error.
+    int fail(const char* command, Error* error);
+    // Loads a collection's first page (or every page with --all).
+    int loadCollection(const char* command, VXRemoteCollectionController&);
+
+    // Output: standard output unless --quiet; write errors make finish() fail.
+    void print(const std::string& text);
+    bool isTerminal() const { return m_terminal; }
+    // Saves the store's archives (the application's termination) and checks
+    // that standard output took everything. Answers the final exit code.
+    int finish(int code);
+
+private:
+    ServiceOptions m_options;
+    std::unique_ptr<sandbox::SandboxService> m_sandbox;
+    RefPtr<VXResourceController> m_store;
+    bool m_terminal { false };
+    bool m_finished { false };
+};
+
+// People's and scripts' forms of the models.
+std::string relativeDate(Date*);
+std::string durationText(double seconds);
+// A model object as the service's JSON (its descriptors' keys, the reverse transformers' values).
+Ref<Dictionary> jsonRecord(ZUObject&);
+std::string jsonText(Object&);
+// Rows as aligned columns (the first row is the heading).
+std::string columns(const std::vector<std::vector<std::string>>& rows);
+
+// velvox store commands: each answers its exit code.
+struct StoreCommand {
+    std::string name;
+    std::vector<std::string> arguments;
+    std::string userIdentifier; // --user
+    std::string search;         // --search
+    std::string output;         // -o
+    std::string title, description, sharing;
+    double at { -1 };           // --at
+    bool refresh { false };
+    bool exclusive { false };
+    bool wait { false };
+};
+int runStoreCommand(Session&, const StoreCommand&);
+int runDemo(const ServiceOptions&);
+
+} // namespace velvox::app
