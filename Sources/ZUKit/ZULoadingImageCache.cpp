@@ -483,11 +483,16 @@ RefPtr<Image> ZULoadingImageCache::cachedImageForURL(URL* url, bool forceReload,
         auto failure = Error::create(ZULoadingImageCacheErrorDomain, ZULoadingImageCacheErrorUnsupportedURL,
             String::format("Images are loaded over http and https only, not from %@.", url ? url->absoluteString() : nullptr)->view());
         if (block) {
+            // Delivered on the next turn, like any load's end, unless the
+            // caller's subscription (or the cache) goes first.
+            auto pending = std::make_shared<Block>(std::move(block));
             std::weak_ptr<State> weakState = m_state;
-            RunLoop::current().post([weakState, block = std::move(block), failure] {
-                if (weakState.lock())
-                    block(nullptr, failure.ptr());
+            RunLoop::current().post([weakState, pending, failure] {
+                if (weakState.lock() && *pending)
+                    (*pending)(nullptr, failure.ptr());
             });
+            if (subscription)
+                *subscription = Subscription([pending] { *pending = nullptr; });
         }
         return nullptr;
     }

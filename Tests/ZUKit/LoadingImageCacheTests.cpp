@@ -351,6 +351,15 @@ TEST_F(LoadingImageCache, ACancelledCallerIsNotCalledAndTheLastOneStopsTheReques
     EXPECT_EQ(URLLoader::current().runningTaskCount(), 0u);
     RunLoop::current().runFor(0.1);
     EXPECT_EQ(alone.calls, 0);
+
+    // The error for a URL that is never loaded is stopped the same way.
+    Answer refused;
+    {
+        Subscription token;
+        cache->cachedImageForURL(url("file:///etc/hostname").ptr(), false, refused.block(), &token);
+    }
+    RunLoop::current().runUntilIdle();
+    EXPECT_EQ(refused.calls, 0);
 }
 
 TEST_F(LoadingImageCache, LoadsTheSandboxsImages)
