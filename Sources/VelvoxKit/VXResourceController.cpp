@@ -10,12 +10,30 @@
 
 #include <algorithm>
 #include <charconv>
+#include <unordered_map>
 
 namespace velvox {
 
 VX_DEFINE_CLASS(VXResourceController, ZUObject)
 
 namespace {
+
+// Keys looked up for every record, made once so that their hashes are kept.
+const String& userKey()
+{
+    static const String& key = *String::create("user").leakRef();
+    return key;
+}
+
+const String& classKey(std::string_view className)
+{
+    // Class names are few and live as long as the process.
+    static std::unordered_map<std::string_view, Ref<String>>* keys = new std::unordered_map<std::string_view, Ref<String>>;
+    auto found = keys->find(className);
+    if (found == keys->end())
+        found = keys->emplace(className, String::create(className)).first;
+    return found->second;
+}
 
 // The descriptor through which a resource takes its identifier from "id".
 const ZUPropertyDescriptor& identifierDescriptor()
@@ -124,7 +142,7 @@ RefPtr<VXResource> VXResourceController::cachedResource(std::string_view classNa
 
 RefPtr<VXResource> VXResourceController::cachedResource(std::string_view className, std::string_view identifier) const
 {
-    auto* classCache = m_resourceCache->objectForKey<Dictionary>(className);
+    auto* classCache = dynamicDowncast<Dictionary>(m_resourceCache->objectForKey(&classKey(className)));
     if (!classCache)
         return nullptr;
     return dynamicDowncast<VXResource>(classCache->objectForKey(identifier));
@@ -205,7 +223,7 @@ RefPtr<VXTrack> VXResourceController::trackWithTrackDictionary(Dictionary* dicti
     // Still being processed (or in no known state): look again later.
     if (track->state() != VXTrackStateFailed && track->state() != VXTrackStateFinished)
         scheduleRefresh(track->resourceIdentifier(), std::max(2 * track->duration(), 2.0));
-    userWithUserDictionary(dictionary->objectForKey<Dictionary>("user"));
+    userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary->objectForKey(&userKey())));
     return track;
 }
 
@@ -214,7 +232,7 @@ RefPtr<VXComment> VXResourceController::commentWithCommentDictionary(Dictionary*
     if (!dictionary)
         return nullptr;
     auto comment = updateCacheForResource<VXComment>(nullptr, dictionary);
-    userWithUserDictionary(dictionary->objectForKey<Dictionary>("user"));
+    userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary->objectForKey(&userKey())));
     return comment;
 }
 
