@@ -349,6 +349,7 @@ struct KeyedUnarchiver::Impl {
     std::vector<uint32_t> depths;         // of each object's tree, by reference - 1
     uint32_t recordDepth { 1 };           // of the record being read
     const std::vector<std::pair<std::string_view, uint32_t>>* fields { nullptr };
+    size_t fieldCursor { 0 }; // where the last field asked for was found
 
     Object* resolve(uint64_t reference)
     {
@@ -525,6 +526,7 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
                     decoder = it->second;
                 }
                 impl.fields = &fields;
+                impl.fieldCursor = 0;
                 object = decoder(unarchiver);
                 impl.fields = nullptr;
                 break;
@@ -549,26 +551,34 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
     }
 }
 
+const std::pair<std::string_view, uint32_t>* KeyedUnarchiver::field(std::string_view key) const
+{
+    auto* fields = m_impl->fields;
+    if (!fields || fields->empty())
+        return nullptr;
+    // Decoders mostly ask for the fields in the order they were written, so
+    // the search starts where the last one was found.
+    size_t count = fields->size();
+    size_t start = m_impl->fieldCursor < count ? m_impl->fieldCursor : 0;
+    for (size_t i = 0; i < count; ++i) {
+        size_t index = start + i < count ? start + i : start + i - count;
+        if ((*fields)[index].first == key) {
+            m_impl->fieldCursor = index;
+            return &(*fields)[index];
+        }
+    }
+    return nullptr;
+}
+
 bool KeyedUnarchiver::containsValueForKey(std::string_view key) const
 {
-    if (!m_impl->fields)
-        return false;
-    for (auto& field : *m_impl->fields) {
-        if (field.first == key)
-            return true;
-    }
-    return false;
+    return field(key) != nullptr;
 }
 
 RefPtr<Object> KeyedUnarchiver::decodeObjectForKey(std::string_view key) const
 {
-    if (!m_impl->fields)
-        return nullptr;
-    for (auto& field : *m_impl->fields) {
-        if (field.first == key)
-            return m_impl->resolve(field.second);
-    }
-    return nullptr;
+    auto* found = field(key);
+    return found ? m_impl->resolve(found->second) : nullptr;
 }
 
 int64_t KeyedUnarchiver::decodeInt64ForKey(std::string_view key) const

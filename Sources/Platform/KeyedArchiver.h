@@ -75,12 +75,15 @@ public:
         return is<T>(object) ? RefPtr<T>(static_cast<T*>(object.get())) : nullptr;
     }
     int64_t decodeInt64ForKey(std::string_view key) const;
+
     double decodeDoubleForKey(std::string_view key) const;
     bool decodeBoolForKey(std::string_view key) const;
 
 private:
     KeyedUnarchiver();
     ~KeyedUnarchiver();
+    // The field of the object being decoded under a key, or null.
+    const std::pair<std::string_view, uint32_t>* field(std::string_view key) const;
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };
