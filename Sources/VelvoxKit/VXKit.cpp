@@ -136,10 +136,12 @@ RefPtr<Object> JSONObject(const String& string)
 
 RefPtr<Object> JSONObject(const Data& data)
 {
+    // Bytes that are not UTF-8 make no string, so no value; the others are
+    // decoded where they lie, as the string's bytes would be, without a copy.
     auto text = data.view();
     if (!String::isValidUTF8(text.data(), text.size()))
         return nullptr;
-    return JSONObject(*String::create(text));
+    return objectFromJSONData(data);
 }
 
 } // namespace velvox
