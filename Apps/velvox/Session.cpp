@@ -204,8 +204,26 @@ std::string jsonText(Object& object)
     return text ? text->str() + "\n" : "null\n";
 }
 
-std::string columns(const std::vector<std::vector<std::string>>& rows)
+std::string printable(const std::string& text)
 {
+    std::string out = printableExcerpt(text, 4096);
+    for (auto& c : out) {
+        if (c == '\n' || c == '\t')
+            c = ' ';
+    }
+    return out;
+}
+
+std::string columns(const std::vector<std::vector<std::string>>& unsafeRows)
+{
+    std::vector<std::vector<std::string>> rows;
+    rows.reserve(unsafeRows.size());
+    for (auto& row : unsafeRows) {
+        std::vector<std::string> cells;
+        for (auto& cell : row)
+            cells.push_back(printable(cell));
+        rows.push_back(std::move(cells));
+    }
     std::vector<size_t> widths;
     auto width = [](const std::string& text) {
         size_t count = 0;

@@ -79,7 +79,10 @@ std::string durationText(double seconds);
 // A model object as the service's JSON (its descriptors' keys, the reverse transformers' values).
 Ref<Dictionary> jsonRecord(ZUObject&);
 std::string jsonText(Object&);
-// Rows as aligned columns (the first row is the heading).
+// Text from a service as a terminal may show it: a control character in a
+// title must not move the cursor or clear the screen (line breaks become blanks).
+std::string printable(const std::string&);
+// Rows as aligned columns (the first row is the heading), each cell printable.
 std::string columns(const std::vector<std::vector<std::string>>& rows);
 
 // velvox store commands: each answers its exit code.

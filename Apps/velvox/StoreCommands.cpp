@@ -353,7 +353,7 @@ int follow(Session& session, const StoreCommand& command, bool following)
             return ExitService;
         }
     }
-    session.print(std::string(following ? "following " : "not following ") + str(user->username()) + "\n");
+    session.print(std::string(following ? "following " : "not following ") + printable(str(user->username())) + "\n");
     return ExitSuccess;
 }
 
@@ -413,7 +413,7 @@ int play(Session& session, const StoreCommand& command)
         return code;
     bool wasUnplayed = track->isUnplayed();
     track->setUnplayed(false);
-    session.print(std::string(wasUnplayed ? "played " : "played again ") + str(track->title()) + "\n");
+    session.print(std::string(wasUnplayed ? "played " : "played again ") + printable(str(track->title())) + "\n");
     return ExitSuccess;
 }
 
@@ -442,7 +442,7 @@ int history(Session& session)
         auto track = session.store().cachedResource<VXTrack>(text(identifier).ptr());
         rows.push_back({ identifier, track ? str(track->title()) : "" });
     }
-    session.print(identifiers.empty() ? "No tracks played yet by " + str(me->username()) + ".\n" : columns(rows));
+    session.print(identifiers.empty() ? "No tracks played yet by " + printable(str(me->username())) + ".\n" : columns(rows));
     return ExitSuccess;
 }
 

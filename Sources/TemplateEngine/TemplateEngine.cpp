@@ -227,6 +227,10 @@ std::unique_ptr<Condition> parseOr(const std::vector<Word>& words, size_t& i, si
 
 std::unique_ptr<Condition> parseCondition(const std::vector<Word>& words, size_t start, size_t line)
 {
+    // Conditions are parsed, tested and freed recursively: a bounded length
+    // keeps any text from exhausting the stack.
+    if (words.size() - start > 200)
+        throw ParseFailure { line, "a condition is longer than 200 words" };
     size_t i = start;
     auto condition = parseOr(words, i, line);
     if (i != words.size())
@@ -241,6 +245,20 @@ struct Parser {
     const std::vector<TemplateMarker>& markers;
     size_t index { 0 };
     size_t position { 0 };
+    size_t depth { 0 };
+    // Blocks nest no deeper than this, so that no text can exhaust the stack.
+    static constexpr size_t maximumDepth = 200;
+
+    struct Nesting {
+        Parser& parser;
+        Nesting(Parser& p, size_t line)
+            : parser(p)
+        {
+            if (++parser.depth > maximumDepth)
+                throw ParseFailure { line, "blocks nest deeper than 200 levels" };
+        }
+        ~Nesting() { --parser.depth; }
+    };
 
     size_t lineAt(size_t offset) const
     {
@@ -305,6 +323,7 @@ struct Parser {
 
     Node parseFor(const std::vector<Word>& words, size_t line)
     {
+        Nesting nesting(*this, line);
         if (words.size() < 4 || words[1].quoted || !isKeyPath(words[1].text) || words[1].text.find('.') != std::string::npos
             || words[2].quoted || words[2].text != "in")
             throw ParseFailure { line, "a for tag reads {% for name in expression %}" };
@@ -331,6 +350,7 @@ struct Parser {
 
     Node parseIf(const std::vector<Word>& words, size_t line)
     {
+        Nesting nesting(*this, line);
         Node branch;
         branch.kind = Node::Kind::If;
         branch.line = line;
@@ -700,6 +720,18 @@ struct TemplateRenderer {
 
 RefPtr<String> TemplateEngine::render(const Parsed& parsed, Dictionary* variables, RefPtr<Error>* error)
 {
+    // Templates that render templates (partials) stop at a bounded depth, so
+    // that a partial that includes itself ends with an error, not a crash.
+    static thread_local int renderDepth = 0;
+    if (renderDepth >= 32) {
+        if (error)
+            *error = Error::create(TemplateEngineErrorDomain, 5, "Templates nest deeper than 32 levels.");
+        return nullptr;
+    }
+    struct DepthGuard {
+        int& depth;
+        ~DepthGuard() { --depth; }
+    } depthGuard { ++renderDepth };
     Ref protectedThis { *this };
     TemplateRenderer renderer { *this, {}, {}, {} };
     renderer.out.reserve(parsed.source.size() * 2);

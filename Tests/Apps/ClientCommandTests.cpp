@@ -106,6 +106,11 @@ TEST_F(VelvoxClient, ChangesAndTheHistoryAcrossRuns)
     EXPECT_EQ(upload.status, 0) << upload.output;
     EXPECT_TRUE(contains(upload, "state: finished")) << upload.output;
     EXPECT_TRUE(contains(upload, "Waited for")) << upload.output;
+    // A title with a terminal escape sequence is shown as text.
+    auto hostile = velvox("upload " VELVOX_SOURCE_DIR "/Resources/samples/demo.wav --title \"$(printf 'Clear\\033[2J')\"", false);
+    EXPECT_EQ(hostile.status, 0) << hostile.output;
+    EXPECT_EQ(hostile.output.find('\x1b'), std::string::npos) << hostile.output;
+    EXPECT_TRUE(contains(hostile, "Clear\\x1b[2J")) << hostile.output;
     EXPECT_EQ(velvox("upload /no/such/file --title x").status, 1);
     EXPECT_EQ(velvox("upload " VELVOX_SOURCE_DIR "/Resources/samples/demo.wav").status, 2);
 }

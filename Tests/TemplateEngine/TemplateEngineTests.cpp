@@ -138,6 +138,15 @@ TEST(TemplateEngine, BadTemplatesGiveAnErrorThatNamesTheLine)
     };
     for (auto& c : cases)
         EXPECT_EQ(render(c.input), c.error) << c.input;
+    // Depths that would exhaust the stack are refused.
+    std::string deep;
+    for (int i = 0; i < 300; ++i)
+        deep += "{% if yes %}";
+    EXPECT_EQ(render(deep), "error: line 1: blocks nest deeper than 200 levels");
+    std::string negations = "{% if";
+    for (int i = 0; i < 5000; ++i)
+        negations += " not";
+    EXPECT_EQ(render(negations + " yes %}x{% /if %}"), "error: line 1: a condition is longer than 200 words");
     // A NUL byte inside a marker (found by the fuzzer: it once stopped the word scanner).
     EXPECT_EQ(render(std::string_view("{{ it\0ems }}", 12)).rfind("error: line 1: ", 0), 0u);
 }

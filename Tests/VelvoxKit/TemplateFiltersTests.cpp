@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 using namespace velvox;
 
 namespace {
@@ -101,6 +103,17 @@ TEST(TemplateFilters, PartialsRenderWithElementAndEscapeWhatTheyShow)
     EXPECT_EQ(text(invoke("partial", { missing.ptr() }, comment.ptr())), "(nothing)");
     setLogSink(previous);
     EXPECT_EQ(lines.size(), 1u);
+
+    // A partial that includes itself ends with nothing at a bounded depth.
+    test::TemporaryFolder resources;
+    std::filesystem::create_directories(resources.path() + "/views");
+    FileManager::writeFileAtomically(resources.path() + "/views/self.html", "<i>{{ element | partial 'views/self.html' }}</i>");
+    std::string savedResources = Bundle::mainBundle().resourcePath();
+    Bundle::mainBundle().setResourcePath(resources.path());
+    auto self = String::create("views/self.html");
+    auto nested = text(invoke("partial", { self.ptr() }, String::create("x").ptr()));
+    Bundle::mainBundle().setResourcePath(savedResources);
+    EXPECT_EQ(std::count(nested.begin(), nested.end(), 'i') / 2, 32) << nested.substr(0, 100);
 
     // Through an engine, "to_html" gets escaped text and writes markup.
     auto engine = TemplateEngine::templateEngine();
