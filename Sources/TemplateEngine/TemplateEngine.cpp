@@ -4,6 +4,7 @@
 #include <Platform/Platform.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <list>
@@ -24,6 +25,7 @@ struct Expression {
     enum class Kind { Path, Literal };
     Kind kind { Kind::Literal };
     std::string path;
+    std::vector<std::string> segments; // the path split at its dots, once
     RefPtr<Object> literal;
     struct Filter {
         std::string name;
@@ -138,6 +140,13 @@ Expression primary(const Word& word, size_t line)
     } else if (isKeyPath(word.text)) {
         expression.kind = Expression::Kind::Path;
         expression.path = word.text;
+        for (size_t start = 0;;) {
+            size_t dot = word.text.find('.', start);
+            expression.segments.push_back(word.text.substr(start, dot == std::string::npos ? std::string::npos : dot - start));
+            if (dot == std::string::npos)
+                break;
+            start = dot + 1;
+        }
     } else {
         throw ParseFailure { line, "\"" + word.text + "\" is not a value" };
     }
@@ -474,13 +483,13 @@ struct TemplateRenderer {
         std::string message;
     };
 
-    RefPtr<Object> lookUp(const std::string& path) const
+    RefPtr<Object> lookUp(const Expression& expression) const
     {
-        size_t dot = path.find('.');
-        std::string_view first = std::string_view(path).substr(0, dot);
+        const auto& segments = expression.segments;
+        const std::string& first = segments.front();
         if (first == "loop" && !loops.empty() && !shadowsLoop()) {
             auto& loop = loops.back();
-            std::string_view rest = dot == std::string::npos ? std::string_view() : std::string_view(path).substr(dot + 1);
+            std::string_view rest = segments.size() == 2 ? std::string_view(segments[1]) : std::string_view();
             if (rest == "index")
                 return Number::create(static_cast<int64_t>(loop.index));
             if (rest == "first")
@@ -489,24 +498,24 @@ struct TemplateRenderer {
                 return Number::withBool(loop.index + 1 == loop.count);
             return nullptr;
         }
-        RefPtr<Object> value;
-        bool found = false;
+        Object* found = nullptr;
         for (auto it = scopes.rbegin(); it != scopes.rend(); ++it) {
             if (it->first == first) {
-                value = it->second;
-                found = true;
+                found = it->second.get();
                 break;
             }
         }
-        if (!found || dot == std::string::npos)
-            return value;
-        if (!value)
+        if (!found)
             return nullptr;
+        RefPtr<Object> value = found;
         try {
-            return value->valueForKeyPath(std::string_view(path).substr(dot + 1));
+            // One key at a time, as valueForKeyPath would, without splitting the path again.
+            for (size_t i = 1; i < segments.size() && value; ++i)
+                value = value->valueForKey(segments[i]);
         } catch (const Exception&) {
             return nullptr; // a key the object does not know writes nothing
         }
+        return value;
     }
 
     // Whether a variable named "loop" was bound inside the innermost loop.
@@ -522,7 +531,7 @@ struct TemplateRenderer {
     // The value and whether it is markup already.
     std::pair<RefPtr<Object>, bool> evaluate(const Expression& expression, size_t line)
     {
-        RefPtr<Object> value = expression.kind == Expression::Kind::Path ? lookUp(expression.path) : expression.literal;
+        RefPtr<Object> value = expression.kind == Expression::Kind::Path ? lookUp(expression) : expression.literal;
         bool markup = false;
         for (auto& filter : expression.filters) {
             if (filter.name == "raw") {
@@ -560,22 +569,31 @@ struct TemplateRenderer {
 
     static void appendEscaped(std::string& out, std::string_view text)
     {
+        // Runs without a special character are appended whole; a table
+        // finds them (find_first_of would search the set for every byte).
+        static constexpr auto special = [] {
+            std::array<bool, 256> table {};
+            for (unsigned char c : std::string_view("&<>\"'"))
+                table[c] = true;
+            return table;
+        }();
         out.reserve(out.size() + text.size() + 16);
-        // Runs without a special character are appended whole.
-        while (!text.empty()) {
-            size_t special = text.find_first_of("&<>\"'");
-            out.append(text.substr(0, special));
-            if (special == std::string_view::npos)
-                return;
-            switch (text[special]) {
+        size_t run = 0;
+        for (size_t i = 0; i < text.size(); ++i) {
+            unsigned char c = static_cast<unsigned char>(text[i]);
+            if (!special[c])
+                continue;
+            out.append(text.substr(run, i - run));
+            switch (c) {
             case '&': out += "&amp;"; break;
             case '<': out += "&lt;"; break;
             case '>': out += "&gt;"; break;
             case '"': out += "&quot;"; break;
             default: out += "&#39;"; break;
             }
-            text.remove_prefix(special + 1);
+            run = i + 1;
         }
+        out.append(text.substr(run));
     }
 
     static std::string textOf(Object* value)
