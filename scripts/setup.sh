@@ -2,18 +2,20 @@
 # Installs the Debian packages the build needs (only those missing), then
 # configures and builds VelvoxKit with Ninja.
 #
-#   scripts/setup.sh [--build-dir DIR] [--sanitize] [--benchmarks] [--fuzzers]
+#   scripts/setup.sh [--build-dir DIR] [--sanitize] [--benchmarks] [--fuzzers] [--browser]
+#   (--browser: headless Chromium, which the tests of the HTML views load pages in)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build_dir=build
 cmake_args=()
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev liburiparser-dev libcli11-dev
-  libcurl4-openssl-dev libcpp-httplib-dev libicu-dev libfast-float-dev locales zlib1g-dev chromium fonts-dejavu-core)
+  libcurl4-openssl-dev libcpp-httplib-dev libicu-dev libfast-float-dev locales zlib1g-dev)
 while [ $# -gt 0 ]; do
   case "$1" in
     --build-dir) build_dir=$2; shift 2 ;;
     --sanitize) cmake_args+=(-DVELVOX_SANITIZE=ON); shift ;;
+    --browser) packages+=(chromium fonts-dejavu-core); shift ;;
     --benchmarks)
       cmake_args+=(-DVELVOX_BUILD_BENCHMARKS=ON -DCMAKE_BUILD_TYPE=Release -DVELVOX_BUILD_TESTS=OFF)
       packages+=(libbenchmark-dev rapidjson-dev libsimdjson-dev nlohmann-json3-dev libcjson-dev libyajl-dev libkainjow-mustache-dev)

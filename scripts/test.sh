@@ -4,10 +4,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir=build
-setup_args=()
+setup_args=(--browser)
 if [ "${1:-}" = "--sanitize" ]; then
   build_dir=build-sanitize
-  setup_args=(--sanitize)
+  setup_args=(--browser --sanitize)
 fi
 scripts/setup.sh --build-dir "$build_dir" "${setup_args[@]}"
 cd "$build_dir"
