@@ -350,6 +350,9 @@ struct KeyedUnarchiver::Impl {
     uint32_t recordDepth { 1 };           // of the record being read
     const std::vector<std::pair<std::string_view, uint32_t>>* fields { nullptr };
     size_t fieldCursor { 0 }; // where the last field asked for was found
+    std::vector<std::pair<std::string_view, uint32_t>> fieldStorage;
+    std::string lastClassName;
+    Decoder lastDecoder;
 
     Object* resolve(uint64_t reference)
     {
@@ -506,7 +509,10 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
             case Tag::Coded: {
                 auto className = reader.text();
                 size_t n = reader.count(2);
-                std::vector<std::pair<std::string_view, uint32_t>> fields;
+                // One field list for every object: decoding never nests (the
+                // fields refer to objects decoded before).
+                auto& fields = impl.fieldStorage;
+                fields.clear();
                 fields.reserve(n);
                 for (size_t i = 0; i < n; ++i) {
                     auto key = reader.text();
@@ -517,14 +523,17 @@ RefPtr<Object> KeyedUnarchiver::unarchiveObjectWithData(const Data& data)
                     if (reference)
                         impl.recordDepth = std::max(impl.recordDepth, impl.depths[reference - 1] + 1);
                 }
-                Decoder decoder;
-                {
+                // Archives hold many objects of few classes: the decoder of
+                // the last class is kept at hand.
+                if (className != impl.lastClassName || !impl.lastDecoder) {
                     std::lock_guard lock(classRegistry().mutex);
                     auto it = classRegistry().decoders.find(className);
                     if (it == classRegistry().decoders.end())
                         throw ArchiveFailure();
-                    decoder = it->second;
+                    impl.lastDecoder = it->second;
+                    impl.lastClassName = std::string(className);
                 }
+                Decoder& decoder = impl.lastDecoder;
                 impl.fields = &fields;
                 impl.fieldCursor = 0;
                 object = decoder(unarchiver);
