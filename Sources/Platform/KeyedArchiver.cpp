@@ -164,6 +164,11 @@ struct KeyedArchiver::Impl {
     Writer records;
     uint32_t recordCount { 0 };
     std::unordered_map<const Object*, uint32_t> written;
+    // Small values (strings, numbers, dates, URLs...) by their record's bytes:
+    // equal values are written once, whatever objects held them, so an
+    // identity map's thousands of equal counts, flags and words cost one
+    // record each and come back as one shared (immutable) object.
+    std::unordered_map<std::string, uint32_t> writtenValues;
     std::unordered_set<const Object*> inProgress;
     std::vector<Ref<Object>> keepAlive;
     // The fields of the coded object being encoded: key and reference.
@@ -199,7 +204,9 @@ uint32_t KeyedArchiver::encodeReference(Object* object)
     // Children are written before their parent, so that every reference in
     // an archive points backwards and reading needs one pass.
     Writer record;
+    bool leaf = true; // a record that refers to no other record
     auto writeElements = [&](Tag tag, auto& collection) {
+        leaf = false;
         std::vector<uint32_t> references;
         for (auto* element : collection)
             references.push_back(encodeReference(element));
@@ -239,6 +246,7 @@ uint32_t KeyedArchiver::encodeReference(Object* object)
     } else if (auto* array = dynamicDowncast<Array>(object)) {
         writeElements(is<MutableArray>(object) ? Tag::MutableArray : Tag::Array, *array);
     } else if (auto* dictionary = dynamicDowncast<Dictionary>(object)) {
+        leaf = false;
         std::vector<uint32_t> references;
         for (auto& entry : *dictionary) {
             references.push_back(encodeReference(entry.key));
@@ -251,6 +259,7 @@ uint32_t KeyedArchiver::encodeReference(Object* object)
     } else if (auto* set = dynamicDowncast<Set>(object)) {
         writeElements(is<MutableSet>(object) ? Tag::MutableSet : Tag::Set, *set);
     } else if (auto* error = dynamicDowncast<Error>(object)) {
+        leaf = false;
         uint32_t domain = encodeReference(error->domain());
         uint32_t userInfo = encodeReference(error->userInfo());
         record.byte(static_cast<uint8_t>(Tag::Error));
@@ -259,10 +268,12 @@ uint32_t KeyedArchiver::encodeReference(Object* object)
         record.varint((static_cast<uint64_t>(code) << 1) ^ static_cast<uint64_t>(code >> 63));
         record.varint(userInfo);
     } else if (auto* image = dynamicDowncast<Image>(object)) {
+        leaf = false;
         uint32_t data = encodeReference(&image->data());
         record.byte(static_cast<uint8_t>(Tag::Image));
         record.varint(data);
     } else if (auto* coding = object->asCoding()) {
+        leaf = false;
         std::vector<std::pair<std::string, uint32_t>> fields;
         auto* outer = std::exchange(m_impl->fields, &fields);
         try {
@@ -284,9 +295,21 @@ uint32_t KeyedArchiver::encodeReference(Object* object)
     }
 
     m_impl->inProgress.erase(object);
+    constexpr size_t largestSharedValue = 256;
+    std::string valueKey;
+    if (leaf && record.bytes().size() <= largestSharedValue) {
+        valueKey.assign(reinterpret_cast<const char*>(record.bytes().data()), record.bytes().size());
+        if (auto it = m_impl->writtenValues.find(valueKey); it != m_impl->writtenValues.end()) {
+            m_impl->written.emplace(object, it->second);
+            m_impl->keepAlive.emplace_back(*object);
+            return it->second;
+        }
+    }
     m_impl->records.raw(record.bytes().data(), record.bytes().size());
     uint32_t reference = ++m_impl->recordCount;
     m_impl->written.emplace(object, reference);
+    if (!valueKey.empty())
+        m_impl->writtenValues.emplace(std::move(valueKey), reference);
     // Values made on the fly by encodeInt64() and friends die after the call;
     // keeping every written object alive stops a new one reusing a written address.
     m_impl->keepAlive.emplace_back(*object);
