@@ -70,6 +70,9 @@ Ref<MutableArray> Array::mutableCopy() const
 
 Ref<String> Array::description() const
 {
+    detail::DescriptionBudget budget;
+    if (budget.exhausted())
+        return String::create("…");
     std::string text = "(";
     size_t n = count();
     for (size_t i = 0; i < n; ++i) {
@@ -77,6 +80,7 @@ Ref<String> Array::description() const
         text += indented(objectAtIndex(i)->description()->view());
     }
     text += "\n)";
+    budget.spend(text.size());
     return String::create(text);
 }
 

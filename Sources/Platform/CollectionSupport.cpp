@@ -82,4 +82,42 @@ void CollectionComparison::markEqual()
 
 } // namespace detail
 
+namespace detail {
+
+namespace {
+
+struct DescriptionState {
+    int depth { 0 };
+    size_t spent { 0 };
+};
+thread_local DescriptionState t_description;
+
+constexpr int maximumDescriptionDepth = 100;
+constexpr size_t maximumDescriptionLength = 4 * 1024 * 1024;
+
+} // namespace
+
+DescriptionBudget::DescriptionBudget()
+{
+    if (t_description.depth++ == 0)
+        t_description.spent = 0;
+}
+
+DescriptionBudget::~DescriptionBudget()
+{
+    --t_description.depth;
+}
+
+bool DescriptionBudget::exhausted() const
+{
+    return t_description.depth > maximumDescriptionDepth || t_description.spent > maximumDescriptionLength;
+}
+
+void DescriptionBudget::spend(size_t characters)
+{
+    t_description.spent += characters;
+}
+
+} // namespace detail
+
 } // namespace velvox

@@ -46,6 +46,21 @@ private:
     const Object* m_b;
 };
 
+// Nested descriptions of collections are bounded: past 100 levels or 4 MiB of
+// text in all, a collection describes itself as "…". A crafted tree that
+// shares sub-trees would otherwise describe itself in exponential size.
+class DescriptionBudget {
+public:
+    DescriptionBudget();
+    ~DescriptionBudget();
+    DescriptionBudget(const DescriptionBudget&) = delete;
+    DescriptionBudget& operator=(const DescriptionBudget&) = delete;
+
+    bool exhausted() const;
+    // Counts a finished description against the outermost one's budget.
+    void spend(size_t characters);
+};
+
 } // namespace detail
 
 } // namespace velvox

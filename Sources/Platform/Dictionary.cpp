@@ -68,6 +68,9 @@ Ref<MutableDictionary> Dictionary::mutableCopy() const
 
 Ref<String> Dictionary::description() const
 {
+    detail::DescriptionBudget budget;
+    if (budget.exhausted())
+        return String::create("…");
     std::string text = "{";
     for (auto& entry : *this) {
         text += "\n    ";
@@ -77,6 +80,7 @@ Ref<String> Dictionary::description() const
         text += ";";
     }
     text += "\n}";
+    budget.spend(text.size());
     return String::create(text);
 }
 

@@ -42,6 +42,9 @@ Ref<MutableSet> Set::mutableCopy() const
 
 Ref<String> Set::description() const
 {
+    detail::DescriptionBudget budget;
+    if (budget.exhausted())
+        return String::create("…");
     std::string text = "{(";
     bool first = true;
     for (auto* object : *this) {
@@ -50,6 +53,7 @@ Ref<String> Set::description() const
         first = false;
     }
     text += "\n)}";
+    budget.spend(text.size());
     return String::create(text);
 }
 

@@ -162,3 +162,22 @@ TEST(Set, MembershipByEquality)
     EXPECT_THROW(set->addObject(nullptr), Exception);
     EXPECT_EQ(Set::create()->copy()->count(), 0u);
 }
+
+TEST(Collections, DescriptionsOfHugeOrDeepTreesAreCut)
+{
+    // Sixty levels of [previous, previous]: 2^60 leaves if described in full.
+    RefPtr<Array> shared = Array::create({ String::create("leaf").ptr() });
+    for (int i = 0; i < 60; ++i)
+        shared = Array::create({ shared.get(), shared.get() });
+    auto text = shared->description();
+    EXPECT_LT(text->view().size(), 64u * 1024 * 1024);
+    EXPECT_NE(text->view().find("…"), std::string_view::npos);
+
+    // Past a hundred levels a collection says "…"; shallow ones are described whole.
+    RefPtr<Object> deep = String::create("bottom");
+    for (int i = 0; i < 150; ++i)
+        deep = Dictionary::create({ { "k", deep.get() } });
+    EXPECT_NE(deep->description()->view().find("…"), std::string_view::npos);
+    auto shallow = Array::create({ String::create("a").ptr(), Dictionary::create({ { "k", String::create("v").ptr() } }).ptr() });
+    EXPECT_EQ(shallow->description()->str(), "(\n    a,\n    {\n        k = v;\n    }\n)");
+}
