@@ -38,6 +38,10 @@ struct JCManagedBuffer {
     bool resize(size_t size)
     {
         size_t granularity = roundSizeUpToMultipleOf ? roundSizeUpToMultipleOf : 1;
+        // Growing by half again at least: a large output then costs a few
+        // reallocations, not one per granule.
+        if (size < length + length / 2)
+            size = length + length / 2;
         size_t newSize = (size + granularity - 1) / granularity * granularity;
         if ((flags & JCManagedBufferLocationMask) == JCManagedBufferOnStack) {
             auto* heap = static_cast<uint8_t*>(malloc(newSize));
