@@ -92,7 +92,7 @@ bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, size_t in
     auto& accessor = descriptor.accessor();
     switch (accessor.compare(*this, value)) {
     case ZUPropertyAccessor::Comparison::Equal:
-        if (transforms)
+        if (transforms && announce)
             rememberAppliedValue(index, jsonValue);
         return false;
     case ZUPropertyAccessor::Comparison::Unacceptable:
@@ -105,7 +105,9 @@ bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, size_t in
     if (announce)
         willChangeValueForKey(descriptor.keyPath().view());
     accessor.assign(*this, value);
-    if (transforms)
+    // Refreshes remember raw values; a new object's first fill does not (it
+    // pays for no memo until it is refreshed).
+    if (transforms && announce)
         rememberAppliedValue(index, jsonValue);
     if (announce)
         didChangeValueForKey(descriptor.keyPath().view());
