@@ -10,13 +10,11 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <unistd.h>
 
 namespace velvox::app {
 
 Session::Session(const ServiceOptions& options)
     : m_options(options)
-    , m_terminal(isatty(STDOUT_FILENO))
 {
 }
 

@@ -46,7 +46,6 @@ public:
     int open(const char* command);
     VXResourceController& store() { return *m_store; }
     const ServiceOptions& options() const { return m_options; }
-    bool usesSandbox() const { return static_cast<bool>(m_sandbox); }
 
     // Runs the loop until the condition holds; false after the time-out.
     bool waitFor(const std::function<bool()>& condition, double seconds = 30);
@@ -60,7 +59,6 @@ public:
 
     // Output: standard output unless --quiet; write errors make finish() fail.
     void print(const std::string& text);
-    bool isTerminal() const { return m_terminal; }
     // Saves the store's archives (the application's termination) and checks
     // that standard output took everything. Answers the final exit code.
     int finish(int code);
@@ -69,7 +67,6 @@ private:
     ServiceOptions m_options;
     std::unique_ptr<sandbox::SandboxService> m_sandbox;
     RefPtr<VXResourceController> m_store;
-    bool m_terminal { false };
     bool m_finished { false };
 };
 

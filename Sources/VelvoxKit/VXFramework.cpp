@@ -32,6 +32,11 @@ void VXRegisterValueTransformers()
 void VXRegisterFramework()
 {
     VXRegisterValueTransformers();
+    VXRegisterArchiveClasses();
+}
+
+void VXRegisterArchiveClasses()
+{
     ZUObject::registerClassForArchiving<VXResource>();
     ZUObject::registerClassForArchiving<VXUser>();
     ZUObject::registerClassForArchiving<VXTrack>();

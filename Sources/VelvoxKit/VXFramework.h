@@ -12,7 +12,10 @@ namespace velvox {
 // array, activity type, track state, time interval, number to string.
 void VXRegisterValueTransformers();
 
-// The transformers, then every model class for keyed archives.
+// Every model class, for keyed archives.
+void VXRegisterArchiveClasses();
+
+// The transformers, then the archive classes.
 void VXRegisterFramework();
 
 } // namespace velvox

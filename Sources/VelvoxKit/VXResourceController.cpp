@@ -84,7 +84,7 @@ Ref<VXResourceController> VXResourceController::create()
     auto store = adoptRef(*new VXResourceController);
     registerValueTransformers();
     // The archive holds model objects; their classes must be known to read it.
-    VXRegisterFramework();
+    VXRegisterArchiveClasses();
     loadArchive(store->resourceCacheFilePath(), [&store](RefPtr<Object> root) {
         if (auto* cache = dynamicDowncast<Dictionary>(root.get()))
             store->m_resourceCache = cache->mutableCopy();

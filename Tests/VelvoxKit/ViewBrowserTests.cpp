@@ -7,49 +7,29 @@
 #include <VelvoxKit/VXResourceController.h>
 #include <VelvoxKit/VXViewRenderer.h>
 
+#include <Browser.h>
 #include <StoreFixture.h>
 
 #include <filesystem>
 
 using namespace velvox;
+using velvox::test::chromium;
+using velvox::test::domOf;
 using Operation = ZURemoteCollectionReloadOperationType;
 
 namespace {
 
-const char* chromium()
-{
-    for (auto* candidate : { "/usr/bin/chromium", "/usr/bin/chromium-browser", "/usr/bin/google-chrome" }) {
-        if (access(candidate, X_OK) == 0)
-            return candidate;
-    }
-    return nullptr;
-}
-
+// Kept in the build tree for people to look at; never in the sources.
 std::string artifactFolder()
 {
-    auto folder = std::filesystem::current_path() / "test-artifacts";
+    std::string folder = VELVOX_TEST_ARTIFACTS;
     std::filesystem::create_directories(folder);
-    return folder.string();
-}
-
-// Chromium run headless with a profile of its own, so that browsers of tests
-// that run at the same time do not meet.
-test::Outcome runChromium(const std::string& arguments)
-{
-    test::TemporaryFolder profile;
-    return test::run(std::string(chromium()) + " --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --no-first-run "
-        "--user-data-dir='" + profile.path() + "' " + arguments);
-}
-
-// The DOM after the page ran, as the browser serialises it.
-std::string domOf(const std::string& file)
-{
-    return runChromium("--virtual-time-budget=2000 --dump-dom 'file://" + file + "'").output;
+    return folder;
 }
 
 void screenshot(const std::string& file, const std::string& image)
 {
-    runChromium("--hide-scrollbars --window-size=900,1200 --screenshot='" + image + "' 'file://" + file + "'");
+    test::runChromium("--hide-scrollbars --window-size=900,1200 --screenshot='" + image + "' 'file://" + file + "'");
 }
 
 size_t occurrences(const std::string& text, std::string_view what)
