@@ -10,6 +10,7 @@
 #include <Platform/String.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -139,19 +140,28 @@ inline bool bytesEqual(const uint8_t* a, const uint8_t* b, size_t length)
     return !memcmp(a, b, length);
 }
 
-// Skips a run of blanks, sixteen at a time.
-inline size_t skipBlanks(const uint8_t* bytes, size_t at, size_t length)
+// Skips blanks, tabs, CRs and LFs, sixteen at a time where they run long.
+inline size_t skipWhiteSpace(const uint8_t* bytes, size_t at, size_t length)
 {
+    auto isWhite = [](uint8_t c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; };
+    if (at < length && !isWhite(bytes[at]))
+        return at;
 #ifdef __SSE2__
     const __m128i blank = _mm_set1_epi8(' ');
+    const __m128i lineFeed = _mm_set1_epi8('\n');
+    const __m128i tab = _mm_set1_epi8('\t');
+    const __m128i carriageReturn = _mm_set1_epi8('\r');
     while (length - at >= 16) {
-        int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + at)), blank));
+        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + at));
+        __m128i white = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, blank), _mm_cmpeq_epi8(chunk, lineFeed)),
+            _mm_or_si128(_mm_cmpeq_epi8(chunk, tab), _mm_cmpeq_epi8(chunk, carriageReturn)));
+        int mask = _mm_movemask_epi8(white);
         if (mask != 0xFFFF)
             return at + __builtin_ctz(static_cast<unsigned>(~mask));
         at += 16;
     }
 #endif
-    while (at < length && bytes[at] == ' ')
+    while (at < length && isWhite(bytes[at]))
         ++at;
     return at;
 }
@@ -173,6 +183,12 @@ struct JCTokenCacheItem {
     const uint8_t* bytes { nullptr };
     uint8_t numberBytes[8] {};
     uint8_t type { JCValueTypeNone };
+    // References handed out by hits of this parse and not yet counted: they
+    // are added in one step when the parse ends (or the item is reused), so a
+    // key met a thousand times costs one atomic operation, not a thousand.
+    // The cache's own reference keeps the object alive meanwhile.
+    uint32_t pendingRefs { 0 };
+    bool pendingListed { false };
 };
 
 struct JCTokenValue {
@@ -209,6 +225,20 @@ struct JCTokenCache {
     size_t count { 0 };
     uint8_t* age { nullptr };
     uint32_t prng_lfsr { 0 };
+    // The items with pending references, in the order they got their first.
+    uint16_t* pending { nullptr };
+    size_t pendingCount { 0 };
+
+    void applyPendingRefs()
+    {
+        for (size_t i = 0; i < pendingCount; ++i) {
+            auto& item = items[pending[i]];
+            item.object->ref(item.pendingRefs);
+            item.pendingRefs = 0;
+            item.pendingListed = false;
+        }
+        pendingCount = 0;
+    }
 };
 
 struct JCParseState {
@@ -216,8 +246,6 @@ struct JCParseState {
     const uint8_t* stringBytes { nullptr };
     size_t stringLength { 0 };
     size_t atIndex { 0 };
-    size_t lineNumber { 1 };
-    size_t lineStartIndex { 0 };
     JCParseToken token;
     JCManagedBuffer tokenBuffer;
     JCObjectStack objectStack;
@@ -231,10 +259,12 @@ struct JCParseState {
         clearCache();
         free(cache.items);
         free(cache.age);
+        free(cache.pending);
     }
 
     void clearCache()
     {
+        cache.applyPendingRefs();
         for (size_t i = 0; i < cache.count; ++i) {
             auto& item = cache.items[i];
             if (item.object)
@@ -260,7 +290,7 @@ private:
         auto userInfo = Dictionary::create({
             { LocalizedDescriptionKey, message.ptr() },
             { JCAtIndexKey, Number::withUnsignedInteger(state->atIndex).ptr() },
-            { JCLineNumberKey, Number::withUnsignedInteger(state->lineNumber).ptr() },
+            { JCLineNumberKey, Number::withUnsignedInteger(lineNumberAt(state, state->atIndex)).ptr() },
         });
         state->error = Error::create(JCErrorDomain, -1, userInfo.ptr());
     }
@@ -270,6 +300,9 @@ private:
     static bool jc_parse_next_token(JCParseState*);
     static void jc_parse_skip_whitespace(JCParseState*);
     static size_t jc_parse_is_newline(JCParseState*, const uint8_t* at);
+    // The 1-based line of a byte: the newlines before it that white space and
+    // comments hold (none inside strings), counted as the tokenizer skips them.
+    static size_t lineNumberAt(JCParseState*, size_t index);
     static bool jc_parse_string(JCParseState*);
     static bool jc_parse_number(JCParseState*);
     static Object* jc_object_for_token(JCParseState*);
@@ -420,35 +453,67 @@ size_t JCParser::jc_parse_is_newline(JCParseState* state, const uint8_t* at)
     return 0;
 }
 
+size_t JCParser::lineNumberAt(JCParseState* state, size_t index)
+{
+    const uint8_t* bytes = state->stringBytes;
+    size_t length = state->stringLength;
+    index = std::min(index, length);
+    bool comments = state->parseOptionFlags & JCParseOptionComments;
+    size_t line = 1;
+    size_t at = 0;
+    while (at < index) {
+        uint8_t c = bytes[at];
+        if (c == '"') {
+            for (++at; at < index; ++at) {
+                if (bytes[at] == '\\')
+                    ++at;
+                else if (bytes[at] == '"') {
+                    ++at;
+                    break;
+                }
+            }
+            continue;
+        }
+        if (comments && c == '/' && at + 1 < length && (bytes[at + 1] == '/' || bytes[at + 1] == '*')) {
+            bool block = bytes[at + 1] == '*';
+            at += 2;
+            while (at < index) {
+                if (block && bytes[at] == '*' && at + 1 < length && bytes[at + 1] == '/') {
+                    at += 2;
+                    break;
+                }
+                if (size_t newline = jc_parse_is_newline(state, bytes + at)) {
+                    at += newline;
+                    ++line;
+                    if (!block)
+                        break;
+                    continue;
+                }
+                ++at;
+            }
+            continue;
+        }
+        if (size_t newline = jc_parse_is_newline(state, bytes + at)) {
+            at += newline;
+            ++line;
+            continue;
+        }
+        ++at;
+    }
+    return line;
+}
+
 void JCParser::jc_parse_skip_whitespace(JCParseState* state)
 {
     const uint8_t* bytes = state->stringBytes;
     size_t length = state->stringLength;
-    size_t at = state->atIndex;
-    // The common cases inline: blanks, tabs and LF.
-    while (at < length) {
-        uint8_t c = bytes[at];
-        if (c == ' ') {
-            at = skipBlanks(bytes, at + 1, length);
-            continue;
-        }
-        if (c == '\t') {
-            ++at;
-            continue;
-        }
-        if (c == '\n') {
-            ++at;
-            ++state->lineNumber;
-            state->lineStartIndex = at;
-            continue;
-        }
-        if (c == '\r' || c == '/' || c >= 0xC2)
-            break;
-        state->atIndex = at;
-        return;
-    }
+    // Lines are not counted here: an error recounts them (lineNumberAt), so
+    // the common white space (blanks, tabs, CR and LF) is a plain skip.
+    size_t at = skipWhiteSpace(bytes, state->atIndex, length);
     state->atIndex = at;
-    if (at >= length)
+    if (at >= length || !(state->parseOptionFlags & (JCParseOptionComments | JCParseOptionUnicodeNewlines)))
+        return;
+    if (bytes[at] != '/' && bytes[at] < 0xC2)
         return;
 
     bool comments = state->parseOptionFlags & JCParseOptionComments;
@@ -460,8 +525,6 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
         }
         if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
             state->atIndex += newline;
-            ++state->lineNumber;
-            state->lineStartIndex = state->atIndex;
             continue;
         }
         if (comments && c == '/' && state->atIndex + 1 < length) {
@@ -471,8 +534,6 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
                 while (state->atIndex < length) {
                     if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
                         state->atIndex += newline;
-                        ++state->lineNumber;
-                        state->lineStartIndex = state->atIndex;
                         break;
                     }
                     ++state->atIndex;
@@ -488,8 +549,6 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
                     }
                     if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
                         state->atIndex += newline;
-                        ++state->lineNumber;
-                        state->lineStartIndex = state->atIndex;
                         continue;
                     }
                     ++state->atIndex;
@@ -1063,7 +1122,11 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
         if (item.hash == hash && item.size == length && item.type == value.type && bytesEqual(item.bytes, value.ptrRange.ptr, length)) {
             cache.age[bucket] = static_cast<uint8_t>(cache.age[bucket] * 2 + 1);
             value.cacheItem = &item;
-            item.object->ref();
+            if (!item.pendingListed) {
+                item.pendingListed = true;
+                cache.pending[cache.pendingCount++] = static_cast<uint16_t>(bucket);
+            }
+            ++item.pendingRefs;
             return item.object;
         }
         if (!slot) {
@@ -1096,8 +1159,14 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
     }
 
     if (slot) {
-        if (slot->object)
-            slot->object->deref();
+        if (slot->object) {
+            // The evicted object's pending references, less the cache's own.
+            if (uint32_t pending = slot->pendingRefs) {
+                slot->pendingRefs = 0;
+                slot->object->ref(pending - 1);
+            } else
+                slot->object->deref();
+        }
         object->ref();
         slot->object = object;
         slot->hash = hash;
@@ -1194,6 +1263,7 @@ Object* JCParser::jc_parse_array(JCParseState* state)
     }
 
     if (!parsedArray) {
+        state->cache.applyPendingRefs();
         for (size_t i = startingObjectIndex; i < stack.index; ++i) {
             if (stack.objects[i])
                 stack.objects[i]->deref();
@@ -1239,6 +1309,7 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
             // builds itself in the slots from stack.index on.
             if (!jc_parse_next_token(state) || state->token.type != JCTokenTypeSeparator) {
                 jc_error(state, "Expected ':'.");
+                state->cache.applyPendingRefs();
                 key->deref();
                 break;
             }
@@ -1250,6 +1321,7 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
                     jc_error(state, "Internal error: Object == NULL.");
             }
             if (!object) {
+                state->cache.applyPendingRefs();
                 key->deref();
                 break;
             }
@@ -1278,6 +1350,7 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
     }
 
     if (!parsedDictionary) {
+        state->cache.applyPendingRefs();
         for (size_t i = startingObjectIndex; i < stack.index; ++i) {
             if (stack.keys[i])
                 stack.keys[i]->deref();
@@ -1319,8 +1392,6 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     state->stringBytes = string;
     state->stringLength = length;
     state->atIndex = 0;
-    state->lineNumber = 1;
-    state->lineStartIndex = 0;
     state->error = nullptr;
     state->mutableCollections = mutableCollections;
     state->depth = 0;
@@ -1332,11 +1403,18 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     state->tokenBuffer.setToStackBuffer(stackTokenBuffer, sizeof(stackTokenBuffer));
     jc_objectStack_setToStackBuffer(&state->objectStack, stackObjects, stackKeys, stackHashes, 1024);
 
+    // Whatever way the parse ends (an exception included), the references
+    // that its cache hits handed out are counted before it returns.
+    struct ApplyPendingRefs {
+        JCTokenCache& cache;
+        ~ApplyPendingRefs() { cache.applyPendingRefs(); }
+    } applyPendingRefs { state->cache };
     Object* parsed = json_parse_it(state);
     if (parsed && state->atIndex < state->stringLength) {
         jc_parse_skip_whitespace(state);
         if (state->atIndex < state->stringLength && !(state->parseOptionFlags & JCParseOptionPermitTextAfterValidJSON)) {
             jc_error(state, "A valid JSON object was parsed but there were additional non-white-space characters remaining.");
+            state->cache.applyPendingRefs();
             parsed->deref();
             parsed = nullptr;
         }
@@ -1355,8 +1433,6 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     state->stringBytes = nullptr;
     state->stringLength = 0;
     state->atIndex = 0;
-    state->lineNumber = 1;
-    state->lineStartIndex = 0;
     state->token = JCParseToken {};
     state->error = nullptr;
     state->mutableCollections = false;
@@ -1378,7 +1454,8 @@ JSONDecoder::JSONDecoder(JCParseOptionFlags options)
     state.cache.count = detail::JCCacheBuckets;
     state.cache.items = static_cast<detail::JCTokenCacheItem*>(calloc(state.cache.count, sizeof(detail::JCTokenCacheItem)));
     state.cache.age = static_cast<uint8_t*>(calloc(state.cache.count, 1));
-    if (!state.cache.items || !state.cache.age)
+    state.cache.pending = static_cast<uint16_t*>(calloc(state.cache.count, sizeof(uint16_t)));
+    if (!state.cache.items || !state.cache.age || !state.cache.pending)
         throw std::bad_alloc();
 }
 

@@ -34,13 +34,21 @@ Ref<Number> Number::withDouble(double value)
 
 Number& Number::trueValue()
 {
-    static Number* s_true = new Number('c', int64_t(1));
+    static Number* s_true = [] {
+        auto* value = new Number('c', int64_t(1));
+        value->makeImmortal();
+        return value;
+    }();
     return *s_true;
 }
 
 Number& Number::falseValue()
 {
-    static Number* s_false = new Number('c', int64_t(0));
+    static Number* s_false = [] {
+        auto* value = new Number('c', int64_t(0));
+        value->makeImmortal();
+        return value;
+    }();
     return *s_false;
 }
 
@@ -188,7 +196,11 @@ size_t Number::hash() const
 
 Null& Null::null()
 {
-    static Null* s_null = new Null;
+    static Null* s_null = [] {
+        auto* value = new Null;
+        value->makeImmortal();
+        return value;
+    }();
     return *s_null;
 }
 

@@ -47,13 +47,31 @@ public:
     static const ClassInfo s_info;
     virtual const ClassInfo* classInfo() const { return &s_info; }
 
-    void ref() const { m_refCount.fetch_add(1, std::memory_order_relaxed); }
+    // Immortal objects (the shared singletons) skip the count: their lines
+    // stay clean and no atomic operation is spent on them.
+    void ref() const
+    {
+        if (!isImmortal())
+            m_refCount.fetch_add(1, std::memory_order_relaxed);
+    }
     void deref() const
     {
-        if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        if (!isImmortal() && m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            destroy(this);
+    }
+    // Several references at once: one atomic operation instead of `count`.
+    void ref(uint32_t count) const
+    {
+        if (count && !isImmortal())
+            m_refCount.fetch_add(count, std::memory_order_relaxed);
+    }
+    void deref(uint32_t count) const
+    {
+        if (count && !isImmortal() && m_refCount.fetch_sub(count, std::memory_order_acq_rel) == count)
             destroy(this);
     }
     uint32_t refCount() const { return m_refCount.load(std::memory_order_relaxed); }
+    bool isImmortal() const { return m_refCount.load(std::memory_order_relaxed) >= immortalCount; }
 
     std::string_view className() const { return classInfo()->name; }
     bool isKindOf(const ClassInfo& info) const { return classInfo()->isSubclassOf(info); }
@@ -87,6 +105,8 @@ public:
 protected:
     Object() = default;
     virtual ~Object() = default;
+    // For singletons made once and never freed.
+    void makeImmortal() { m_refCount.store(immortalCount, std::memory_order_relaxed); }
 
 private:
     Object(const Object&) = delete;
@@ -97,6 +117,7 @@ private:
     // depth takes a bounded amount of stack.
     static void destroy(const Object*);
 
+    static constexpr uint32_t immortalCount = 0xC0000000u;
     mutable std::atomic<uint32_t> m_refCount { 1 };
 };
 

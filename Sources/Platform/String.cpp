@@ -41,7 +41,9 @@ String& String::empty()
         void* memory = detail::allocateSmall(sizeof(String) + 1);
         char* chars = static_cast<char*>(memory) + sizeof(String);
         chars[0] = 0;
-        return ::new (memory) String(chars, 0);
+        auto* string = ::new (memory) String(chars, 0);
+        string->makeImmortal();
+        return string;
     }();
     return *s_empty;
 }

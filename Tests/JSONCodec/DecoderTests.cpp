@@ -113,6 +113,11 @@ TEST(JSONDecoder, ErrorsCarryLineAndIndex)
     // U+2028 counts as a newline only when asked.
     EXPECT_EQ(decodeFailure("[1,\xe2\x80\xa8 x]", JCParseOptionUnicodeNewlines).line, 2u);
     EXPECT_EQ(decodeFailure("[\"a\",\xc2\x85 x]", JCParseOptionUnicodeNewlines).line, 2u);
+    // Inside strings they are text, not lines; escaped quotes do not end a string.
+    EXPECT_EQ(decodeFailure("[\"\xe2\x80\xa8\\\"\xe2\x80\xa8\",\n x]", JCParseOptionUnicodeNewlines).line, 2u);
+    EXPECT_EQ(decodeFailure("[1,\n \"open\n\"]").line, 2u);
+    // Comments count the lines they hold; a quote in a comment starts no string.
+    EXPECT_EQ(decodeFailure("[1, // \"\n /* \" \r\n */ 2 x]", JCParseOptionComments).line, 3u);
 }
 
 TEST(JSONDecoder, ParseOptions)
@@ -232,6 +237,32 @@ TEST(JSONDecoder, CacheGivesOneObjectPerDistinctValue)
     auto fresh = decoder->objectWithUTF8String(std::string_view(R"(["Night Drive"])"));
     EXPECT_NE(first(fresh), dictionary0->objectForKey("title"));
     EXPECT_TRUE(first(fresh)->isEqual(dictionary0->objectForKey("title")));
+}
+
+TEST(JSONDecoder, CacheHitsAreCountedReferences)
+{
+    // A hit hands out a reference of its own: the tree's, the cache's, and
+    // none left over when a parse fails half way or the value is evicted.
+    auto decoder = JSONDecoder::decoder();
+    auto tree = decoder->objectWithUTF8String(std::string_view(R"(["shared","shared",{"shared":"shared"}])"));
+    auto* shared = downcast<Array>(tree.get())->objectAtIndex(0);
+    EXPECT_EQ(shared->refCount(), 5u); // four in the tree, one in the cache
+    EXPECT_FALSE(decoder->objectWithUTF8String(std::string_view(R"(["shared","shared",{"shared":x)")));
+    EXPECT_EQ(shared->refCount(), 5u);
+    decoder->clearCache();
+    EXPECT_EQ(shared->refCount(), 4u);
+    // Evicted while a parse still holds hits on it: 3000 other strings push it out.
+    RefPtr<JSONDecoder> second = JSONDecoder::decoder();
+    std::string text = R"(["kept","kept")";
+    for (int i = 0; i < 3000; ++i)
+        text += format(",\"e%d\"", i);
+    text += "]";
+    auto evicting = second->objectWithUTF8String(text);
+    auto* kept = downcast<Array>(evicting.get())->objectAtIndex(0);
+    EXPECT_EQ(downcast<Array>(evicting.get())->objectAtIndex(1), kept);
+    second = nullptr; // the decoder and its cache go
+    EXPECT_EQ(kept->refCount(), 2u);
+    EXPECT_EQ(downcast<String>(kept)->str(), "kept");
 }
 
 TEST(JSONDecoder, CacheEvictionKeepsValuesRight)
