@@ -48,7 +48,7 @@ public:
 
 private:
     friend class detail::JCArrayFactory;
-    JCArray() = default;
+    JCArray() { setTag(ObjectTag::JCArray); }
     ~JCArray() override;
     JCArrayStorage m_storage;
 };
@@ -117,13 +117,15 @@ public:
     Ref<Enumerator> keyEnumerator() const override;
     size_t getObjects(size_t arrayLength, Object** objects, Object** keys) const { return m_storage.getKeysAndObjects(arrayLength, keys, objects); }
     size_t capacity() const { return m_storage.capacity; }
+    // The table, `capacity()` entries in enumeration order; free ones have no key.
+    const JCHashTableEntry* entries() const { return m_storage.entry; }
 
     static void operator delete(JCDictionary*, std::destroying_delete_t);
 
 private:
     friend class detail::JCDictionaryFactory;
     friend class JCDictionaryEnumerator;
-    JCDictionary() = default;
+    JCDictionary() { setTag(ObjectTag::JCDictionary); }
     ~JCDictionary() override;
     JCDictionaryStorage m_storage;
 };

@@ -5,14 +5,21 @@
 #include "JSONDecoder.h"
 
 #include <Platform/Collections.h>
+#include <Platform/DoubleFormat.h>
 #include <Platform/Exception.h>
 #include <Platform/Number.h>
 #include <Platform/String.h>
 
+#include <algorithm>
 #include <charconv>
+#include <new>
+#include <utility>
 #include <cmath>
 #include <cstdio>
 #include <vector>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace velvox {
 
@@ -153,6 +160,38 @@ bool writeUnsigned(JCEncodeState* state, uint64_t value, bool negative)
     return jc_encode_write(state, at, end - at);
 }
 
+// The end of the run of bytes from `at` that a string writes as they are:
+// ASCII from 0x20 on but the quote mark and the backslash, and the bytes from
+// 0x80 on unless they are to be escaped.
+inline const uint8_t* skipPlain(const uint8_t* at, const uint8_t* end, bool escapeUnicode)
+{
+#ifdef __SSE2__
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i backslash = _mm_set1_epi8('\\');
+    const __m128i space = _mm_set1_epi8(0x20);
+    const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
+    while (end - at >= 16) {
+        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+        __m128i special = _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash));
+        // Signed: the bytes from 0x80 on compare below 0x20. Flipped: only 0x00-0x1F do.
+        if (escapeUnicode)
+            special = _mm_or_si128(special, _mm_cmplt_epi8(chunk, space));
+        else
+            special = _mm_or_si128(special, _mm_cmplt_epi8(_mm_xor_si128(chunk, flip), _mm_xor_si128(space, flip)));
+        if (int mask = _mm_movemask_epi8(special))
+            return at + __builtin_ctz(static_cast<unsigned>(mask));
+        at += 16;
+    }
+#endif
+    while (at < end) {
+        uint8_t c = *at;
+        if (c < 0x20 || c == '"' || c == '\\' || (c >= 0x80 && escapeUnicode))
+            break;
+        ++at;
+    }
+    return at;
+}
+
 bool encodeString(JCEncodeState* state, const String& string)
 {
     const auto* bytes = reinterpret_cast<const uint8_t*>(string.view().data());
@@ -174,6 +213,14 @@ bool encodeString(JCEncodeState* state, const String& string)
     };
     const uint8_t* end = bytes + length;
     for (const uint8_t* at = bytes; at < end;) {
+        // Runs that need no escape go in one copy, found sixteen bytes at a time.
+        if (const uint8_t* runEnd = skipPlain(at, end, escapeUnicode); runEnd != at) {
+            memcpy(out, at, runEnd - at);
+            out += runEnd - at;
+            at = runEnd;
+            if (at == end)
+                break;
+        }
         uint8_t c = *at;
         if (c >= 0x20 && c != '"' && c != '\\' && c < 0x80) {
             *out++ = c;
@@ -265,9 +312,11 @@ bool encodeNumber(JCEncodeState* state, const Number& number)
             return false;
         }
         // The %.17g text, whatever the locale, and much faster than printf.
-        char text[40];
-        auto written = std::to_chars(text, text + sizeof(text), value, std::chars_format::general, 17);
-        return jc_encode_write(state, text, written.ptr - text);
+        if (!ensure(state, double17BufferSize + 16, 1024))
+            return false;
+        char* start = reinterpret_cast<char*>(state->stringBuffer.bytes + state->atIndex);
+        state->atIndex += formatDouble17(value, start) - start;
+        return true;
     }
     case 0:
         jc_encode_error(state, "NSNumber conversion error, unknown type.  Type: '%s'", "");
@@ -285,26 +334,49 @@ bool encodeArray(JCEncodeState* state, const Array& array)
 {
     if (!state->write1(1, '['))
         return false;
-    size_t count = array.count();
-    auto writeElement = [&](Object* element, size_t index) {
-        if (index && !state->write1(0, ','))
-            return false;
-        return jc_encode_add_atom_to_buffer(state, element);
+    auto writeElements = [&](Object* const* elements, size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+            // A tree's objects lie scattered: ask for the next ones early.
+            if (i + 4 < count)
+                __builtin_prefetch(elements[i + 4]);
+            // The head of a dictionary two ahead has come in by now: its table next.
+            if (i + 2 < count && elements[i + 2]->tag() == ObjectTag::JCDictionary) {
+                auto& next = static_cast<const JCDictionary&>(*elements[i + 2]);
+                auto* table = reinterpret_cast<const char*>(next.entries());
+                size_t bytes = std::min<size_t>(next.capacity() * sizeof(JCHashTableEntry), 1024);
+                for (size_t offset = 0; offset < bytes; offset += 64)
+                    __builtin_prefetch(table + offset);
+            }
+            if (i && !state->write1(0, ','))
+                return false;
+            if (!jc_encode_add_atom_to_buffer(state, elements[i]))
+                return false;
+        }
+        return true;
     };
-    if (count <= 1020) {
+    if (array.tag() == ObjectTag::JCArray) {
+        // An immutable codec array: its elements stay where they are.
+        auto& codecArray = static_cast<const JCArray&>(array);
+        if (!writeElements(codecArray.objects(), codecArray.count()))
+            return false;
+    } else if (size_t count = array.count(); count <= 1020) {
         // Indices, not pointers: a nested level may move the scratch storage.
         size_t base = state->scratch.size();
         state->scratch.resize(base + count);
         array.getObjects(state->scratch.data() + base, 0, count);
         for (size_t i = 0; i < count; ++i) {
-            if (!writeElement(state->scratch[base + i], i))
+            if (i && !state->write1(0, ','))
+                return false;
+            if (!jc_encode_add_atom_to_buffer(state, state->scratch[base + i]))
                 return false;
         }
         state->scratch.resize(base);
     } else {
         size_t index = 0;
         for (auto* element : array) {
-            if (!writeElement(element, index++))
+            if (index++ && !state->write1(0, ','))
+                return false;
+            if (!jc_encode_add_atom_to_buffer(state, element))
                 return false;
         }
     }
@@ -318,24 +390,26 @@ bool encodeDictionary(JCEncodeState* state, const Dictionary& dictionary)
     auto writePair = [&](Object* key, Object* object, size_t index) {
         if (index && !state->write1(0, ','))
             return false;
-        if (key->classInfo() != &String::s_info && !is<String>(key)) {
+        if (key->tag() != ObjectTag::String && !is<String>(key)) {
             jc_encode_error(state, "Key must be a string object.");
             return false;
         }
         return jc_encode_add_atom_to_buffer(state, key) && state->write1(0, ':') && jc_encode_add_atom_to_buffer(state, object);
     };
-    size_t count = dictionary.count();
-    // The codec's own dictionaries hand over up to 1020 entries in one call.
-    const JCDictionary* codecDictionary = dictionary.classInfo() == &JCDictionary::s_info ? static_cast<const JCDictionary*>(&dictionary) : nullptr;
-    if (codecDictionary && count <= 1020) {
-        size_t base = state->scratch.size();
-        state->scratch.resize(base + 2 * count);
-        size_t got = codecDictionary->getObjects(count, state->scratch.data() + base + count, state->scratch.data() + base);
-        for (size_t i = 0; i < got; ++i) {
-            if (!writePair(state->scratch[base + i], state->scratch[base + count + i], i))
+    if (dictionary.tag() == ObjectTag::JCDictionary) {
+        // An immutable codec dictionary: its table in enumeration order.
+        auto& codecDictionary = static_cast<const JCDictionary&>(dictionary);
+        const JCHashTableEntry* entries = codecDictionary.entries();
+        size_t capacity = codecDictionary.capacity();
+        size_t index = 0;
+        for (size_t i = 0; i < capacity; ++i) {
+            if (i + 16 < capacity)
+                __builtin_prefetch(&entries[i + 16]);
+            if (i + 4 < capacity && entries[i + 4].key)
+                __builtin_prefetch(entries[i + 4].object);
+            if (entries[i].key && !writePair(entries[i].key, entries[i].object, index++))
                 return false;
         }
-        state->scratch.resize(base);
     } else {
         size_t index = 0;
         for (auto& entry : dictionary) {
@@ -368,13 +442,13 @@ bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
     }
     size_t startingIndex = state->atIndex;
     bool ok;
-    const ClassInfo* info = object->classInfo();
-    if (info == &String::s_info)
+    ObjectTag tag = object->tag();
+    if (tag == ObjectTag::String)
         ok = encodeString(state, *static_cast<String*>(object));
-    else if (info == &Number::s_info)
+    else if (tag == ObjectTag::Number)
         ok = encodeNumber(state, *static_cast<Number*>(object));
-    else if (bool isDictionary = info == &JCDictionary::s_info || (info != &JCArray::s_info && is<Dictionary>(object));
-             isDictionary || info == &JCArray::s_info || is<Array>(object)) {
+    else if (bool isDictionary = tag == ObjectTag::JCDictionary || (tag != ObjectTag::JCArray && is<Dictionary>(object));
+             isDictionary || tag == ObjectTag::JCArray || is<Array>(object)) {
         // Bounded, so that a hostile tree cannot exhaust the stack.
         if (++state->nesting > maximumDepth) {
             jc_encode_error(state, "Nesting is deeper than %zu levels.", maximumDepth);
@@ -385,7 +459,7 @@ bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
         else
             ok = encodeArray(state, *static_cast<Array*>(object));
         --state->nesting;
-    } else if (info == &Null::s_info || is<Null>(object))
+    } else if (tag == ObjectTag::Null || is<Null>(object))
         ok = jc_encode_write(state, "null", 4);
     else if (is<String>(object))
         ok = encodeString(state, *static_cast<String*>(object));
@@ -409,22 +483,33 @@ bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
 
 } // namespace detail
 
-RefPtr<Object> jc_encode(Object* object, JCSerializeOptionFlags options, int encodeAs, RefPtr<Error>* error)
+namespace detail {
+namespace {
+
+// What both entry points do first. Strings are UTF-8 already, so no
+// conversion buffer is needed.
+void prepare(JCEncodeState* state, const Object* object, JCSerializeOptionFlags options, RefPtr<Error>* error)
 {
     VXParameterAssert(object != NULL);
-    using namespace detail;
     if (error)
         *error = nullptr;
-    // Strings are UTF-8 already, so no conversion buffer is needed.
-    JCEncodeState encodeState;
-    auto* state = &encodeState;
-    uint8_t stackBuffer[4096];
     state->serializeOptionFlags = options;
     state->pretty = options & JCSerializeOptionPretty;
     state->write1Slow = jc_encode_write1slow;
     state->stringBuffer.roundSizeUpToMultipleOf = 32768;
-    state->stringBuffer.setToStackBuffer(stackBuffer, sizeof(stackBuffer));
+}
 
+} // namespace
+} // namespace detail
+
+RefPtr<Object> jc_encode(Object* object, JCSerializeOptionFlags options, int encodeAs, RefPtr<Error>* error)
+{
+    using namespace detail;
+    JCEncodeState encodeState;
+    auto* state = &encodeState;
+    uint8_t stackBuffer[4096];
+    prepare(state, object, options, error);
+    state->stringBuffer.setToStackBuffer(stackBuffer, sizeof(stackBuffer));
     RefPtr<Object> result;
     if (jc_encode_add_atom_to_buffer(state, object)) {
         size_t length = state->atIndex;
@@ -445,6 +530,78 @@ RefPtr<Object> jc_encode(Object* object, JCSerializeOptionFlags options, int enc
         *error = state->error;
     state->stringBuffer.release();
     return state->error ? nullptr : result;
+}
+
+JCEncodeBuffer::~JCEncodeBuffer()
+{
+    release();
+}
+
+JCEncodeBuffer::JCEncodeBuffer(JCEncodeBuffer&& other) noexcept
+    : m_bytes(std::exchange(other.m_bytes, nullptr))
+    , m_length(std::exchange(other.m_length, 0))
+    , m_capacity(std::exchange(other.m_capacity, 0))
+{
+}
+
+JCEncodeBuffer& JCEncodeBuffer::operator=(JCEncodeBuffer&& other) noexcept
+{
+    if (this != &other) {
+        release();
+        m_bytes = std::exchange(other.m_bytes, nullptr);
+        m_length = std::exchange(other.m_length, 0);
+        m_capacity = std::exchange(other.m_capacity, 0);
+    }
+    return *this;
+}
+
+void JCEncodeBuffer::release()
+{
+    free(m_bytes);
+    m_bytes = nullptr;
+    m_length = m_capacity = 0;
+}
+
+bool jc_encodeInto(Object* object, JCSerializeOptionFlags options, JCEncodeBuffer& buffer, RefPtr<Error>* error)
+{
+    using namespace detail;
+    JCEncodeState encodeState;
+    auto* state = &encodeState;
+    uint8_t stackBuffer[4096];
+    prepare(state, object, options, error);
+    // The caller's memory, when it has some, is the buffer from the start;
+    // growth reallocates it, and whatever it is at the end goes back.
+    if (buffer.m_bytes) {
+        state->stringBuffer.bytes = buffer.m_bytes;
+        state->stringBuffer.length = buffer.m_capacity;
+        state->stringBuffer.flags = JCManagedBuffer::JCManagedBufferOnHeap;
+        buffer.m_bytes = nullptr;
+        buffer.m_capacity = 0;
+    } else
+        state->stringBuffer.setToStackBuffer(stackBuffer, sizeof(stackBuffer));
+    buffer.m_length = 0;
+
+    bool ok = jc_encode_add_atom_to_buffer(state, object);
+    if (error)
+        *error = state->error;
+    size_t length = state->atIndex;
+    if (state->stringBuffer.flags & JCManagedBuffer::JCManagedBufferOnHeap) {
+        buffer.m_capacity = state->stringBuffer.length;
+        buffer.m_bytes = state->stringBuffer.take();
+    } else if (ok) {
+        // Output that fitted the stack: the buffer gets memory of its own.
+        auto* bytes = static_cast<uint8_t*>(malloc(length ? length : 1));
+        if (!bytes)
+            throw std::bad_alloc();
+        memcpy(bytes, state->stringBuffer.bytes, length);
+        buffer.m_bytes = bytes;
+        buffer.m_capacity = length ? length : 1;
+    }
+    state->stringBuffer.release();
+    if (!ok || state->error)
+        return false;
+    buffer.m_length = length;
+    return true;
 }
 
 } // namespace velvox

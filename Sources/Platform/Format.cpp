@@ -1,6 +1,7 @@
 #include "Format.h"
 
 #include "CLocale.h"
+#include "DoubleFormat.h"
 #include "String.h"
 
 #include <charconv>
@@ -105,9 +106,8 @@ bool textValue(const FormatArg* arg, std::string& storage, std::string_view& tex
     case FormatArg::Kind::Double:
         // A number given for %@ prints as a number would describe itself.
         if (arg->kind == FormatArg::Kind::Double) {
-            char buffer[32];
-            auto written = std::to_chars(buffer, buffer + sizeof(buffer), arg->d, std::chars_format::general, 17);
-            storage.assign(buffer, written.ptr);
+            char buffer[detail::double17BufferSize];
+            storage.assign(buffer, detail::formatDouble17(arg->d, buffer));
         } else
             storage = arg->kind == FormatArg::Kind::Signed ? std::to_string(arg->i) : std::to_string(arg->u);
         text = storage;

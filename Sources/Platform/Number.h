@@ -67,6 +67,7 @@ private:
     Number(char type, T value)
         : m_type(type)
     {
+        setTag(ObjectTag::Number);
         if constexpr (std::is_same_v<T, double>)
             m_double = value;
         else if constexpr (std::is_same_v<T, uint64_t>)
@@ -91,7 +92,7 @@ public:
     Ref<String> description() const override;
 
 private:
-    Null() = default;
+    Null() { setTag(ObjectTag::Null); }
 };
 
 namespace detail {

@@ -42,9 +42,15 @@ public:                                                            \
 #define VX_DEFINE_CLASS(ClassName, ParentName) \
     const ::velvox::ClassInfo ClassName::s_info { #ClassName, &ParentName::s_info };
 
+// A one-byte tag for the few classes that hot loops dispatch on (the
+// encoder, tree walkers): a load from the object instead of a virtual call.
+// Other classes answer Other; a subclass keeps its base's tag.
+enum class ObjectTag : uint8_t { Other, String, Number, Null, JCArray, JCDictionary };
+
 class Object {
 public:
     static const ClassInfo s_info;
+    ObjectTag tag() const { return m_tag; }
     virtual const ClassInfo* classInfo() const { return &s_info; }
 
     // Immortal objects (the shared singletons) skip the count: their lines
@@ -105,6 +111,7 @@ public:
 protected:
     Object() = default;
     virtual ~Object() = default;
+    void setTag(ObjectTag tag) { m_tag = tag; }
     // For singletons made once and never freed.
     void makeImmortal() { m_refCount.store(immortalCount, std::memory_order_relaxed); }
 
@@ -119,6 +126,7 @@ private:
 
     static constexpr uint32_t immortalCount = 0xC0000000u;
     mutable std::atomic<uint32_t> m_refCount { 1 };
+    ObjectTag m_tag { ObjectTag::Other };
 };
 
 // Kind tests. A null object is of no kind.

@@ -75,6 +75,7 @@ protected:
         : m_chars(chars)
         , m_length(length)
     {
+        setTag(ObjectTag::String);
     }
 
 private:

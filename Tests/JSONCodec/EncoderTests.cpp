@@ -93,6 +93,66 @@ TEST(JSONEncoder, LargeOutputsMoveToTheHeap)
     EXPECT_TRUE(reparsed->isEqual(array.ptr()));
 }
 
+TEST(JSONEncoder, EscapesAtEveryPlaceOfALongString)
+{
+    // Plain runs are copied sixteen bytes at a time: put each special byte at
+    // every offset of strings around that size.
+    const std::pair<std::string, std::string> specials[] = { { "\"", "\\\"" }, { "\\", "\\\\" }, { "\n", "\\n" }, { "\x1f", "\\u001f" },
+        { "\x7f", "\x7f" }, { "\xc3\xa9", "\xc3\xa9" } };
+    for (auto& [special, written] : specials) {
+        for (size_t length = 0; length <= 40; ++length) {
+            for (size_t at = 0; at <= length; ++at) {
+                std::string text = std::string(at, 'a') + special + std::string(length - at, 'b');
+                auto array = Array::create({ String::create(text).ptr() });
+                ASSERT_EQ(encodeText(array.ptr()), "[\"" + std::string(at, 'a') + written + std::string(length - at, 'b') + "\"]");
+            }
+        }
+    }
+    auto escaped = Array::create({ String::create(std::string(20, 'x') + "\xc3\xa9" + std::string(20, 'y')).ptr() });
+    EXPECT_EQ(encodeText(escaped.ptr(), JCSerializeOptionEscapeUnicode), "[\"" + std::string(20, 'x') + "\\u00e9" + std::string(20, 'y') + "\"]");
+}
+
+TEST(JSONEncoder, KeptBufferIsReusedAndWritesWhatTheOneCallFormWrites)
+{
+    auto decoder = JSONDecoder::decoder();
+    auto data = Data::createWithContentsOfFile(std::string(VELVOX_SHARED_DATA) + "/json/api_page.json");
+    ASSERT_TRUE(data);
+    auto page = decoder->objectWithData(data.get());
+    auto mutablePage = decoder->mutableObjectWithData(data.get());
+    ASSERT_TRUE(page && mutablePage);
+    JCEncodeBuffer buffer;
+    for (Object* tree : { page.get(), mutablePage.get() }) {
+        for (auto options : { JCSerializeOptionNone, JCSerializeOptionPretty }) {
+            ASSERT_TRUE(jc_encodeInto(tree, options, buffer));
+            EXPECT_EQ(buffer.text(), encodeText(tree, options));
+        }
+    }
+    // Encoding the same tree again reuses the memory it has.
+    ASSERT_TRUE(jc_encodeInto(page.get(), JCSerializeOptionNone, buffer));
+    const uint8_t* memory = buffer.bytes();
+    size_t capacity = buffer.capacity();
+    ASSERT_TRUE(jc_encodeInto(page.get(), JCSerializeOptionNone, buffer));
+    EXPECT_EQ(buffer.bytes(), memory);
+    EXPECT_EQ(buffer.capacity(), capacity);
+    // Small output, an error, and a buffer moved away.
+    auto small = Array::create({ Number::withInteger(7).ptr() });
+    ASSERT_TRUE(jc_encodeInto(small.ptr(), JCSerializeOptionNone, buffer));
+    EXPECT_EQ(buffer.text(), "[7]");
+    RefPtr<Error> error;
+    auto nan = Array::create({ Number::withDouble(NAN).ptr() });
+    EXPECT_FALSE(jc_encodeInto(nan.ptr(), JCSerializeOptionNone, buffer, &error));
+    EXPECT_EQ(buffer.length(), 0u);
+    EXPECT_EQ(error->localizedDescription()->view(), "Floating point values must be finite.  JSON does not support NaN or Infinity.");
+    JCEncodeBuffer fresh;
+    EXPECT_FALSE(jc_encodeInto(nan.ptr(), JCSerializeOptionNone, fresh));
+    JCEncodeBuffer moved = std::move(buffer);
+    ASSERT_TRUE(jc_encodeInto(small.ptr(), JCSerializeOptionNone, moved));
+    EXPECT_EQ(moved.text(), "[7]");
+    EXPECT_EQ(buffer.bytes(), nullptr);
+    moved.release();
+    EXPECT_EQ(moved.capacity(), 0u);
+}
+
 TEST(JSONCodec, RoundTripsOfTheSampleFiles)
 {
     for (auto name : { "twitter.json", "citm_catalog.json", "canada.json", "api_page.json" }) {

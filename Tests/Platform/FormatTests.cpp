@@ -1,4 +1,10 @@
+#include <Platform/DoubleFormat.h>
 #include <Platform/Platform.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +41,46 @@ TEST(Format, PrintfConversions)
     };
     for (auto& c : cases)
         EXPECT_EQ(c.actual, c.expected);
+}
+
+TEST(Format, SeventeenDigitDoublesMatchPrintf)
+{
+    // The fast writer against the C library's own %.17g: random bit patterns
+    // (every exponent), values near powers of ten and near halfway points,
+    // the extremes and the subnormals.
+    auto check = [](double value) {
+        char expected[64];
+        snprintf(expected, sizeof(expected), "%.17g", value);
+        char written[detail::double17BufferSize];
+        char* end = detail::formatDouble17(value, written);
+        ASSERT_EQ(std::string(written, end), expected) << "bits " << std::hex << [&] {
+            uint64_t bits;
+            memcpy(&bits, &value, 8);
+            return bits;
+        }();
+    };
+    std::mt19937_64 random(17);
+    for (int i = 0; i < 300000; ++i) {
+        uint64_t bits = random();
+        double value;
+        memcpy(&value, &bits, 8);
+        if (std::isfinite(value))
+            check(value);
+    }
+    std::uniform_real_distribution<double> unit(-1, 1);
+    for (int i = 0; i < 100000; ++i)
+        check(unit(random) * std::pow(10.0, static_cast<int>(random() % 40) - 20));
+    for (int p = -320; p <= 308; ++p) {
+        double power = std::pow(10.0, p);
+        for (double near : { power, std::nextafter(power, 0.0), std::nextafter(power, INFINITY) })
+            check(near);
+    }
+    for (double value : { 0.0, -0.0, 0.1, 0.5, 1.0, -1.5, 1e16, 1e17, 123456789012345678.0, 9007199254740993.0, 1e-4, 9.9999999999999995e-5,
+             std::numeric_limits<double>::max(), std::numeric_limits<double>::min(), std::numeric_limits<double>::denorm_min(),
+             std::numeric_limits<double>::lowest(), 5e-324, 2.2250738585072009e-308 })
+        check(value);
+    for (int i = 0; i < 2000; ++i) // integers with an exact half at the 18th digit
+        check(static_cast<double>((random() >> 6) | 1) * 5.0);
 }
 
 TEST(Format, ObjectsAndMissingArguments)
