@@ -17,6 +17,7 @@
 #include <yajl/yajl_tree.h>
 
 #include <fstream>
+#include <malloc.h>
 #include <sstream>
 
 using namespace velvox;
@@ -78,14 +79,37 @@ struct WalkResult {
 void walkVelvox(const Object* object, WalkResult& result)
 {
     ++result.nodes;
-    const ClassInfo* info = object->classInfo();
-    if (info == &JCArray::s_info) {
+    // The codec's collections are walked in place; the tag says what an object is without a virtual call.
+    switch (object->tag()) {
+    case ObjectTag::JCArray: {
         auto* array = static_cast<const JCArray*>(object);
         size_t count = array->count();
         Object* const* elements = array->objects();
         for (size_t i = 0; i < count; ++i)
             walkVelvox(elements[i], result);
-    } else if (auto* dictionary = dynamicDowncast<Dictionary>(object)) {
+        return;
+    }
+    case ObjectTag::JCDictionary: {
+        auto* dictionary = static_cast<const JCDictionary*>(object);
+        const JCHashTableEntry* entries = dictionary->entries();
+        for (size_t i = 0, capacity = dictionary->capacity(); i < capacity; ++i) {
+            if (entries[i].key) {
+                walkVelvox(entries[i].key, result);
+                walkVelvox(entries[i].object, result);
+            }
+        }
+        return;
+    }
+    case ObjectTag::String:
+        result.bytes += static_cast<const String*>(object)->length();
+        return;
+    case ObjectTag::Number:
+        result.bytes += static_cast<size_t>(static_cast<const Number*>(object)->doubleValue()) & 1;
+        return;
+    default:
+        break;
+    }
+    if (auto* dictionary = dynamicDowncast<Dictionary>(object)) {
         for (auto& entry : *dictionary) {
             walkVelvox(entry.key, result);
             walkVelvox(entry.object, result);
@@ -93,10 +117,7 @@ void walkVelvox(const Object* object, WalkResult& result)
     } else if (auto* array = dynamicDowncast<Array>(object)) {
         for (auto* element : *array)
             walkVelvox(element, result);
-    } else if (info == &String::s_info)
-        result.bytes += static_cast<const String*>(object)->length();
-    else if (auto* number = dynamicDowncast<Number>(object))
-        result.bytes += static_cast<size_t>(number->doubleValue()) & 1;
+    }
 }
 
 void walkRapid(const rapidjson::Value& value, WalkResult& result)
@@ -329,6 +350,46 @@ void yajlDecode(benchmark::State& state, const Sample* sample, bool walk)
     finish(state, *sample, allocations);
 }
 
+// MARK: Memory
+
+// A large page decoded and freed, then a small one: what the thread's lists
+// still hold after each step, the heap in use (malloc's count) after the
+// small page, and the heap a large tree occupies per byte of its text.
+void velvoxMemory(benchmark::State& state, const Sample* large, const Sample* small)
+{
+    auto decoder = JSONDecoder::decoder();
+    double heldAfterFree = 0, heldAfterNextParse = 0, heapAfterNextParse = 0, treeBytesPerInputByte = 0;
+    for (auto _ : state) {
+        size_t heapBefore = mallinfo2().uordblks + detail::smallObjectListBytes();
+        auto tree = decoder->objectWithUTF8String(large->text);
+        size_t heapWithTree = mallinfo2().uordblks;
+        treeBytesPerInputByte = static_cast<double>(heapWithTree - std::min(heapWithTree, heapBefore)) / large->text.size();
+        tree = nullptr;
+        heldAfterFree = static_cast<double>(detail::smallObjectListBytes());
+        auto page = decoder->objectWithUTF8String(small->text);
+        heldAfterNextParse = static_cast<double>(detail::smallObjectListBytes());
+        heapAfterNextParse = static_cast<double>(mallinfo2().uordblks);
+        benchmark::DoNotOptimize(page.get());
+    }
+    state.counters["list_bytes_after_free"] = heldAfterFree;
+    state.counters["list_bytes_after_next_parse"] = heldAfterNextParse;
+    state.counters["heap_in_use_after_next_parse"] = heapAfterNextParse;
+    state.counters["tree_heap_per_input_byte"] = treeBytesPerInputByte;
+}
+
+void rapidMemory(benchmark::State& state, const Sample* large, const Sample*)
+{
+    double perByte = 0;
+    for (auto _ : state) {
+        size_t before = mallinfo2().uordblks;
+        rapidjson::Document document;
+        document.Parse(large->text.data(), large->text.size());
+        perByte = static_cast<double>(mallinfo2().uordblks - before) / large->text.size();
+        benchmark::DoNotOptimize(&document);
+    }
+    state.counters["tree_heap_per_input_byte"] = perByte;
+}
+
 // MARK: Encoders
 
 // Each writer keeps its output buffer from one encode to the next, as a
@@ -451,6 +512,10 @@ int main(int argc, char** argv)
         benchmark::RegisterBenchmark((std::string("EncodeData/VelvoxKit/") + sample->name).c_str(), velvoxEncodeData, sample.get())
             ->Unit(benchmark::kMicrosecond);
     }
+    const Sample* large = samples()[4].get();
+    const Sample* page = samples()[3].get();
+    benchmark::RegisterBenchmark("Memory/VelvoxKit/api_large", velvoxMemory, large, page)->Unit(benchmark::kMillisecond)->Iterations(5);
+    benchmark::RegisterBenchmark("Memory/RapidJSON/api_large", rapidMemory, large, page)->Unit(benchmark::kMillisecond)->Iterations(5);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

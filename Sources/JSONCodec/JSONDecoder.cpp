@@ -1403,6 +1403,9 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     state->tokenBuffer.setToStackBuffer(stackTokenBuffer, sizeof(stackTokenBuffer));
     jc_objectStack_setToStackBuffer(&state->objectStack, stackObjects, stackKeys, stackHashes, 1024);
 
+    // Blocks that a freed earlier tree left on the lists and that this parse
+    // does not need go back to the system allocator at its end.
+    markSmallObjectLists();
     // Whatever way the parse ends (an exception included), the references
     // that its cache hits handed out are counted before it returns.
     struct ApplyPendingRefs {
@@ -1436,6 +1439,7 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     state->token = JCParseToken {};
     state->error = nullptr;
     state->mutableCollections = false;
+    trimSmallObjectLists();
     return parsed;
 }
 

@@ -36,6 +36,19 @@ void deallocateSmall(void* pointer, size_t)
     ::operator delete(pointer);
 }
 
+void markSmallObjectLists()
+{
+}
+
+void trimSmallObjectLists()
+{
+}
+
+size_t smallObjectListBytes()
+{
+    return 0;
+}
+
 #else
 
 namespace {
@@ -55,6 +68,9 @@ struct FreeBlock {
 struct Lists {
     FreeBlock* heads[classCount];
     size_t counts[classCount];
+    // The shortest each list has been since the last trim: that many blocks
+    // were not needed meanwhile.
+    size_t lowWater[classCount];
     bool cleanupRegistered;
 };
 
@@ -74,6 +90,7 @@ struct ListsCleanup {
             }
             t_lists.heads[sizeClass] = nullptr;
             t_lists.counts[sizeClass] = 0;
+            t_lists.lowWater[sizeClass] = 0;
         }
         t_listsDestroyed = true;
     }
@@ -101,7 +118,8 @@ void* allocateSmall(size_t size)
         auto& lists = t_lists;
         if (FreeBlock* block = lists.heads[sizeClass]) {
             lists.heads[sizeClass] = block->next;
-            --lists.counts[sizeClass];
+            if (--lists.counts[sizeClass] < lists.lowWater[sizeClass])
+                lists.lowWater[sizeClass] = lists.counts[sizeClass];
             // The next block of the list is likely cold: fetch it while this one is used.
             __builtin_prefetch(block->next, 1);
             return block;
@@ -135,6 +153,37 @@ void deallocateSmall(void* pointer, size_t size)
         }
     }
     free(pointer);
+}
+
+void markSmallObjectLists()
+{
+    auto& lists = t_lists;
+    for (size_t sizeClass = 0; sizeClass < classCount; ++sizeClass)
+        lists.lowWater[sizeClass] = lists.counts[sizeClass];
+}
+
+void trimSmallObjectLists()
+{
+    auto& lists = t_lists;
+    for (size_t sizeClass = 0; sizeClass < classCount; ++sizeClass) {
+        // Which blocks go does not matter, only how many: from the head, so
+        // that nothing is walked but what is freed.
+        for (size_t surplus = lists.lowWater[sizeClass]; surplus; --surplus) {
+            FreeBlock* block = lists.heads[sizeClass];
+            lists.heads[sizeClass] = block->next;
+            free(block);
+        }
+        lists.counts[sizeClass] -= lists.lowWater[sizeClass];
+        lists.lowWater[sizeClass] = 0;
+    }
+}
+
+size_t smallObjectListBytes()
+{
+    size_t bytes = 0;
+    for (size_t sizeClass = 0; sizeClass < classCount; ++sizeClass)
+        bytes += t_lists.counts[sizeClass] * sizeClass * granularity;
+    return bytes;
 }
 
 #endif

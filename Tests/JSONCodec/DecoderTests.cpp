@@ -265,6 +265,28 @@ TEST(JSONDecoder, CacheHitsAreCountedReferences)
     EXPECT_EQ(downcast<String>(kept)->str(), "kept");
 }
 
+TEST(JSONDecoder, AFreedLargeTreeGivesItsMemoryBackAtTheNextParse)
+{
+    std::string large = "[";
+    for (int i = 0; i < 50000; ++i)
+        large += format("%s{\"title\":\"track %d\",\"plays\":%d}", i ? "," : "", i, i * 7);
+    large += "]";
+    auto decoder = JSONDecoder::decoder();
+    auto tree = decoder->objectWithUTF8String(large);
+    ASSERT_TRUE(tree);
+    tree = nullptr;
+    size_t held = detail::smallObjectListBytes();
+    if (!held)
+        GTEST_SKIP() << "objects come from the system allocator in this build";
+    EXPECT_GT(held, 1000000u);
+    auto small = decoder->objectWithUTF8String(std::string_view(R"([{"title":"one"}])"));
+    EXPECT_LT(detail::smallObjectListBytes(), 4096u);
+    // The same large tree again, kept while another is made: nothing given back that is in use.
+    auto first = decoder->objectWithUTF8String(large);
+    auto second = decoder->objectWithUTF8String(large);
+    EXPECT_TRUE(first->isEqual(second.get()));
+}
+
 TEST(JSONDecoder, CacheEvictionKeepsValuesRight)
 {
     // Far more distinct values than buckets: every value must still come back right.
