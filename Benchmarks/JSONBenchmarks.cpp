@@ -16,6 +16,7 @@
 #include <simdjson.h>
 #include <yajl/yajl_tree.h>
 
+#include <chrono>
 #include <fstream>
 #include <malloc.h>
 #include <sstream>
@@ -350,6 +351,19 @@ void yajlDecode(benchmark::State& state, const Sample* sample, bool walk)
     finish(state, *sample, allocations);
 }
 
+// Only the release of a decoded tree (the decode itself is not timed).
+void velvoxDestroy(benchmark::State& state, const Sample* sample)
+{
+    auto decoder = JSONDecoder::decoder();
+    decoder->objectWithUTF8String(sample->text);
+    for (auto _ : state) {
+        auto tree = decoder->objectWithUTF8String(sample->text);
+        auto start = std::chrono::steady_clock::now();
+        tree = nullptr;
+        state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+}
+
 // MARK: Memory
 
 // A large page decoded and freed, then a small one: what the thread's lists
@@ -511,6 +525,9 @@ int main(int argc, char** argv)
         }
         benchmark::RegisterBenchmark((std::string("EncodeData/VelvoxKit/") + sample->name).c_str(), velvoxEncodeData, sample.get())
             ->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark((std::string("Destroy/VelvoxKit/") + sample->name).c_str(), velvoxDestroy, sample.get())
+            ->Unit(benchmark::kMicrosecond)
+            ->UseManualTime();
     }
     const Sample* large = samples()[4].get();
     const Sample* page = samples()[3].get();
