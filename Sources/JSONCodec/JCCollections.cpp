@@ -261,6 +261,17 @@ bool JCDictionaryStorage::nextEntry(size_t& state, Dictionary::Entry& out) const
     return false;
 }
 
+size_t JCDictionaryStorage::nextEntries(size_t& state, Dictionary::HashedEntry* buffer, size_t bufferCapacity) const
+{
+    size_t count = 0;
+    while (state < capacity && count < bufferCapacity) {
+        auto& candidate = entry[state++];
+        if (candidate.key)
+            buffer[count++] = { candidate.key, candidate.object, candidate.keyHash };
+    }
+    return count;
+}
+
 size_t JCDictionaryStorage::getKeysAndObjects(size_t arrayLength, Object** keys, Object** objects) const
 {
     size_t gotCount = 0;

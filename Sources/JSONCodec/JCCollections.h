@@ -97,6 +97,7 @@ struct JCDictionaryStorage {
     void removeEntry(JCHashTableEntry&);
     void resizeIfNeccessary(size_t newCapacityIndex);
     bool nextEntry(size_t& state, Dictionary::Entry& entry) const;
+    size_t nextEntries(size_t& state, Dictionary::HashedEntry* buffer, size_t capacity) const;
     size_t getKeysAndObjects(size_t arrayLength, Object** keys, Object** objects) const;
     void releaseAll();
 };
@@ -114,6 +115,7 @@ public:
     Object* objectForKey(const Object* key) const override;
     using Dictionary::objectForKey;
     bool nextEntry(size_t& state, Entry& entry) const override { return m_storage.nextEntry(state, entry); }
+    size_t nextEntries(size_t& state, HashedEntry* buffer, size_t capacity) const override { return m_storage.nextEntries(state, buffer, capacity); }
     Ref<Enumerator> keyEnumerator() const override;
     size_t getObjects(size_t arrayLength, Object** objects, Object** keys) const { return m_storage.getKeysAndObjects(arrayLength, keys, objects); }
     size_t capacity() const { return m_storage.capacity; }

@@ -102,4 +102,13 @@ bool Dictionary::isEqual(const Object* other) const
     return true;
 }
 
+size_t Dictionary::nextEntries(size_t& state, HashedEntry* buffer, size_t capacity) const
+{
+    size_t count = 0;
+    Entry entry;
+    while (count < capacity && nextEntry(state, entry))
+        buffer[count++] = { entry.key, entry.object, entry.key->hash() };
+    return count;
+}
+
 } // namespace velvox

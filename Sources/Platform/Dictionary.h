@@ -21,6 +21,11 @@ public:
         Object* key;
         Object* object;
     };
+    struct HashedEntry {
+        Object* key;
+        Object* object;
+        size_t keyHash; // key->hash()
+    };
 
     static Ref<Dictionary> create();
     static Ref<Dictionary> create(std::initializer_list<std::pair<std::string_view, Object*>> entries);
@@ -32,6 +37,10 @@ public:
     // Enumeration in the dictionary's own order: start with state 0 and call
     // until it answers false.
     virtual bool nextEntry(size_t& state, Entry& entry) const = 0;
+    // The same walk by the batch, with each key's hash (which a hashed
+    // dictionary has at hand): up to `capacity` entries into `buffer`,
+    // answering how many (0 at the end).
+    virtual size_t nextEntries(size_t& state, HashedEntry* buffer, size_t capacity) const;
     virtual uint64_t mutations() const { return 0; }
     virtual Ref<Enumerator> keyEnumerator() const;
 

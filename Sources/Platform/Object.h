@@ -129,16 +129,49 @@ private:
     ObjectTag m_tag { ObjectTag::Other };
 };
 
-// Kind tests. A null object is of no kind.
+class Number;
+class Null;
+class JCArray;
+class JCDictionary;
+
+namespace detail {
+
+// The tag that every object of exactly this class (or of a subclass that
+// keeps it) carries, for classes where the tag alone decides the kind test.
+template<typename T>
+constexpr ObjectTag exactTagOf()
+{
+    using U = std::remove_cv_t<T>;
+    if constexpr (std::is_same_v<U, String>)
+        return ObjectTag::String;
+    else if constexpr (std::is_same_v<U, Number>)
+        return ObjectTag::Number;
+    else if constexpr (std::is_same_v<U, Null>)
+        return ObjectTag::Null;
+    else if constexpr (std::is_same_v<U, JCArray>)
+        return ObjectTag::JCArray;
+    else if constexpr (std::is_same_v<U, JCDictionary>)
+        return ObjectTag::JCDictionary;
+    else
+        return ObjectTag::Other;
+}
+
+} // namespace detail
+
+// Kind tests. A null object is of no kind. Strings, numbers, null and the
+// codec's immutable collections answer from their tag, without a virtual call.
 template<typename T>
 inline bool is(const Object* object)
 {
-    return object && object->isKindOf(T::s_info);
+    if constexpr (constexpr ObjectTag tag = detail::exactTagOf<T>(); tag != ObjectTag::Other)
+        return object && object->tag() == tag;
+    else
+        return object && object->isKindOf(T::s_info);
 }
 template<typename T>
 inline bool is(const Object& object)
 {
-    return object.isKindOf(T::s_info);
+    return is<T>(&object);
 }
 template<typename T, typename U>
 inline bool is(const RefPtr<U>& object)
@@ -175,7 +208,7 @@ template<typename T, typename U>
 inline T* downcast(U* object)
 {
     detail::checkDowncast<T, U>();
-    if (object && !object->isKindOf(T::s_info)) [[unlikely]]
+    if (object && !is<T>(object)) [[unlikely]]
         downcastFailure(*object, T::s_info);
     return static_cast<T*>(object);
 }
@@ -183,7 +216,7 @@ template<typename T, typename U>
 inline const T* downcast(const U* object)
 {
     detail::checkDowncast<T, U>();
-    if (object && !object->isKindOf(T::s_info)) [[unlikely]]
+    if (object && !is<T>(object)) [[unlikely]]
         downcastFailure(*object, T::s_info);
     return static_cast<const T*>(object);
 }

@@ -1,5 +1,6 @@
 #include "URL.h"
 
+#include <array>
 #include <cstring>
 #include <uriparser/Uri.h>
 
@@ -45,19 +46,28 @@ private:
     bool m_ok { false };
 };
 
+// Byte classes of a plain web address: unreserved and sub-delimiters (host
+// names and paths), and what a path or query adds (":", "@", "/", "?").
+enum : uint8_t { hostByte = 1, pathByte = 2 };
+constexpr auto webURLBytes = [] {
+    std::array<uint8_t, 256> table {};
+    for (unsigned c = 0; c < 256; ++c) {
+        bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_'
+            || c == '~' || c == '!' || c == '$' || c == '&' || c == '\'' || c == '(' || c == ')' || c == '*' || c == '+' || c == ','
+            || c == ';' || c == '=';
+        table[c] = (plain ? hostByte | pathByte : 0) | (c == ':' || c == '@' || c == '/' || c == '?' ? pathByte : 0);
+    }
+    return table;
+}();
+
 // A quick, allocation-free acceptance of the shape nearly every URL a service
 // sends has: "http" or "https", "://", a registered host name, an optional
 // port, then path, query and fragment characters. Everything it accepts is a
 // valid URI; anything else (and so every doubtful case) goes to the full parser.
 bool isPlainWebURL(std::string_view text)
 {
-    auto isAlnum = [](unsigned char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); };
     auto isHex = [](unsigned char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); };
-    // unreserved / sub-delims, shared by host names and paths
-    auto isPlain = [&](unsigned char c) {
-        return isAlnum(c) || c == '-' || c == '.' || c == '_' || c == '~' || c == '!' || c == '$' || c == '&' || c == '\''
-            || c == '(' || c == ')' || c == '*' || c == '+' || c == ',' || c == ';' || c == '=';
-    };
+    auto byteClass = [&](size_t at) { return webURLBytes[static_cast<unsigned char>(text[at])]; };
     size_t i;
     if (text.starts_with("https://"))
         i = 8;
@@ -66,7 +76,7 @@ bool isPlainWebURL(std::string_view text)
     else
         return false;
     size_t hostStart = i;
-    while (i < text.size() && isPlain(static_cast<unsigned char>(text[i])))
+    while (i < text.size() && (byteClass(i) & hostByte))
         ++i;
     if (i == hostStart)
         return false;
@@ -79,9 +89,9 @@ bool isPlainWebURL(std::string_view text)
         return false;
     bool inFragment = false;
     for (; i < text.size(); ++i) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
-        if (isPlain(c) || c == ':' || c == '@' || c == '/' || c == '?')
+        if (byteClass(i) & pathByte)
             continue;
+        unsigned char c = static_cast<unsigned char>(text[i]);
         if (c == '#' && !inFragment) {
             inFragment = true;
             continue;

@@ -138,9 +138,10 @@ RefPtr<Object> JSONObject(const Data& data)
 {
     // Bytes that are not UTF-8 make no string, so no value; the others are
     // decoded where they lie, as the string's bytes would be, without a copy.
-    auto text = data.view();
-    if (!String::isValidUTF8(text.data(), text.size()))
-        return nullptr;
+    // No separate pass checks the UTF-8 first: with the default options the
+    // decoder refuses every byte from 0x80 on outside strings and checks each
+    // sequence inside them by the same rules as the string conversion, so a
+    // text it accepts is UTF-8, and one it refuses gives no value either way.
     return objectFromJSONData(data);
 }
 

@@ -90,39 +90,68 @@ bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, size_t in
         value = transformed.get();
     }
     auto& accessor = descriptor.accessor();
-    switch (accessor.compare(*this, value)) {
-    case ZUPropertyAccessor::Comparison::Equal:
-        if (transforms && announce)
-            rememberAppliedValue(index, jsonValue);
-        return false;
-    case ZUPropertyAccessor::Comparison::Unacceptable:
+    auto refuse = [&] {
         VXLog("ZUObject - %@: ignoring a value of class %@ for %@, which takes %s.", className(), value ? value->className() : "(null)",
             &descriptor.keyPath(), accessor.typeName());
         return false;
+    };
+    if (!announce) {
+        // A first fill: no observer to tell, nothing to remember.
+        return accessor.fill(*this, value, std::move(transformed)) || refuse();
+    }
+    switch (accessor.compare(*this, value)) {
+    case ZUPropertyAccessor::Comparison::Equal:
+        if (transforms)
+            rememberAppliedValue(index, jsonValue);
+        return false;
+    case ZUPropertyAccessor::Comparison::Unacceptable:
+        return refuse();
     case ZUPropertyAccessor::Comparison::Different:
         break;
     }
-    if (announce)
-        willChangeValueForKey(descriptor.keyPath().view());
-    accessor.assign(*this, value);
+    willChangeValueForKey(descriptor.keyPath().view());
+    if (transformed)
+        accessor.assignTaking(*this, std::move(transformed));
+    else
+        accessor.assign(*this, value);
     // Refreshes remember raw values; a new object's first fill does not (it
     // pays for no memo until it is refreshed).
-    if (transforms && announce)
+    if (transforms)
         rememberAppliedValue(index, jsonValue);
-    if (announce)
-        didChangeValueForKey(descriptor.keyPath().view());
+    didChangeValueForKey(descriptor.keyPath().view());
     return true;
+}
+
+template<typename Apply>
+void ZUObject::forEachDescribedValue(const Dictionary& dictionary, Apply&& apply) const
+{
+    auto& table = propertyTable();
+    auto descriptors = table.descriptors();
+    // A decoded record (the codec's immutable dictionary, whose walk finds
+    // what its lookups find) is walked once; anything else is asked per key.
+    constexpr size_t gatherLimit = 128;
+    if (dictionary.tag() == ObjectTag::JCDictionary && descriptors.size() <= gatherLimit) {
+        Object* values[gatherLimit];
+        table.gatherValues(dictionary, values);
+        for (size_t i = 0; i < descriptors.size(); ++i) {
+            if (values[i])
+                apply(*descriptors[i], i, values[i]);
+        }
+        return;
+    }
+    for (size_t i = 0; i < descriptors.size(); ++i) {
+        if (auto* value = dictionary.objectForKey(&descriptors[i]->source()))
+            apply(*descriptors[i], i, value);
+    }
 }
 
 void ZUObject::initWithDictionary(Dictionary* dictionary)
 {
     if (!dictionary)
         return;
-    auto descriptors = propertyTable().descriptors();
-    for (size_t i = 0; i < descriptors.size(); ++i) {
-        if (auto* value = dictionary->objectForKey(&descriptors[i]->source()))
-            applyDescriptor(*descriptors[i], i, value, false);
-    }
+    forEachDescribedValue(*dictionary, [&](const ZUPropertyDescriptor& descriptor, size_t index, Object* value) {
+        applyDescriptor(descriptor, index, value, false);
+    });
 }
 
 bool ZUObject::updateWithDictionary(Dictionary* dictionary)
@@ -131,11 +160,9 @@ bool ZUObject::updateWithDictionary(Dictionary* dictionary)
         return false;
     Ref protectedThis { *this }; // an observer may drop the last other reference
     bool changed = false;
-    auto descriptors = propertyTable().descriptors();
-    for (size_t i = 0; i < descriptors.size(); ++i) {
-        if (auto* value = dictionary->objectForKey(&descriptors[i]->source()))
-            changed |= applyDescriptor(*descriptors[i], i, value, true);
-    }
+    forEachDescribedValue(*dictionary, [&](const ZUPropertyDescriptor& descriptor, size_t index, Object* value) {
+        changed |= applyDescriptor(descriptor, index, value, true);
+    });
     return changed;
 }
 

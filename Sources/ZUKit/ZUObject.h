@@ -180,6 +180,9 @@ protected:
     // (present in the dictionary). Answers whether the property changed;
     // announces it when asked.
     bool applyDescriptor(const ZUPropertyDescriptor&, size_t index, Object* jsonValue, bool announce);
+    // Calls apply(descriptor, index, value) for each descriptor whose JSON key the dictionary has, in order.
+    template<typename Apply>
+    void forEachDescribedValue(const Dictionary&, Apply&&) const;
 
     // The setters of a model table: store the value and tell observers.
     template<typename Storage, typename Value>

@@ -60,6 +60,23 @@ void ZUPropertyAccessor::assign(ZUObject& object, Object* value) const
         set(object, coerced->get());
 }
 
+bool ZUPropertyAccessor::fill(ZUObject& object, Object* value, RefPtr<Object>&& made) const
+{
+    switch (compare(object, value)) {
+    case Comparison::Unacceptable:
+        return false;
+    case Comparison::Equal:
+        return true;
+    case Comparison::Different:
+        break;
+    }
+    if (made)
+        assignTaking(object, std::move(made));
+    else
+        assign(object, value);
+    return true;
+}
+
 const ZUPropertyAccessor& ZUPropertyDescriptor::accessor() const
 {
     VXAssert(m_accessor, "The property descriptor for %@ is not bound to a member.", m_keyPath);

@@ -42,6 +42,13 @@ public:
     virtual Comparison compare(const ZUObject&, Object* value) const;
     // Stores an incoming value that compare() found acceptable.
     virtual void assign(ZUObject&, Object* value) const;
+    // The same for a value made for the property (a transformer's result):
+    // its reference moves into the member when the kinds agree.
+    virtual void assignTaking(ZUObject& object, RefPtr<Object>&& value) const { assign(object, value.get()); }
+    // An object's first fill: stores `value` (which is `made.get()` when a
+    // transformer made it) unless the property cannot take it, and answers
+    // whether it could. The default compares first, as a refresh does.
+    virtual bool fill(ZUObject&, Object* value, RefPtr<Object>&& made) const;
 };
 
 namespace detail {
@@ -164,6 +171,39 @@ public:
                 return Comparison::Unacceptable;
             return member == *scalar ? Comparison::Equal : Comparison::Different;
         }
+    }
+    // A member has no setter to run: nothing to compare before storing.
+    bool fill(ZUObject& object, Object* value, RefPtr<Object>&& made) const override
+    {
+        auto& member = const_cast<Owner&>(owner(object)).*m_member;
+        if constexpr (IsRefPtr<Member>::value) {
+            using Element = typename IsRefPtr<Member>::Element;
+            if (made && is<Element>(made.get())) {
+                member = adoptRef(static_cast<Element*>(made.leakRef()));
+                return true;
+            }
+            auto taken = objectFrom<Element>(value);
+            if (!taken)
+                return false;
+            member = std::move(*taken);
+        } else {
+            auto scalar = scalarFrom<Member>(value);
+            if (!scalar)
+                return false;
+            member = *scalar;
+        }
+        return true;
+    }
+    void assignTaking(ZUObject& object, RefPtr<Object>&& value) const override
+    {
+        if constexpr (IsRefPtr<Member>::value) {
+            using Element = typename IsRefPtr<Member>::Element;
+            if (is<Element>(value.get())) {
+                const_cast<Owner&>(owner(object)).*m_member = adoptRef(static_cast<Element*>(value.leakRef()));
+                return;
+            }
+        }
+        assign(object, value.get());
     }
     void assign(ZUObject& object, Object* value) const override
     {

@@ -28,7 +28,22 @@ public:
         return it == m_byKeyPath.end() ? nullptr : it->second;
     }
 
+    // The value each descriptor reads from a dictionary whose enumeration
+    // finds exactly what its lookups find, gathered in one walk of its entries
+    // instead of one lookup per descriptor: values[i] for descriptors()[i],
+    // null where the dictionary has no entry.
+    void gatherValues(const Dictionary&, Object** values) const;
+
 private:
+    // Descriptor indices by the hash of their JSON key; several descriptors
+    // may read one key (chained through m_nextWithSource).
+    struct SourceSlot {
+        size_t hash { 0 };
+        const String* source { nullptr };
+        uint32_t first { 0 };
+    };
+    std::vector<SourceSlot> m_sources;
+    std::vector<uint32_t> m_nextWithSource;
     std::vector<const ZUPropertyDescriptor*> m_descriptors;
     std::unordered_map<std::string_view, const ZUPropertyDescriptor*> m_byKeyPath;
 };

@@ -59,6 +59,10 @@ TEST(VXKit, JSONShortcuts)
     EXPECT_FALSE(JSONObject(*String::create("not json")));
     EXPECT_TRUE(is<Array>(JSONObject(*Data::create("[1,2]"))));
     EXPECT_FALSE(JSONObject(*Data::create("[\"\xff\"]")));
+    // Not UTF-8 anywhere: in a string (over-long, surrogate, cut short), between tokens, after the value.
+    for (const char* text : { "[\"\xc0\xaf\"]", "[\"\xed\xa0\x80\"]", "[\"\xe2\x82\"]", "[1,\xc2\xa0 2]", "[1] \xff", "{\"k\xf5\":1}" })
+        EXPECT_FALSE(JSONObject(*Data::create(text))) << text;
+    EXPECT_TRUE(is<Array>(JSONObject(*Data::create("[\"\xe2\x82\xac \xf0\x9f\x8e\xb5\"]"))));
     EXPECT_FALSE(JSONObject(*Data::create("")));
     EXPECT_EQ(JSONString(*Dictionary::create({ { "k", Number::withInteger(1).ptr() } }))->view(), "{\"k\":1}");
 }

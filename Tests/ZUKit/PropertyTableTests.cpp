@@ -1,5 +1,6 @@
 // Model classes declared from one table, and the ownership rules they rely on.
 
+#include <JSONCodec/JSONCodec.h>
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXFramework.h>
 #include <VelvoxKit/VXNumberToStringValueTransformer.h>
@@ -39,6 +40,26 @@ private:
 };
 VX_DEFINE_CLASS(TableTrack, VXResource)
 ZU_DEFINE_PROPERTIES(TableTrack, VXResource, TABLE_TRACK_PROPERTIES)
+
+// Two properties read one JSON key.
+#define TWIN_PROPERTIES(P)                                      \
+    P(String, title, Title, "title", {})                        \
+    P(String, heading, Heading, "title", {})                    \
+    P(URL, link, Link, "permalink_url", VXURLStringValueTransformerName) \
+    P(int64_t, count, Count, "count", {})
+
+class TwinTrack final : public VXResource {
+    VX_OBJECT(TwinTrack)
+    ZU_PROPERTIES(TWIN_PROPERTIES)
+public:
+    static Ref<TwinTrack> create(Dictionary* dictionary) { return ZUObject::create<TwinTrack>(dictionary); }
+
+private:
+    friend class ZUObject;
+    TwinTrack() = default;
+};
+VX_DEFINE_CLASS(TwinTrack, VXResource)
+ZU_DEFINE_PROPERTIES(TwinTrack, VXResource, TWIN_PROPERTIES)
 
 // A transformer that marks what it made, to see which registration is used.
 class MarkingTransformer final : public ValueTransformer {
@@ -105,6 +126,43 @@ TEST_F(PropertyTable, FillsTypedMembersAndReportsRealChangesOnly)
     EXPECT_EQ(track->playbackCount(), 13u);
     EXPECT_EQ(track->title()->view(), "First");
     EXPECT_EQ(calls, 1);
+}
+
+TEST_F(PropertyTable, DecodedRecordsFillAsPlainDictionariesDo)
+{
+    // A decoded record is walked once; other dictionaries are asked key by
+    // key. Both must give every property the same value, for every catalogue
+    // record and for keys that two properties share.
+    auto decoder = JSONDecoder::decoder();
+    auto page = decoder->objectWithUTF8String(std::string_view(
+        R"([{"id":1,"title":"One","permalink_url":"https://x.test/1","count":3,"extra":[1]},)"
+        R"({"id":"2","title":7,"permalink_url":"not a url","count":"4"},{"title":null,"count":[]},{}])"));
+    ASSERT_TRUE(page);
+    auto compareFills = [](Dictionary* decoded) {
+        auto plain = decoded->mutableCopy(); // a platform dictionary
+        auto fromDecoded = TwinTrack::create(decoded);
+        auto fromPlain = TwinTrack::create(plain.ptr());
+        for (auto key : { "resourceIdentifier", "title", "heading", "link", "count" })
+            EXPECT_TRUE(objectsEqual(fromDecoded->valueForKey(key).get(), fromPlain->valueForKey(key).get())) << key;
+        EXPECT_TRUE(objectsEqual(fromDecoded->title(), fromDecoded->heading()));
+        EXPECT_EQ(fromDecoded->updateWithDictionary(decoded), false);
+        EXPECT_EQ(fromPlain->updateWithDictionary(decoded), false);
+    };
+    for (auto* record : *downcast<Array>(page.get()))
+        compareFills(downcast<Dictionary>(record));
+    auto first = TwinTrack::create(downcast<Dictionary>(downcast<Array>(page.get())->objectAtIndex(0)));
+    EXPECT_EQ(first->heading()->view(), "One");
+    EXPECT_EQ(first->count(), 3);
+    EXPECT_EQ(first->link()->absoluteString()->view(), "https://x.test/1");
+    for (size_t index = 0; index < 20; ++index) {
+        auto text = JSONString(*test::catalogueTrack(index));
+        auto decoded = decoder->objectWithUTF8String(text->view());
+        auto* dictionary = downcast<Dictionary>(decoded.get());
+        auto fromDecoded = TableTrack::create(dictionary);
+        auto fromPlain = TableTrack::create(dictionary->mutableCopy().ptr());
+        for (auto key : { "resourceIdentifier", "title", "trackDescription", "artworkURL", "userIdentifier", "playbackCount", "commentable", "rating" })
+            EXPECT_TRUE(objectsEqual(fromDecoded->valueForKey(key).get(), fromPlain->valueForKey(key).get())) << key;
+    }
 }
 
 TEST_F(PropertyTable, SettersTellObserversAndKeyValueCodingReachesEveryProperty)
