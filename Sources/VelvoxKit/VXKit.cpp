@@ -2,6 +2,8 @@
 
 #include <Platform/UTF8.h>
 
+#include <vector>
+
 namespace velvox {
 
 Ref<String> stringWithMilliseconds(int64_t ms)
@@ -108,7 +110,8 @@ private:
 
 Ref<Array> componentsSeparatedByWhitespacePreservingQuotations(const String& string)
 {
-    auto result = MutableArray::create();
+    // The words go straight into the immutable array, without a mutable one to copy.
+    std::vector<Ref<Object>> result;
     Scanner scanner(string.view());
     while (!scanner.isAtEnd()) {
         std::string_view token;
@@ -124,9 +127,9 @@ Ref<Array> componentsSeparatedByWhitespacePreservingQuotations(const String& str
         if (!scanner.isAtEnd())
             scanner.advance();
         if (scanned)
-            result->addObject(String::create(token));
+            result.push_back(String::create(token));
     }
-    return result->copy();
+    return Array::create(std::move(result));
 }
 
 RefPtr<Object> JSONObject(const String& string)
