@@ -92,6 +92,38 @@ TEST(Object, KindTestsFollowTheClassTree)
     EXPECT_EQ(String::create("x")->className(), "String");
 }
 
+TEST(Object, TagsAgreeWithKindTestsForEveryWayOfMaking)
+{
+    // Kind tests of these classes answer from the tag alone: every way of
+    // making one must set it, and nothing else may carry it.
+    StackString onStack("borrowed");
+    auto words = String::create("a b")->componentsSeparatedByString(" ");
+    std::vector<Ref<Object>> strings { String::create("x"), String::empty(), String::format("%d", 5), Number::withInteger(3)->stringValue(),
+        *words->lastObject() };
+    for (auto& string : strings) {
+        EXPECT_EQ(string->tag(), ObjectTag::String);
+        EXPECT_TRUE(string->isKindOf(String::s_info));
+    }
+    EXPECT_TRUE(is<String>(static_cast<Object*>(&onStack)));
+    std::vector<Ref<Number>> numbers { Number::withInteger(-1), Number::withUnsignedInteger(UINT64_MAX), Number::withDouble(0.5),
+        Number::withChar(1), Number::withBool(true), Number::falseValue(), Number::create(2.5f) };
+    for (auto& number : numbers)
+        EXPECT_EQ(number->tag(), ObjectTag::Number);
+    EXPECT_EQ(Null::null().tag(), ObjectTag::Null);
+    for (Object* other : { static_cast<Object*>(Array::create().ptr()), static_cast<Object*>(MutableDictionary::create().ptr()),
+             static_cast<Object*>(Date::create(0).ptr()), static_cast<Object*>(Data::create("x").ptr()) }) {
+        EXPECT_EQ(other->tag(), ObjectTag::Other) << other->className();
+        EXPECT_FALSE(is<String>(other) || is<Number>(other) || is<Null>(other));
+    }
+    // The singletons skip counting and survive any number of releases.
+    auto* null = &Null::null();
+    uint32_t count = null->refCount();
+    for (int i = 0; i < 1000; ++i)
+        null->deref();
+    EXPECT_EQ(null->refCount(), count);
+    EXPECT_TRUE(null->isImmortal());
+}
+
 TEST(Object, DefaultDescriptionNamesClassAndAddress)
 {
     int deaths = 0;
