@@ -198,14 +198,14 @@ JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
     return nullptr;
 }
 
-void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object)
+void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object, const JCReleaseHook& beforeRelease)
 {
     if (capacity) {
         size_t index = bucketForHash(keyHash);
         for (size_t i = 0; i < capacity; ++i) {
             auto& candidate = entry[index];
             if (candidate.key && candidate.keyHash == keyHash && (candidate.key == key || candidate.key->isEqual(key)))
-                removeEntry(candidate);
+                removeEntry(candidate, beforeRelease);
             if (!candidate.key) {
                 candidate = { keyHash, key, object };
                 ++count;
@@ -215,16 +215,18 @@ void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object)
                 index = 0;
         }
     }
+    beforeRelease();
     key->deref();
     object->deref();
 }
 
-void JCDictionaryStorage::removeEntry(JCHashTableEntry& removed)
+void JCDictionaryStorage::removeEntry(JCHashTableEntry& removed, const JCReleaseHook& beforeRelease)
 {
     Object* key = removed.key;
     Object* object = removed.object;
     removed = { 0, nullptr, nullptr };
     --count;
+    beforeRelease();
     key->deref();
     object->deref();
 }
@@ -367,7 +369,8 @@ void JCMutableDictionary::removeObjectForKey(const Object* key)
     }
 }
 
-Dictionary* detail::JCDictionaryFactory::JCDictionaryCreate(Object** keys, size_t* keyHashes, Object** objects, size_t count, bool mutableCollection)
+Dictionary* detail::JCDictionaryFactory::JCDictionaryCreate(Object** keys, size_t* keyHashes, Object** objects, size_t count, bool mutableCollection,
+    const JCReleaseHook& beforeRelease)
 {
     size_t capacityIndex = JCDictionaryCapacityIndexForCount(count);
     size_t capacity = jc_dictionaryCapacities[capacityIndex];
@@ -377,7 +380,7 @@ Dictionary* detail::JCDictionaryFactory::JCDictionaryCreate(Object** keys, size_
         storage.capacityIndex = static_cast<uint8_t>(capacityIndex);
         storage.inlineStorage = inlineStorage;
         for (size_t i = 0; i < count; ++i)
-            storage.addObject(keyHashes[i], keys[i], objects[i]);
+            storage.addObject(keyHashes[i], keys[i], objects[i], beforeRelease);
     };
     if (mutableCollection) {
         auto* table = static_cast<JCHashTableEntry*>(calloc(capacity ? capacity : 1, sizeof(JCHashTableEntry)));

@@ -80,6 +80,19 @@ struct JCHashTableEntry {
     Object* object;
 };
 
+// Called once before a dictionary being made releases a reference it was
+// handed (a repeated key, a full table): the decoder counts the references
+// its cache handed out first, so that no release finds a count short.
+struct JCReleaseHook {
+    void (*call)(void* context) { nullptr };
+    void* context { nullptr };
+    void operator()() const
+    {
+        if (call)
+            call(context);
+    }
+};
+
 struct JCDictionaryStorage {
     JCHashTableEntry* entry { nullptr };
     size_t count { 0 };
@@ -93,8 +106,8 @@ struct JCDictionaryStorage {
     size_t bucketForHash(size_t hash) const;
     JCHashTableEntry* entryForKey(const Object* key) const;
     // Takes over both references; releases them when there is no room.
-    void addObject(size_t keyHash, Object* key, Object* object);
-    void removeEntry(JCHashTableEntry&);
+    void addObject(size_t keyHash, Object* key, Object* object, const JCReleaseHook& beforeRelease = {});
+    void removeEntry(JCHashTableEntry&, const JCReleaseHook& beforeRelease = {});
     void resizeIfNeccessary(size_t newCapacityIndex);
     bool nextEntry(size_t& state, Dictionary::Entry& entry) const;
     size_t nextEntries(size_t& state, Dictionary::HashedEntry* buffer, size_t capacity) const;
@@ -187,7 +200,8 @@ class JCDictionaryFactory {
     friend class JCParser;
     friend struct JCCollectionsTestAccess;
     // Takes over the references to keys and objects.
-    static Dictionary* JCDictionaryCreate(Object** keys, size_t* keyHashes, Object** objects, size_t count, bool mutableCollection);
+    static Dictionary* JCDictionaryCreate(Object** keys, size_t* keyHashes, Object** objects, size_t count, bool mutableCollection,
+        const JCReleaseHook& beforeRelease = {});
 };
 
 } // namespace detail

@@ -1226,7 +1226,8 @@ Object* JCParser::jc_parse_array(JCParseState* state)
     Object* parsedArray = nullptr;
 
     while (!state->error && state->atIndex < state->stringLength) {
-        if (!jc_objectStack_makeRoom(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", __LINE__))
+        if (stack.index > stack.count - 4
+            && !jc_objectStack_makeRoom(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", __LINE__))
             break;
         if (!jc_parse_next_token(state))
             break;
@@ -1283,7 +1284,8 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
     Object* parsedDictionary = nullptr;
 
     while (!state->error && state->atIndex < state->stringLength) {
-        if (!jc_objectStack_makeRoom(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", __LINE__))
+        if (stack.index > stack.count - 4
+            && !jc_objectStack_makeRoom(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", __LINE__))
             break;
         if (!jc_parse_next_token(state))
             break;
@@ -1340,8 +1342,10 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
                 jc_error(state, "Unexpected '}'.");
                 break;
             }
+            // A repeated key releases the earlier pair: count the cache's pending references first.
+            JCReleaseHook applyPending { [](void* cache) { static_cast<JCTokenCache*>(cache)->applyPendingRefs(); }, &state->cache };
             parsedDictionary = JCDictionaryFactory::JCDictionaryCreate(stack.keys + startingObjectIndex, stack.cfHashes + startingObjectIndex,
-                stack.objects + startingObjectIndex, stack.index - startingObjectIndex, state->mutableCollections);
+                stack.objects + startingObjectIndex, stack.index - startingObjectIndex, state->mutableCollections, applyPending);
             break;
         } else {
             jc_error_parse_accept_or3(state, acceptMask, "a \"STRING\"", "a '}'");

@@ -252,17 +252,36 @@ TEST(JSONDecoder, CacheHitsAreCountedReferences)
     decoder->clearCache();
     EXPECT_EQ(shared->refCount(), 4u);
     // Evicted while a parse still holds hits on it: 3000 other strings push it out.
-    RefPtr<JSONDecoder> second = JSONDecoder::decoder();
+    RefPtr<JSONDecoder> evictingDecoder = JSONDecoder::decoder();
     std::string text = R"(["kept","kept")";
     for (int i = 0; i < 3000; ++i)
         text += format(",\"e%d\"", i);
     text += "]";
-    auto evicting = second->objectWithUTF8String(text);
+    auto evicting = evictingDecoder->objectWithUTF8String(text);
     auto* kept = downcast<Array>(evicting.get())->objectAtIndex(0);
     EXPECT_EQ(downcast<Array>(evicting.get())->objectAtIndex(1), kept);
-    second = nullptr; // the decoder and its cache go
+    evictingDecoder = nullptr; // the decoder and its cache go
     EXPECT_EQ(kept->refCount(), 2u);
     EXPECT_EQ(downcast<String>(kept)->str(), "kept");
+
+    // A repeated key: the dictionary releases the earlier pair while the
+    // parse still holds hits on both strings.
+    RefPtr<JSONDecoder> third = JSONDecoder::decoder();
+    auto repeated = third->objectWithUTF8String(std::string_view(R"([{"k":"v","k":"v"},{"k":"v","k":"v","k":"w"}])"));
+    ASSERT_TRUE(repeated);
+    auto* records = downcast<Array>(repeated.get());
+    auto* first = downcast<Dictionary>(records->objectAtIndex(0));
+    auto* second = downcast<Dictionary>(records->objectAtIndex(1));
+    EXPECT_EQ(first->count(), 1u);
+    EXPECT_EQ(downcast<String>(first->objectForKey("k"))->str(), "v");
+    EXPECT_EQ(downcast<String>(second->objectForKey("k"))->str(), "w");
+    Object* key = nullptr;
+    for (auto& entry : *first)
+        key = entry.key;
+    EXPECT_EQ(key->refCount(), 3u); // one per dictionary, one in the cache
+    EXPECT_EQ(first->objectForKey("k")->refCount(), 2u);
+    third = nullptr;
+    EXPECT_EQ(key->refCount(), 2u);
 }
 
 TEST(JSONDecoder, AFreedLargeTreeGivesItsMemoryBackAtTheNextParse)
