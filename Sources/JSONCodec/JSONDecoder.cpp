@@ -178,18 +178,21 @@ struct JCTokenCacheItem {
     uint64_t hash { 0 };
     size_t keyHash { 0 };
     size_t size { 0 };
-    // The value's bytes: a string's own bytes (alive while the cache holds
-    // the string), or a number's eight bytes in `numberBytes`. No copy is made.
+    // The value's bytes: a number's eight or a short string's up to sixteen
+    // in `inlineBytes`, a longer string's own bytes (alive while the cache
+    // holds the string). A hit on a short value then reads the item alone,
+    // never the object.
     const uint8_t* bytes { nullptr };
-    uint8_t numberBytes[8] {};
-    uint8_t type { JCValueTypeNone };
+    uint8_t inlineBytes[16] {};
     // References handed out by hits of this parse and not yet counted: they
     // are added in one step when the parse ends (or the item is reused), so a
     // key met a thousand times costs one atomic operation, not a thousand.
     // The cache's own reference keeps the object alive meanwhile.
     uint32_t pendingRefs { 0 };
+    uint8_t type { JCValueTypeNone };
     bool pendingListed { false };
 };
+static_assert(sizeof(JCTokenCacheItem) == 64, "one cache line per item");
 
 struct JCTokenValue {
     JCConstPtrRange ptrRange;
@@ -1173,12 +1176,11 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
         slot->keyHash = 0;
         slot->size = length;
         slot->type = value.type;
-        if (value.type == JCValueTypeString)
+        if (length <= sizeof(slot->inlineBytes)) {
+            memcpy(slot->inlineBytes, value.ptrRange.ptr, length);
+            slot->bytes = slot->inlineBytes;
+        } else
             slot->bytes = reinterpret_cast<const uint8_t*>(static_cast<String*>(object)->utf8());
-        else {
-            memcpy(slot->numberBytes, value.ptrRange.ptr, sizeof(slot->numberBytes));
-            slot->bytes = slot->numberBytes;
-        }
         cache.age[slotBucket] = 0;
         value.cacheItem = slot;
     }
@@ -1460,7 +1462,10 @@ JSONDecoder::JSONDecoder(JCParseOptionFlags options)
     state.objectStack.roundSizeUpToMultipleOf = 2048;
     state.cache.prng_lfsr = 1;
     state.cache.count = detail::JCCacheBuckets;
-    state.cache.items = static_cast<detail::JCTokenCacheItem*>(calloc(state.cache.count, sizeof(detail::JCTokenCacheItem)));
+    // Aligned, so that an item is one cache line.
+    state.cache.items = static_cast<detail::JCTokenCacheItem*>(aligned_alloc(64, state.cache.count * sizeof(detail::JCTokenCacheItem)));
+    if (state.cache.items)
+        memset(static_cast<void*>(state.cache.items), 0, state.cache.count * sizeof(detail::JCTokenCacheItem));
     state.cache.age = static_cast<uint8_t*>(calloc(state.cache.count, 1));
     state.cache.pending = static_cast<uint16_t*>(calloc(state.cache.count, sizeof(uint16_t)));
     if (!state.cache.items || !state.cache.age || !state.cache.pending)
