@@ -1,6 +1,7 @@
 #include "Object.h"
 
 #include "Exception.h"
+#include "Number.h"
 #include "String.h"
 
 #include <vector>
@@ -65,6 +66,18 @@ thread_local bool t_anyDeferred = false;
 
 void Object::destroy(const Object* object)
 {
+    // Strings and numbers, the bulk of a decoded tree, hold nothing that needs
+    // releasing: they go without a virtual destructor call or a nesting count.
+    switch (object->tag()) {
+    case ObjectTag::Number:
+        delete static_cast<const Number*>(object); // final: no virtual call
+        return;
+    case ObjectTag::String:
+        String::deallocate(static_cast<const String*>(object));
+        return;
+    default:
+        break;
+    }
     if (t_destructionDepth >= maximumNestedDestructions && !DeferredDestructions::s_gone) {
         t_deferred.objects.push_back(object);
         t_anyDeferred = true;

@@ -28,9 +28,15 @@ Ref<String> String::create(std::string_view text)
 
 void String::operator delete(String* string, std::destroying_delete_t)
 {
+    deallocate(string);
+}
+
+void String::deallocate(const String* constString)
+{
     // A string on the stack is never deleted, so every string here owns trailing bytes.
+    auto* string = const_cast<String*>(constString);
     size_t size = sizeof(String) + string->m_length + 1;
-    string->~String();
+    string->String::~String();
     detail::deallocateSmall(string, size);
 }
 

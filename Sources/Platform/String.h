@@ -79,6 +79,10 @@ protected:
     }
 
 private:
+    // The same for a string whose last reference went (Object::destroy).
+    friend class Object;
+    static void deallocate(const String*);
+
     const char* m_chars;
     size_t m_length;
     mutable size_t m_hash { 0 };
