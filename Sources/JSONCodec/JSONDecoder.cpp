@@ -927,75 +927,37 @@ bool JCParser::jc_parse_number(JCParseState* state)
         }
     }
 
-    enum { Start, Minus, LeadingZero, IntegerDigits, Period, FractionDigits, Exponent, ExponentSign, ExponentDigits } machine = Start;
-    while (true) {
-        if (at >= end) {
-            // The input may end right after a complete number, not inside one.
-            if (machine == LeadingZero || machine == IntegerDigits || machine == FractionDigits || machine == ExponentDigits)
-                break;
-            return invalid(at);
-        }
-        uint8_t c = *at;
-        bool consumed = true;
-        switch (machine) {
-        case Start:
-            machine = c == '-' ? Minus : c == '0' ? LeadingZero : IntegerDigits;
-            break;
-        case Minus:
-            if (c == '0')
-                machine = LeadingZero;
-            else if (c >= '1' && c <= '9')
-                machine = IntegerDigits;
-            else
-                return invalid(at);
-            break;
-        case LeadingZero:
-        case IntegerDigits:
-            if (machine == IntegerDigits && isDigit(c))
-                break;
-            if (c == '.')
-                machine = Period;
-            else if (c == 'e' || c == 'E')
-                machine = Exponent;
-            else
-                consumed = false;
-            break;
-        case Period:
-            if (!isDigit(c))
-                return invalid(at);
-            machine = FractionDigits;
-            break;
-        case FractionDigits:
-            if (isDigit(c))
-                break;
-            if (c == 'e' || c == 'E')
-                machine = Exponent;
-            else
-                consumed = false;
-            break;
-        case Exponent:
-            if (c == '+' || c == '-')
-                machine = ExponentSign;
-            else if (isDigit(c))
-                machine = ExponentDigits;
-            else
-                return invalid(at);
-            break;
-        case ExponentSign:
-            if (!isDigit(c))
-                return invalid(at);
-            machine = ExponentDigits;
-            break;
-        case ExponentDigits:
-            if (!isDigit(c))
-                consumed = false;
-            break;
-        }
-        if (!consumed)
-            break;
-        if (machine == Period || machine == Exponent)
-            isFloatingPoint = true;
+    // The grammar, straight: optional minus, 0 or a digit run not starting
+    // with 0, optional fraction, optional exponent. A missing digit, or the
+    // end of the input where a digit is due, is an invalid number there; the
+    // first byte that cannot continue ends the number unconsumed.
+    if (*at == '-')
         ++at;
+    if (at >= end || !isDigit(*at))
+        return invalid(at);
+    if (*at == '0')
+        ++at; // a digit after a leading zero starts the next token
+    else {
+        while (at < end && isDigit(*at))
+            ++at;
+    }
+    if (at < end && *at == '.') {
+        isFloatingPoint = true;
+        ++at;
+        if (at >= end || !isDigit(*at))
+            return invalid(at);
+        while (at < end && isDigit(*at))
+            ++at;
+    }
+    if (at < end && (*at == 'e' || *at == 'E')) {
+        isFloatingPoint = true;
+        ++at;
+        if (at < end && (*at == '+' || *at == '-'))
+            ++at;
+        if (at >= end || !isDigit(*at))
+            return invalid(at);
+        while (at < end && isDigit(*at))
+            ++at;
     }
 
     size_t length = at - start;
@@ -1086,8 +1048,7 @@ bool JCParser::jc_parse_number(JCParseState* state)
         value.hash = JCHashSeed + JCValueTypeUnsignedLongLong + result;
     }
     value.ptrRange = { reinterpret_cast<const uint8_t*>(&value.number), sizeof(value.number) };
-    for (size_t i = 0; i < sizeof(value.number); ++i)
-        value.hash = value.hash * 33 + value.ptrRange.ptr[i];
+    value.hash = hashRun(value.hash, value.ptrRange.ptr, value.ptrRange.ptr + sizeof(value.number));
     state->token.tokenPtrRange = { start, length };
     return true;
 }
