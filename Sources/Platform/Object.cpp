@@ -10,6 +10,9 @@ namespace velvox {
 
 const ClassInfo Object::s_info { "Object", nullptr };
 
+// The tag lives in the padding after the count: no object grows for it.
+static_assert(sizeof(void*) != 8 || sizeof(Object) == 16, "Object is a vtable pointer, a count and a tag");
+
 Ref<String> Object::description() const
 {
     return String::format("<%s: 0x%08X>", className(), static_cast<unsigned>(reinterpret_cast<uintptr_t>(this)));
