@@ -110,8 +110,9 @@ TEST(Object, TagsAgreeWithKindTestsForEveryWayOfMaking)
     for (auto& number : numbers)
         EXPECT_EQ(number->tag(), ObjectTag::Number);
     EXPECT_EQ(Null::null().tag(), ObjectTag::Null);
-    for (Object* other : { static_cast<Object*>(Array::create().ptr()), static_cast<Object*>(MutableDictionary::create().ptr()),
-             static_cast<Object*>(Date::create(0).ptr()), static_cast<Object*>(Data::create("x").ptr()) }) {
+    std::vector<Ref<Object>> others { Array::create(), MutableDictionary::create(), Date::create(0), Data::create("x") };
+    for (auto& owner : others) {
+        Object* other = owner.ptr();
         EXPECT_EQ(other->tag(), ObjectTag::Other) << other->className();
         EXPECT_FALSE(is<String>(other) || is<Number>(other) || is<Null>(other));
     }
