@@ -17,9 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fast_float/fast_float.h>
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
 
 namespace velvox {
 
@@ -84,60 +81,6 @@ inline uint64_t hashRun(uint64_t hash, const uint8_t* p, const uint8_t* end)
     while (p < end)
         hash = hash * 33 + *p++;
     return hash;
-}
-
-// Skips bytes that a string holds as they are: ASCII from 0x20 on, but the
-// quote mark and the backslash.
-inline const uint8_t* skipPlainASCII(const uint8_t* at, const uint8_t* end)
-{
-#ifdef __SSE2__
-    const __m128i quote = _mm_set1_epi8('"');
-    const __m128i backslash = _mm_set1_epi8('\\');
-    const __m128i space = _mm_set1_epi8(0x20);
-    while (end - at >= 16) {
-        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-        // A signed compare puts the bytes from 0x80 on below 0x20 too.
-        __m128i special = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash)), _mm_cmplt_epi8(chunk, space));
-        int mask = _mm_movemask_epi8(special);
-        if (mask)
-            return at + __builtin_ctz(static_cast<unsigned>(mask));
-        at += 16;
-    }
-#endif
-    while (at < end) {
-        uint8_t c = *at;
-        if (c < 0x20 || c >= 0x80 || c == '"' || c == '\\')
-            break;
-        ++at;
-    }
-    return at;
-}
-
-// Equality of two byte runs of one length; short runs without a call.
-inline bool bytesEqual(const uint8_t* a, const uint8_t* b, size_t length)
-{
-    if (length <= 16) {
-        auto load64 = [](const uint8_t* p) {
-            uint64_t value;
-            memcpy(&value, p, 8);
-            return value;
-        };
-        auto load32 = [](const uint8_t* p) {
-            uint32_t value;
-            memcpy(&value, p, 4);
-            return value;
-        };
-        if (length >= 8)
-            return load64(a) == load64(b) && load64(a + length - 8) == load64(b + length - 8);
-        if (length >= 4)
-            return load32(a) == load32(b) && load32(a + length - 4) == load32(b + length - 4);
-        for (size_t i = 0; i < length; ++i) {
-            if (a[i] != b[i])
-                return false;
-        }
-        return true;
-    }
-    return !memcmp(a, b, length);
 }
 
 // Skips blanks, tabs, CRs and LFs, sixteen at a time where they run long.
@@ -306,6 +249,10 @@ private:
     // The 1-based line of a byte: the newlines before it that white space and
     // comments hold (none inside strings), counted as the tokenizer skips them.
     static size_t lineNumberAt(JCParseState*, size_t index);
+    // Whether a comment ("//" or "/*") starts at `at`; skipping one that does,
+    // up to `limit`: where it ends, with the newlines it holds added to `newlines`.
+    static bool startsComment(JCParseState*, size_t at);
+    static size_t skipComment(JCParseState*, size_t at, size_t limit, size_t& newlines);
     static bool jc_parse_string(JCParseState*);
     static bool jc_parse_number(JCParseState*);
     static Object* jc_object_for_token(JCParseState*);
@@ -456,6 +403,32 @@ size_t JCParser::jc_parse_is_newline(JCParseState* state, const uint8_t* at)
     return 0;
 }
 
+bool JCParser::startsComment(JCParseState* state, size_t at)
+{
+    const uint8_t* bytes = state->stringBytes;
+    return bytes[at] == '/' && at + 1 < state->stringLength && (bytes[at + 1] == '/' || bytes[at + 1] == '*');
+}
+
+size_t JCParser::skipComment(JCParseState* state, size_t at, size_t limit, size_t& newlines)
+{
+    const uint8_t* bytes = state->stringBytes;
+    bool block = bytes[at + 1] == '*';
+    at += 2;
+    while (at < limit) {
+        if (block && bytes[at] == '*' && at + 1 < state->stringLength && bytes[at + 1] == '/')
+            return at + 2;
+        if (size_t newline = jc_parse_is_newline(state, bytes + at)) {
+            at += newline;
+            ++newlines;
+            if (!block)
+                return at; // a line comment ends with its newline
+            continue;
+        }
+        ++at;
+    }
+    return at;
+}
+
 size_t JCParser::lineNumberAt(JCParseState* state, size_t index)
 {
     const uint8_t* bytes = state->stringBytes;
@@ -477,23 +450,8 @@ size_t JCParser::lineNumberAt(JCParseState* state, size_t index)
             }
             continue;
         }
-        if (comments && c == '/' && at + 1 < length && (bytes[at + 1] == '/' || bytes[at + 1] == '*')) {
-            bool block = bytes[at + 1] == '*';
-            at += 2;
-            while (at < index) {
-                if (block && bytes[at] == '*' && at + 1 < length && bytes[at + 1] == '/') {
-                    at += 2;
-                    break;
-                }
-                if (size_t newline = jc_parse_is_newline(state, bytes + at)) {
-                    at += newline;
-                    ++line;
-                    if (!block)
-                        break;
-                    continue;
-                }
-                ++at;
-            }
+        if (comments && startsComment(state, at)) {
+            at = skipComment(state, at, index, line);
             continue;
         }
         if (size_t newline = jc_parse_is_newline(state, bytes + at)) {
@@ -530,34 +488,10 @@ void JCParser::jc_parse_skip_whitespace(JCParseState* state)
             state->atIndex += newline;
             continue;
         }
-        if (comments && c == '/' && state->atIndex + 1 < length) {
-            uint8_t next = bytes[state->atIndex + 1];
-            if (next == '/') {
-                state->atIndex += 2;
-                while (state->atIndex < length) {
-                    if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
-                        state->atIndex += newline;
-                        break;
-                    }
-                    ++state->atIndex;
-                }
-                continue;
-            }
-            if (next == '*') {
-                state->atIndex += 2;
-                while (state->atIndex < length) {
-                    if (bytes[state->atIndex] == '*' && state->atIndex + 1 < length && bytes[state->atIndex + 1] == '/') {
-                        state->atIndex += 2;
-                        break;
-                    }
-                    if (size_t newline = jc_parse_is_newline(state, bytes + state->atIndex)) {
-                        state->atIndex += newline;
-                        continue;
-                    }
-                    ++state->atIndex;
-                }
-                continue;
-            }
+        if (comments && startsComment(state, state->atIndex)) {
+            size_t lines = 0; // counted only when an error asks (lineNumberAt)
+            state->atIndex = skipComment(state, state->atIndex, length, lines);
+            continue;
         }
         return;
     }
@@ -677,7 +611,7 @@ bool JCParser::jc_parse_string(JCParseState* state)
     // Fast path: no escapes and well-formed UTF-8, so the value is the input itself.
     while (true) {
         const uint8_t* run = at;
-        at = skipPlainASCII(at, end);
+        at = skipPlainStringBytes(at, end, true);
         hash = hashRun(hash, run, at);
         if (at >= end)
             return fail(end);
@@ -706,7 +640,7 @@ bool JCParser::jc_parse_string(JCParseState* state)
     memcpy(state->tokenBuffer.bytes, start + 1, used);
     while (at < end) {
         const uint8_t* run = at;
-        at = skipPlainASCII(at, end);
+        at = skipPlainStringBytes(at, end, true);
         if (at > run) {
             if (!growTokenBuffer(state, used + (at - run) + 4))
                 goto bufferFailure;
@@ -1083,7 +1017,7 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
             slotBucket = bucket;
             break;
         }
-        if (item.hash == hash && item.size == length && item.type == value.type && bytesEqual(item.bytes, value.ptrRange.ptr, length)) {
+        if (item.hash == hash && item.size == length && item.type == value.type && String::equalBytes(item.bytes, value.ptrRange.ptr, length)) {
             cache.age[bucket] = static_cast<uint8_t>(cache.age[bucket] * 2 + 1);
             value.cacheItem = &item;
             if (!item.pendingListed) {

@@ -10,16 +10,12 @@
 #include <Platform/Number.h>
 #include <Platform/String.h>
 
-#include <algorithm>
 #include <charconv>
 #include <new>
 #include <utility>
 #include <cmath>
 #include <cstdio>
 #include <vector>
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
 
 namespace velvox {
 
@@ -160,38 +156,6 @@ bool writeUnsigned(JCEncodeState* state, uint64_t value, bool negative)
     return jc_encode_write(state, at, end - at);
 }
 
-// The end of the run of bytes from `at` that a string writes as they are:
-// ASCII from 0x20 on but the quote mark and the backslash, and the bytes from
-// 0x80 on unless they are to be escaped.
-inline const uint8_t* skipPlain(const uint8_t* at, const uint8_t* end, bool escapeUnicode)
-{
-#ifdef __SSE2__
-    const __m128i quote = _mm_set1_epi8('"');
-    const __m128i backslash = _mm_set1_epi8('\\');
-    const __m128i space = _mm_set1_epi8(0x20);
-    const __m128i flip = _mm_set1_epi8(static_cast<char>(0x80));
-    while (end - at >= 16) {
-        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-        __m128i special = _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash));
-        // Signed: the bytes from 0x80 on compare below 0x20. Flipped: only 0x00-0x1F do.
-        if (escapeUnicode)
-            special = _mm_or_si128(special, _mm_cmplt_epi8(chunk, space));
-        else
-            special = _mm_or_si128(special, _mm_cmplt_epi8(_mm_xor_si128(chunk, flip), _mm_xor_si128(space, flip)));
-        if (int mask = _mm_movemask_epi8(special))
-            return at + __builtin_ctz(static_cast<unsigned>(mask));
-        at += 16;
-    }
-#endif
-    while (at < end) {
-        uint8_t c = *at;
-        if (c < 0x20 || c == '"' || c == '\\' || (c >= 0x80 && escapeUnicode))
-            break;
-        ++at;
-    }
-    return at;
-}
-
 bool encodeString(JCEncodeState* state, const String& string)
 {
     const auto* bytes = reinterpret_cast<const uint8_t*>(string.view().data());
@@ -214,7 +178,7 @@ bool encodeString(JCEncodeState* state, const String& string)
     const uint8_t* end = bytes + length;
     for (const uint8_t* at = bytes; at < end;) {
         // Runs that need no escape go in one copy, found sixteen bytes at a time.
-        if (const uint8_t* runEnd = skipPlain(at, end, escapeUnicode); runEnd != at) {
+        if (const uint8_t* runEnd = skipPlainStringBytes(at, end, escapeUnicode); runEnd != at) {
             memcpy(out, at, runEnd - at);
             out += runEnd - at;
             at = runEnd;
@@ -339,14 +303,6 @@ bool encodeArray(JCEncodeState* state, const Array& array)
             // A tree's objects lie scattered: ask for the next ones early.
             if (i + 4 < count)
                 __builtin_prefetch(elements[i + 4]);
-            // The head of a dictionary two ahead has come in by now: its table next.
-            if (i + 2 < count && elements[i + 2]->tag() == ObjectTag::JCDictionary) {
-                auto& next = static_cast<const JCDictionary&>(*elements[i + 2]);
-                auto* table = reinterpret_cast<const char*>(next.entries());
-                size_t bytes = std::min<size_t>(next.capacity() * sizeof(JCHashTableEntry), 1024);
-                for (size_t offset = 0; offset < bytes; offset += 64)
-                    __builtin_prefetch(table + offset);
-            }
             if (i && !state->write1(0, ','))
                 return false;
             if (!jc_encode_add_atom_to_buffer(state, elements[i]))

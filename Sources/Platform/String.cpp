@@ -69,7 +69,7 @@ bool String::isEqual(const Object* other) const
         return false;
     if (m_hash && string->m_hash && m_hash != string->m_hash)
         return false;
-    return !memcmp(m_chars, string->m_chars, m_length);
+    return equalBytes(m_chars, string->m_chars, m_length);
 }
 
 namespace {

@@ -8,6 +8,7 @@
 #include "Object.h"
 
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <string>
 #include <string_view>
@@ -65,6 +66,33 @@ public:
 
     // Hash of a byte string, the same as the hash of a String of those bytes.
     static size_t hashBytes(const char* bytes, size_t length);
+    // Equality of two byte runs of one length; the short runs of keys without a call.
+    static bool equalBytes(const void* first, const void* second, size_t length)
+    {
+        auto* a = static_cast<const unsigned char*>(first);
+        auto* b = static_cast<const unsigned char*>(second);
+        if (length > 16)
+            return !memcmp(a, b, length);
+        auto load64 = [](const unsigned char* p) {
+            uint64_t value;
+            memcpy(&value, p, 8);
+            return value;
+        };
+        auto load32 = [](const unsigned char* p) {
+            uint32_t value;
+            memcpy(&value, p, 4);
+            return value;
+        };
+        if (length >= 8)
+            return load64(a) == load64(b) && load64(a + length - 8) == load64(b + length - 8);
+        if (length >= 4)
+            return load32(a) == load32(b) && load32(a + length - 4) == load32(b + length - 4);
+        for (size_t i = 0; i < length; ++i) {
+            if (a[i] != b[i])
+                return false;
+        }
+        return true;
+    }
 
     // A string and its bytes are one block, whose size only the string knows.
     static void operator delete(String* string, std::destroying_delete_t);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <iterator>
 
 namespace velvox {
@@ -15,30 +14,6 @@ namespace {
 inline size_t slotOf(size_t hash, size_t mask)
 {
     return static_cast<size_t>((static_cast<uint64_t>(hash) * 0x9E3779B97F4A7C15ull) >> 40) & mask;
-}
-
-// Key comparison without a call for the short keys of records.
-inline bool sameBytes(std::string_view a, std::string_view b)
-{
-    size_t length = a.size();
-    if (length != b.size())
-        return false;
-    if (length >= 8 && length <= 16) {
-        uint64_t x1, y1, x2, y2;
-        memcpy(&x1, a.data(), 8);
-        memcpy(&y1, b.data(), 8);
-        memcpy(&x2, a.data() + length - 8, 8);
-        memcpy(&y2, b.data() + length - 8, 8);
-        return x1 == y1 && x2 == y2;
-    }
-    if (length < 8) {
-        for (size_t i = 0; i < length; ++i) {
-            if (a[i] != b[i])
-                return false;
-        }
-        return true;
-    }
-    return !memcmp(a.data(), b.data(), length);
 }
 
 } // namespace
@@ -92,7 +67,7 @@ void ZUPropertyTable::gatherValues(const Dictionary& dictionary, Object** values
             auto key = static_cast<const String*>(entry.key)->view();
             for (size_t at = slotOf(entry.keyHash, mask); m_sources[at].source; at = (at + 1) & mask) {
                 auto& slot = m_sources[at];
-                if (slot.hash == entry.keyHash && sameBytes(slot.source->view(), key)) {
+                if (slot.hash == entry.keyHash && slot.source->length() == key.size() && String::equalBytes(slot.source->view().data(), key.data(), key.size())) {
                     for (uint32_t index = slot.first; index; index = m_nextWithSource[index - 1])
                         values[index - 1] = entry.object;
                     break;
