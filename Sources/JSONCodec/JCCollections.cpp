@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace velvox {
 
@@ -26,6 +27,64 @@ inline void incrementMutations(uint64_t& mutations)
 constexpr size_t jc_dictionaryCapacities[] = { 0, 3, 7, 13, 23, 41, 71, 127, 191, 251, 383, 631, 1087, 1723, 2803, 4523, 7351, 11959,
     19447, 31231, 50683, 81919, 132607, 214519, 346607, 561109, 907759, 1468927, 2376191, 3845119, 6221311, 10066421, 16287743,
     26354171, 42641881, 68996069, 111638519, 180634607, 292272623, 472907251 };
+
+// The keys of a decoded tree are a few strings shared by thousands of
+// dictionaries (the decoder's cache hands out one object per key). Releasing
+// them one atomic operation at a time stalls the walk on a line every
+// dictionary touches, so while a tree goes its key releases are counted here
+// and handed over in one operation per key when the outermost release ends.
+class KeyReleases {
+public:
+    void enter() { ++m_depth; }
+    void leave()
+    {
+        if (m_depth > 1) {
+            --m_depth;
+            return;
+        }
+        // Still entered while handing over: a key whose last reference goes
+        // may release collections of its own, and those count in here too.
+        while (m_usedCount) {
+            Slot& slot = m_slots[m_used[--m_usedCount]];
+            Object* key = std::exchange(slot.key, nullptr);
+            key->deref(std::exchange(slot.count, 0));
+        }
+        m_depth = 0;
+    }
+    void release(size_t keyHash, Object* key)
+    {
+        size_t index = (keyHash * 0x9E3779B97F4A7C15ull) >> (64 - slotBits);
+        Slot& slot = m_slots[index];
+        if (slot.key == key) {
+            ++slot.count;
+            return;
+        }
+        // The slot changes hands before the old key is released, for the
+        // same reason.
+        Object* old = std::exchange(slot.key, key);
+        uint32_t oldCount = std::exchange(slot.count, 1);
+        if (old)
+            old->deref(oldCount);
+        else
+            m_used[m_usedCount++] = static_cast<uint8_t>(index);
+    }
+
+private:
+    static constexpr unsigned slotBits = 8;
+    static constexpr size_t slotCount = size_t(1) << slotBits;
+    struct Slot {
+        Object* key;
+        uint32_t count;
+    };
+    Slot m_slots[slotCount];
+    // The slots in use, so that a small tree's end does not scan them all.
+    uint8_t m_used[slotCount];
+    uint32_t m_usedCount;
+    uint32_t m_depth;
+};
+
+// Trivial, so that reaching it costs no initialisation check.
+thread_local KeyReleases t_keyReleases;
 
 } // namespace
 
@@ -49,11 +108,14 @@ void JCArrayStorage::getObjects(const Object& owner, Object** buffer, size_t loc
 void JCArrayStorage::releaseAll()
 {
     // Elements are scattered in memory: fetch a few ahead of the one released.
+    auto& keyReleases = t_keyReleases;
+    keyReleases.enter();
     for (size_t i = 0; i < count; ++i) {
         if (i + 4 < count)
             __builtin_prefetch(objects[i + 4], 1);
         objects[i]->deref();
     }
+    keyReleases.leave();
     if (!inlineStorage)
         free(objects);
     objects = nullptr;
@@ -290,16 +352,20 @@ size_t JCDictionaryStorage::getKeysAndObjects(size_t arrayLength, Object** keys,
     return gotCount;
 }
 
+
 void JCDictionaryStorage::releaseAll()
 {
+    auto& keyReleases = t_keyReleases;
+    keyReleases.enter();
     for (size_t i = 0; i < capacity; ++i) {
         if (i + 2 < capacity && entry[i + 2].key)
             __builtin_prefetch(entry[i + 2].object, 1);
         if (entry[i].key) {
-            entry[i].key->deref();
+            keyReleases.release(entry[i].keyHash, entry[i].key);
             entry[i].object->deref();
         }
     }
+    keyReleases.leave();
     if (!inlineStorage)
         free(entry);
     entry = nullptr;

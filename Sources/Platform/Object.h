@@ -62,7 +62,14 @@ public:
     }
     void deref() const
     {
-        if (!isImmortal() && m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        // The last reference needs no atomic operation: whoever holds it is
+        // the only one who can reach the object, so no other thread can change
+        // the count meanwhile (the acquire pairs with other threads' releases).
+        uint32_t count = m_refCount.load(std::memory_order_acquire);
+        if (count == 1) {
+            m_refCount.store(0, std::memory_order_relaxed);
+            destroy(this);
+        } else if (count < immortalCount && m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
             destroy(this);
     }
     // Several references at once: one atomic operation instead of `count`.

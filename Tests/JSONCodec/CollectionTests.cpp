@@ -190,3 +190,84 @@ TEST(JCCollections, MutatingDuringWalkRaises)
         },
         Exception);
 }
+
+namespace {
+
+// A key whose own destruction releases a decoded tree.
+class TreeHoldingKey final : public Object {
+    VX_OBJECT(TreeHoldingKey)
+public:
+    static Ref<TreeHoldingKey> create(RefPtr<Object> tree, int* deaths) { return adoptRef(*new TreeHoldingKey(std::move(tree), deaths)); }
+
+private:
+    TreeHoldingKey(RefPtr<Object> tree, int* deaths)
+        : m_tree(std::move(tree))
+        , m_deaths(deaths)
+    {
+    }
+    ~TreeHoldingKey() override { ++*m_deaths; }
+    RefPtr<Object> m_tree;
+    int* m_deaths;
+};
+VX_DEFINE_CLASS(TreeHoldingKey, Object)
+
+// The key object the dictionary holds for `key`.
+Ref<String> keyObjectOf(const Dictionary& dictionary, std::string_view key)
+{
+    size_t state = 0;
+    Dictionary::Entry entry;
+    while (dictionary.nextEntry(state, entry)) {
+        if (downcast<String>(entry.key)->utf8() == key)
+            return *downcast<String>(entry.key);
+    }
+    ADD_FAILURE() << "no key " << key;
+    return String::create(key);
+}
+
+} // namespace
+
+// Releasing a tree hands every key reference back exactly once, however the
+// tree is shaped: records in a list, nesting deep enough to be released in
+// pieces, keys whose own release lets further trees go.
+TEST(JCCollections, ReleasingTreesReturnsEveryKeyReferenceOnce)
+{
+    RefPtr<JSONDecoder> decoder = JSONDecoder::decoder();
+    std::string records = "[";
+    for (int i = 0; i < 600; ++i)
+        records += std::string(i ? "," : "") + R"({"id":)" + std::to_string(i) + R"(,"user":{"id":1,"kind":"user"},"kind":"track"})";
+    records += "]";
+    auto list = decoder->objectWithUTF8String(records);
+    auto first = downcast<Dictionary>(downcast<Array>(list.get())->objectAtIndex(0));
+    Ref<String> kind = keyObjectOf(*first, "kind");
+    Ref<Dictionary> keptRecord = *first;
+    list = nullptr;
+    // What is left: the cache's reference, ours, and the kept record's two (its own, its user's).
+    EXPECT_EQ(kind->refCount(), 4u);
+    keptRecord = *downcast<Dictionary>(decoder->objectWithUTF8String(std::string_view(R"({"x":1})")).get());
+    EXPECT_EQ(kind->refCount(), 2u);
+
+    std::string deep;
+    for (int i = 0; i < 3000; ++i)
+        deep += R"({"kind":)";
+    deep += "1" + std::string(3000, '}');
+    auto nested = decoder->objectWithUTF8String(deep);
+    EXPECT_EQ(kind->refCount(), 3002u);
+    nested = nullptr;
+    EXPECT_EQ(kind->refCount(), 2u);
+    decoder = nullptr;
+    EXPECT_EQ(kind->refCount(), 1u);
+
+    // A dictionary whose keys own trees: they go while the outer release
+    // hands its keys back, and their trees' keys are handed back too.
+    int deaths = 0;
+    auto inner = JSONDecoder::decoder()->objectWithUTF8String(std::string_view(R"([{"kind":1},{"kind":2}])"));
+    Ref<String> innerKind = keyObjectOf(*downcast<Dictionary>(downcast<Array>(inner.get())->objectAtIndex(0)), "kind");
+    auto outer = decodeMutable("{}");
+    for (int i = 0; i < 300; ++i)
+        downcast<MutableDictionary>(outer.get())->setObject(Number::withInteger(i).ptr(), TreeHoldingKey::create(i ? nullptr : inner, &deaths).ptr());
+    inner = nullptr;
+    EXPECT_EQ(innerKind->refCount(), 3u);
+    outer = nullptr;
+    EXPECT_EQ(deaths, 300);
+    EXPECT_EQ(innerKind->refCount(), 1u);
+}
