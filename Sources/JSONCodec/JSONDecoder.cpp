@@ -625,10 +625,9 @@ bool JCParser::jc_parse_string(JCParseState* state)
             jc_error(state, "Invalid character < 0x20 found in string: 0x%2.2x.", c);
             return fail(at);
         }
-        const uint8_t* next;
-        uint32_t codePoint;
-        if (ConvertSingleCodePointInUTF8(at, end, &next, &codePoint) != ConversionResult::ok)
-            break;
+        const uint8_t* next = skipMultibyteUTF8(at, end);
+        if (next == at)
+            break; // a sequence the slow path refuses or replaces
         hash = hashRun(hash, at, next);
         at = next;
     }
@@ -669,15 +668,17 @@ bool JCParser::jc_parse_string(JCParseState* state)
         }
         uint32_t codePoint;
         if (c >= 0x80) {
-            const uint8_t* next;
-            auto result = ConvertSingleCodePointInUTF8(at, end, &next, &codePoint);
-            if (result == ConversionResult::ok) {
-                for (; at < next; ++at) {
-                    out[used++] = *at;
-                    hash = hash * 33 + *at;
-                }
+            if (const uint8_t* runEnd = skipMultibyteUTF8(at, end); runEnd != at) {
+                if (!growTokenBuffer(state, used + (runEnd - at) + 4))
+                    goto bufferFailure;
+                memcpy(state->tokenBuffer.bytes + used, at, runEnd - at);
+                used += runEnd - at;
+                hash = hashRun(hash, at, runEnd);
+                at = runEnd;
                 continue;
             }
+            const uint8_t* next;
+            auto result = ConvertSingleCodePointInUTF8(at, end, &next, &codePoint);
             if (!(state->parseOptionFlags & JCParseOptionLooseUnicode)) {
                 state->atIndex = at - bytes;
                 if (result == ConversionResult::sourceExhausted)

@@ -133,9 +133,20 @@ bool String::isValidUTF8(const char* text, size_t length)
     auto* at = reinterpret_cast<const uint8_t*>(text);
     auto* end = at + length;
     while (at < end) {
-        uint32_t codePoint;
-        if (decodeUTF8(at, end, &at, &codePoint) != UTF8Result::ok)
+        // ASCII eight bytes at a time, other runs without decoding them.
+        uint64_t word;
+        if (end - at >= 8 && (memcpy(&word, at, 8), !(word & 0x8080808080808080ull))) {
+            at += 8;
+            continue;
+        }
+        if (*at < 0x80) {
+            ++at;
+            continue;
+        }
+        const uint8_t* runEnd = skipMultibyteUTF8(at, end);
+        if (runEnd == at)
             return false;
+        at = runEnd;
     }
     return true;
 }

@@ -48,6 +48,38 @@ inline UTF8Result decodeUTF8(const uint8_t* source, const uint8_t* end, const ui
     return UTF8Result::ok;
 }
 
+// The end of the run of well-formed sequences of two to four bytes from `at`
+// (by decodeUTF8's rules): it stops at an ASCII byte, at the end, or at the
+// first sequence decodeUTF8 would refuse. Text in most scripts but Latin is
+// such runs, and this walks them without decoding each code point.
+inline const uint8_t* skipMultibyteUTF8(const uint8_t* at, const uint8_t* end)
+{
+    while (at < end) {
+        uint8_t lead = at[0];
+        if (lead < 0xC2)
+            break; // ASCII, a continuation byte or an over-long lead
+        if (lead <= 0xDF) {
+            if (end - at < 2 || (at[1] & 0xC0) != 0x80)
+                break;
+            at += 2;
+        } else if (lead <= 0xEF) {
+            // E0 must not be over-long, ED must not reach the surrogates.
+            uint8_t low = lead == 0xE0 ? 0xA0 : 0x80, high = lead == 0xED ? 0x9F : 0xBF;
+            if (end - at < 3 || at[1] < low || at[1] > high || (at[2] & 0xC0) != 0x80)
+                break;
+            at += 3;
+        } else if (lead <= 0xF4) {
+            // F0 must not be over-long, F4 must stay within U+10FFFF.
+            uint8_t low = lead == 0xF0 ? 0x90 : 0x80, high = lead == 0xF4 ? 0x8F : 0xBF;
+            if (end - at < 4 || at[1] < low || at[1] > high || (at[2] & 0xC0) != 0x80 || (at[3] & 0xC0) != 0x80)
+                break;
+            at += 4;
+        } else
+            break;
+    }
+    return at;
+}
+
 // Writes a code point as 1 to 4 bytes; answers how many.
 inline size_t encodeUTF8(uint32_t codePoint, uint8_t* out)
 {

@@ -1,4 +1,5 @@
 #include <Platform/Platform.h>
+#include <Platform/UTF8.h>
 
 #include <gtest/gtest.h>
 
@@ -154,4 +155,71 @@ TEST(Date, AnyDoubleDescribesAndHashesSafely)
         (void)date->hash();
     }
     EXPECT_EQ(Date::create(1.5e9)->hash(), Date::create(1.5e9)->hash());
+}
+
+// The run skipper accepts exactly the sequences the decoder accepts: every
+// sequence of two and three bytes, and four-byte ones over every lead and
+// second byte with the edges of the continuation range after them.
+TEST(UTF8, MultibyteRunsAgreeWithTheDecoder)
+{
+    auto agrees = [](const uint8_t* bytes, size_t length) {
+        const uint8_t* next;
+        uint32_t codePoint;
+        bool decodes = decodeUTF8(bytes, bytes + length, &next, &codePoint) == UTF8Result::ok && bytes[0] >= 0x80;
+        const uint8_t* runEnd = skipMultibyteUTF8(bytes, bytes + length);
+        return decodes ? runEnd == next : runEnd == bytes;
+    };
+    size_t disagreements = 0;
+    uint8_t bytes[4];
+    for (unsigned a = 0x80; a < 0x100; ++a) {
+        bytes[0] = static_cast<uint8_t>(a);
+        disagreements += !agrees(bytes, 1);
+        for (unsigned b = 0; b < 0x100; ++b) {
+            bytes[1] = static_cast<uint8_t>(b);
+            disagreements += !agrees(bytes, 2);
+            for (unsigned c = 0; c < 0x100; ++c) {
+                bytes[2] = static_cast<uint8_t>(c);
+                disagreements += !agrees(bytes, 3);
+                if (a < 0xF0)
+                    continue;
+                for (uint8_t d : { 0x00, 0x7F, 0x80, 0xBF, 0xC0, 0xFF }) {
+                    bytes[3] = d;
+                    disagreements += !agrees(bytes, 4);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(disagreements, 0u);
+    // A run goes on over sequences of every length and stops at ASCII or a refused byte.
+    const std::string text = "\xC3\xA9\xE3\x81\x82\xF0\x9F\x8E\xB5" "a\xC3\xA9";
+    auto* start = reinterpret_cast<const uint8_t*>(text.data());
+    EXPECT_EQ(skipMultibyteUTF8(start, start + text.size()), start + 9);
+    const std::string broken = "\xC3\xA9\xED\xA0\x80";
+    auto* brokenStart = reinterpret_cast<const uint8_t*>(broken.data());
+    EXPECT_EQ(skipMultibyteUTF8(brokenStart, brokenStart + broken.size()), brokenStart + 2);
+
+    // Whole texts: the validator against a decode of every code point, over
+    // random mixes of ASCII runs, good sequences and single odd bytes.
+    auto decodesWhole = [](const std::string& text) {
+        auto* at = reinterpret_cast<const uint8_t*>(text.data());
+        auto* end = at + text.size();
+        uint32_t codePoint;
+        while (at < end) {
+            if (decodeUTF8(at, end, &at, &codePoint) != UTF8Result::ok)
+                return false;
+        }
+        return true;
+    };
+    const char* pieces[] = { "plain ascii text", "\xC3\xA9", "\xE3\x81\x82", "\xF0\x9F\x8E\xB5", "\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xC3", "x" };
+    srand(7);
+    size_t mismatches = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::string text;
+        for (int n = rand() % 8; n > 0; --n) {
+            int piece = rand() % 9;
+            text += piece >= 4 && rand() % 3 ? pieces[rand() % 4] : pieces[piece];
+        }
+        mismatches += String::isValidUTF8(text.data(), text.size()) != decodesWhole(text);
+    }
+    EXPECT_EQ(mismatches, 0u);
 }
