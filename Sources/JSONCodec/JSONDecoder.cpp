@@ -11,6 +11,8 @@
 
 #include <cerrno>
 #include <algorithm>
+#include <array>
+#include <utility>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -134,6 +136,8 @@ struct JCTokenCacheItem {
     uint32_t pendingRefs { 0 };
     uint8_t type { JCValueTypeNone };
     bool pendingListed { false };
+    // The parse that made the object (the cache's generation then).
+    uint16_t generation { 0 };
 };
 static_assert(sizeof(JCTokenCacheItem) == 64, "one cache line per item");
 
@@ -175,6 +179,12 @@ struct JCTokenCache {
     uint16_t* pending { nullptr };
     size_t pendingCount { 0 };
 
+    // Which parse this is: an item made in it holds an object that no other
+    // thread can reach yet, whose count needs no atomic operation. Zero is
+    // no parse; when the count wraps, every item's mark is cleared.
+    uint16_t generation { 0 };
+
+    // Makes every count exact: the references the hits handed out are added.
     void applyPendingRefs()
     {
         for (size_t i = 0; i < pendingCount; ++i) {
@@ -184,6 +194,15 @@ struct JCTokenCache {
             item.pendingListed = false;
         }
         pendingCount = 0;
+    }
+
+    void beginParse()
+    {
+        if (!++generation) {
+            for (size_t i = 0; i < count; ++i)
+                items[i].generation = 0;
+            generation = 1;
+        }
     }
 };
 
@@ -244,6 +263,7 @@ private:
     static void jc_error_parse_accept_or3(JCParseState* state, int acceptMask, const char* valueText, const char* endText);
     static Object* json_parse_it(JCParseState*);
     static bool jc_parse_next_token(JCParseState*);
+    static bool nextToken(JCParseState*);
     static void jc_parse_skip_whitespace(JCParseState*);
     static size_t jc_parse_is_newline(JCParseState*, const uint8_t* at);
     // The 1-based line of a byte: the newlines before it that white space and
@@ -581,6 +601,61 @@ bool JCParser::jc_parse_next_token(JCParseState* state)
     }
     ++state->atIndex;
     return true;
+}
+
+// The tokenizer as the collections call it: the structural tokens that make
+// up half of a document (after plain white space, when the options give no
+// other meaning to it) are read here without a call; the rest, and every
+// error, go through jc_parse_next_token.
+inline bool JCParser::nextToken(JCParseState* state)
+{
+    static constexpr auto structural = [] {
+        std::array<uint8_t, 256> types {};
+        types['{'] = JCTokenTypeObjectBegin;
+        types['}'] = JCTokenTypeObjectEnd;
+        types['['] = JCTokenTypeArrayBegin;
+        types[']'] = JCTokenTypeArrayEnd;
+        types[':'] = JCTokenTypeSeparator;
+        types[','] = JCTokenTypeComma;
+        return types;
+    }();
+    const uint8_t* bytes = state->stringBytes;
+    size_t at = state->atIndex;
+    size_t length = state->stringLength;
+    if (at >= length)
+        return jc_parse_next_token(state);
+    uint8_t c = bytes[at];
+    if (c == ' ' || c == '\n' || c == '\t' || c == '\r') {
+        if (state->parseOptionFlags & (JCParseOptionComments | JCParseOptionUnicodeNewlines))
+            return jc_parse_next_token(state);
+        at = skipWhiteSpace(bytes, at, length);
+        state->atIndex = at;
+        if (at >= length)
+            return jc_parse_next_token(state);
+        c = bytes[at];
+    }
+    auto& token = state->token;
+    if (uint8_t type = structural[c]) {
+        token.type = type;
+        token.value.cacheItem = nullptr;
+        token.tokenPtrRange = { bytes + at, 1 };
+        state->atIndex = at + 1;
+        return true;
+    }
+    // Strings and numbers, as jc_parse_next_token reads them.
+    bool isString = c == '"';
+    if (isString || c == '-' || (c >= '0' && c <= '9')) {
+        token.type = JCTokenTypeInvalid;
+        token.value.cacheItem = nullptr;
+        token.tokenPtrRange = { bytes + at, 1 };
+        if (isString ? jc_parse_string(state) : jc_parse_number(state)) {
+            token.type = isString ? JCTokenTypeString : JCTokenTypeNumber;
+            return true;
+        }
+        jc_error(state, unexpectedTokenMessage);
+        return false;
+    }
+    return jc_parse_next_token(state);
 }
 
 // MARK: Strings
@@ -1060,18 +1135,21 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
     if (slot) {
         if (slot->object) {
             // The evicted object's pending references, less the cache's own.
-            if (uint32_t pending = slot->pendingRefs) {
-                slot->pendingRefs = 0;
+            uint32_t pending = std::exchange(slot->pendingRefs, 0);
+            if (slot->generation == cache.generation)
+                slot->object->adjustUnshared(static_cast<int64_t>(pending) - 1);
+            else if (pending)
                 slot->object->ref(pending - 1);
-            } else
+            else
                 slot->object->deref();
         }
-        object->ref();
+        object->refUnshared(); // the cache's reference to the object just made
         slot->object = object;
         slot->hash = hash;
         slot->keyHash = 0;
         slot->size = length;
         slot->type = value.type;
+        slot->generation = cache.generation;
         if (length <= sizeof(slot->inlineBytes)) {
             memcpy(slot->inlineBytes, value.ptrRange.ptr, length);
             slot->bytes = slot->inlineBytes;
@@ -1127,7 +1205,7 @@ Object* JCParser::jc_parse_array(JCParseState* state)
         if (stack.index > stack.count - 4
             && !jc_objectStack_makeRoom(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", __LINE__))
             break;
-        if (!jc_parse_next_token(state))
+        if (!nextToken(state))
             break;
         uint8_t type = state->token.type;
         if (isValueToken(type)) {
@@ -1185,7 +1263,7 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
         if (stack.index > stack.count - 4
             && !jc_objectStack_makeRoom(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", __LINE__))
             break;
-        if (!jc_parse_next_token(state))
+        if (!nextToken(state))
             break;
         uint8_t type = state->token.type;
         if (type == JCTokenTypeString) {
@@ -1207,14 +1285,14 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
                 keyHash = key->hash();
             // The key joins the stack only with its value: a nested collection
             // builds itself in the slots from stack.index on.
-            if (!jc_parse_next_token(state) || state->token.type != JCTokenTypeSeparator) {
+            if (!nextToken(state) || state->token.type != JCTokenTypeSeparator) {
                 jc_error(state, "Expected ':'.");
                 state->cache.applyPendingRefs();
                 key->deref();
                 break;
             }
             Object* object = nullptr;
-            if (jc_parse_next_token(state)) {
+            if (nextToken(state)) {
                 if (!isValueToken(state->token.type))
                     jc_error_parse_accept_or3(state, JCAcceptValue, "a value", "a '}'");
                 else if (!(object = jc_object_for_token(state)))
@@ -1308,6 +1386,7 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     // Blocks that a freed earlier tree left on the lists and that this parse
     // does not need go back to the system allocator at its end.
     markSmallObjectLists();
+    state->cache.beginParse();
     // Whatever way the parse ends (an exception included), the references
     // that its cache hits handed out are counted before it returns.
     struct ApplyPendingRefs {

@@ -72,6 +72,21 @@ public:
         } else if (count < immortalCount && m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
             destroy(this);
     }
+    // A further reference to an object that no other thread can reach yet
+    // (one just made and not handed out): no atomic operation is needed.
+    void refUnshared() const
+    {
+        m_refCount.store(m_refCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    // Adds `delta` (which may be negative) to the count of such an object; a
+    // count that reaches zero deletes it.
+    void adjustUnshared(int64_t delta) const
+    {
+        uint32_t count = static_cast<uint32_t>(m_refCount.load(std::memory_order_relaxed) + delta);
+        m_refCount.store(count, std::memory_order_relaxed);
+        if (!count)
+            destroy(this);
+    }
     // Several references at once: one atomic operation instead of `count`.
     void ref(uint32_t count) const
     {

@@ -327,6 +327,35 @@ TEST(JSONDecoder, CacheEvictionKeepsValuesRight)
     EXPECT_LE(decoder->cachedObjectCount(), 1024u);
 }
 
+TEST(JSONDecoder, EvictionsCountRightWhicheverParseMadeTheValue)
+{
+    auto pushOut = [](std::string head) {
+        for (int i = 0; i < 3000; ++i)
+            head += format(",\"p%d\"", i);
+        return head + "]";
+    };
+    auto decoder = JSONDecoder::decoder();
+    // Made by an earlier parse, kept by its tree, evicted by a later one.
+    auto earlier = decoder->objectWithUTF8String(std::string_view(R"(["made before"])"));
+    auto* madeBefore = downcast<Array>(earlier.get())->objectAtIndex(0);
+    EXPECT_EQ(madeBefore->refCount(), 2u);
+    auto later = decoder->objectWithUTF8String(pushOut(R"(["other")"));
+    ASSERT_TRUE(later);
+    EXPECT_EQ(madeBefore->refCount(), 1u);
+    // Made and evicted in one parse after a repeated key let its tree's
+    // reference go: the eviction frees it (sanitizer builds see a leak or a
+    // double free here).
+    auto repeated = decoder->objectWithUTF8String(pushOut(R"([{"k":"dropped value","k":"kept value"})"));
+    ASSERT_TRUE(repeated);
+    auto* record = downcast<Dictionary>(downcast<Array>(repeated.get())->objectAtIndex(0));
+    EXPECT_EQ(downcast<String>(record->objectForKey("k"))->str(), "kept value");
+    EXPECT_EQ(record->objectForKey("k")->refCount(), 1u);
+    // Hits of this parse on a value it made (evicted or not) are all counted.
+    auto hits = decoder->objectWithUTF8String(pushOut(R"(["hit","hit","hit")"));
+    decoder->clearCache();
+    EXPECT_EQ(downcast<Array>(hits.get())->objectAtIndex(0)->refCount(), 3u);
+}
+
 TEST(JSONDecoder, MutableResultsAreMutableThroughout)
 {
     auto decoder = JSONDecoder::decoder();
