@@ -132,10 +132,15 @@ struct JCTokenCacheItem {
     // References handed out by hits of this parse and not yet counted: they
     // are added in one step when the parse ends (or the item is reused), so a
     // key met a thousand times costs one atomic operation, not a thousand.
-    // The cache's own reference keeps the object alive meanwhile.
+    // An object made by an earlier parse stays alive meanwhile by the cache's
+    // reference; one made by this parse, by the tree's. Before anything of
+    // the tree is released during a parse, every count is made exact.
     uint32_t pendingRefs { 0 };
     uint8_t type { JCValueTypeNone };
-    bool pendingListed { false };
+    uint8_t pendingListed : 1 { 0 };
+    // The cache's own reference to an object this parse made is counted with
+    // the hits: one that goes out of the cache unhit is never touched again.
+    uint8_t cacheRefUncounted : 1 { 0 };
     // The parse that made the object (the cache's generation then).
     uint16_t generation { 0 };
 };
@@ -179,30 +184,44 @@ struct JCTokenCache {
     uint16_t* pending { nullptr };
     size_t pendingCount { 0 };
 
-    // Which parse this is: an item made in it holds an object that no other
-    // thread can reach yet, whose count needs no atomic operation. Zero is
-    // no parse; when the count wraps, every item's mark is cleared.
+    // The parse under way: an item of it holds an object that no other
+    // thread can reach yet, whose count needs no atomic operation. The
+    // number moves on when a parse begins and when it ends, so that it never
+    // names a parse whose tree has been handed out. When it wraps, every
+    // item's mark is cleared.
     uint16_t generation { 0 };
 
-    // Makes every count exact: the references the hits handed out are added.
+    // Makes every count exact: the references the hits handed out, and the
+    // cache's own to the objects of this parse, are added.
     void applyPendingRefs()
     {
         for (size_t i = 0; i < pendingCount; ++i) {
             auto& item = items[pending[i]];
-            item.object->ref(item.pendingRefs);
+            uint32_t refs = item.pendingRefs + item.cacheRefUncounted;
+            if (item.generation == generation)
+                item.object->adjustUnshared(refs);
+            else
+                item.object->ref(refs);
             item.pendingRefs = 0;
-            item.pendingListed = false;
+            item.pendingListed = 0;
+            item.cacheRefUncounted = 0;
         }
         pendingCount = 0;
     }
 
-    void beginParse()
+    void nextGeneration()
     {
         if (!++generation) {
             for (size_t i = 0; i < count; ++i)
                 items[i].generation = 0;
             generation = 1;
         }
+    }
+    void beginParse() { nextGeneration(); }
+    void endParse()
+    {
+        applyPendingRefs();
+        nextGeneration();
     }
 };
 
@@ -1097,7 +1116,7 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
             cache.age[bucket] = static_cast<uint8_t>(cache.age[bucket] * 2 + 1);
             value.cacheItem = &item;
             if (!item.pendingListed) {
-                item.pendingListed = true;
+                item.pendingListed = 1;
                 cache.pending[cache.pendingCount++] = static_cast<uint16_t>(bucket);
             }
             ++item.pendingRefs;
@@ -1134,16 +1153,24 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
 
     if (slot) {
         if (slot->object) {
-            // The evicted object's pending references, less the cache's own.
+            // The evicted object's pending references, less the cache's own
+            // when that was counted.
             uint32_t pending = std::exchange(slot->pendingRefs, 0);
-            if (slot->generation == cache.generation)
+            if (slot->cacheRefUncounted) {
+                if (pending)
+                    slot->object->adjustUnshared(pending);
+            } else if (slot->generation == cache.generation)
                 slot->object->adjustUnshared(static_cast<int64_t>(pending) - 1);
             else if (pending)
                 slot->object->ref(pending - 1);
             else
                 slot->object->deref();
         }
-        object->refUnshared(); // the cache's reference to the object just made
+        slot->cacheRefUncounted = 1;
+        if (!slot->pendingListed) {
+            slot->pendingListed = 1;
+            cache.pending[cache.pendingCount++] = static_cast<uint16_t>(slotBucket);
+        }
         slot->object = object;
         slot->hash = hash;
         slot->keyHash = 0;
@@ -1391,7 +1418,7 @@ Object* JCParser::JCParseUTF8String(JCParseState* parseState, bool mutableCollec
     // that its cache hits handed out are counted before it returns.
     struct ApplyPendingRefs {
         JCTokenCache& cache;
-        ~ApplyPendingRefs() { cache.applyPendingRefs(); }
+        ~ApplyPendingRefs() { cache.endParse(); }
     } applyPendingRefs { state->cache };
     Object* parsed = json_parse_it(state);
     if (parsed && state->atIndex < state->stringLength) {

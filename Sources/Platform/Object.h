@@ -72,14 +72,9 @@ public:
         } else if (count < immortalCount && m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
             destroy(this);
     }
-    // A further reference to an object that no other thread can reach yet
-    // (one just made and not handed out): no atomic operation is needed.
-    void refUnshared() const
-    {
-        m_refCount.store(m_refCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    }
-    // Adds `delta` (which may be negative) to the count of such an object; a
-    // count that reaches zero deletes it.
+    // Adds `delta` (which may be negative) to the count of an object that no
+    // other thread can reach yet (one just made and not handed out), without
+    // an atomic operation; a count that reaches zero deletes it.
     void adjustUnshared(int64_t delta) const
     {
         uint32_t count = static_cast<uint32_t>(m_refCount.load(std::memory_order_relaxed) + delta);
