@@ -240,7 +240,12 @@ struct JCParseState {
 
     ~JCParseState()
     {
-        clearCache();
+        // As clearCache, without resetting items that are about to go.
+        cache.applyPendingRefs();
+        for (size_t i = 0; i < cache.count; ++i) {
+            if (Object* object = cache.items[i].object)
+                object->deref();
+        }
         free(cache.items);
         free(cache.age);
         free(cache.pending);
