@@ -47,9 +47,23 @@ struct RunLoop::Impl {
     std::mutex taskMutex;
     std::deque<std::function<void()>> tasks;
 
-    // Ordered by fire time, then by the order of scheduling.
+    // Ordered by fire time, then by the order of scheduling. A cancelled timer
+    // stays until it is met at the front or a sweep removes it: a sweep runs
+    // when the map has doubled since the last one, so cancelled timers (every
+    // finished request cancels its timeout) never outnumber the live ones for
+    // long, and finding the next fire time does not walk past them.
     std::multimap<std::pair<double, uint64_t>, Ref<Timer>> timers;
     uint64_t timerSequence { 0 };
+    size_t timerSweepSize { 64 };
+
+    void addTimer(std::pair<double, uint64_t> key, Ref<Timer> timer)
+    {
+        if (timers.size() >= timerSweepSize) {
+            std::erase_if(timers, [](auto& entry) { return !entry.second->isValid(); });
+            timerSweepSize = std::max<size_t>(64, timers.size() * 2);
+        }
+        timers.emplace(key, std::move(timer));
+    }
 
     struct Watch {
         SocketEvent events;
@@ -182,7 +196,7 @@ static Subscription timerSubscription(Ref<Timer>&& timer)
 Subscription RunLoop::performAfterDelay(double seconds, std::function<void()> action)
 {
     auto timer = adoptRef(*new Timer(now() + std::max(0.0, seconds), 0, std::move(action)));
-    m_impl->timers.emplace(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
+    m_impl->addTimer(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
     return timerSubscription(std::move(timer));
 }
 
@@ -190,13 +204,18 @@ Subscription RunLoop::scheduleRepeatingTimer(double interval, std::function<void
 {
     interval = std::max(interval, 1e-6);
     auto timer = adoptRef(*new Timer(now() + interval, interval, std::move(action)));
-    m_impl->timers.emplace(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
+    m_impl->addTimer(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
     return timerSubscription(std::move(timer));
 }
 
 size_t RunLoop::pendingTimerCount() const
 {
     return std::count_if(m_impl->timers.begin(), m_impl->timers.end(), [](auto& entry) { return entry.second->isValid(); });
+}
+
+size_t RunLoop::heldTimerCount() const
+{
+    return m_impl->timers.size();
 }
 
 Subscription RunLoop::watchSocket(int fd, SocketEvent events, SocketCallback callback)
@@ -283,7 +302,7 @@ bool RunLoop::fireDueTimers()
         bool repeats = timer->m_interval > 0;
         if (repeats) {
             timer->m_fireTime = std::max(timer->m_fireTime + timer->m_interval, time);
-            m_impl->timers.emplace(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
+            m_impl->addTimer(std::make_pair(timer->m_fireTime, m_impl->timerSequence++), timer);
         } else
             timer->m_valid = false;
         fired = true;
@@ -310,9 +329,11 @@ bool RunLoop::fireDueTimers()
 
 double RunLoop::nextTimerDelay() const
 {
-    for (auto& [key, timer] : m_impl->timers) {
-        if (timer->isValid())
-            return std::max(0.0, key.first - now());
+    // Cancelled timers met at the front leave here, so the next look starts past them.
+    auto& timers = m_impl->timers;
+    for (auto it = timers.begin(); it != timers.end(); it = timers.erase(it)) {
+        if (it->second->isValid())
+            return std::max(0.0, it->first.first - now());
     }
     return std::numeric_limits<double>::infinity();
 }

@@ -161,6 +161,8 @@ public:
     double now() const { return m_clock->now(); }
 
     size_t pendingTimerCount() const;
+    // Timers the loop still holds, cancelled ones included, for measurements.
+    size_t heldTimerCount() const;
 
     ~RunLoop();
 

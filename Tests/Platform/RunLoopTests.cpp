@@ -45,6 +45,29 @@ TEST(RunLoop, TimersFireInOrderOfTimeThenScheduling)
     EXPECT_EQ(loop.pendingTimerCount(), 0u);
 }
 
+// Every finished request cancels a timeout far in the future: the loop must
+// not keep them all, and the timers that stay must still fire in order.
+TEST(RunLoop, CancelledTimersDoNotPileUp)
+{
+    ManualTime time;
+    auto& loop = RunLoop::current();
+    std::vector<int> fired;
+    std::vector<Subscription> live;
+    for (int i = 0; i < 100000; ++i) {
+        loop.performAfterDelay(60, [] { ADD_FAILURE() << "a cancelled timer fired"; }).cancel();
+        if (i % 10000 == 0)
+            live.push_back(loop.performAfterDelay(1 + i / 10000, [&fired, i] { fired.push_back(i / 10000); }));
+        if (i % 1000 == 0)
+            loop.runUntilIdle();
+    }
+    EXPECT_EQ(loop.pendingTimerCount(), 10u);
+    EXPECT_LT(loop.heldTimerCount(), 200u);
+    time.clock.advance(100);
+    loop.runUntilIdle();
+    EXPECT_EQ(fired, (std::vector<int> { 0, 1, 2, 3, 4, 5, 6, 7, 8, 9 }));
+    EXPECT_EQ(loop.heldTimerCount(), 0u);
+}
+
 TEST(RunLoop, IdleLoopJumpsManualTimeToTheNextTimer)
 {
     ManualTime time;
