@@ -352,7 +352,6 @@ size_t JCDictionaryStorage::getKeysAndObjects(size_t arrayLength, Object** keys,
     return gotCount;
 }
 
-
 void JCDictionaryStorage::releaseAll()
 {
     auto& keyReleases = t_keyReleases;

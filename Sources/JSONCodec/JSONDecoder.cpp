@@ -288,6 +288,7 @@ private:
     static Object* json_parse_it(JCParseState*);
     static bool jc_parse_next_token(JCParseState*);
     static bool nextToken(JCParseState*);
+    static bool readScalarToken(JCParseState*, const uint8_t* at, bool isString);
     static void jc_parse_skip_whitespace(JCParseState*);
     static size_t jc_parse_is_newline(JCParseState*, const uint8_t* at);
     // The 1-based line of a byte: the newlines before it that white space and
@@ -596,12 +597,7 @@ bool JCParser::jc_parse_next_token(JCParseState* state)
     case 'n':
         return literal("ull", 3, JCTokenTypeNull);
     case '"':
-        if (jc_parse_string(state)) {
-            token.type = JCTokenTypeString;
-            return true;
-        }
-        jc_error(state, unexpectedTokenMessage);
-        return false;
+        return readScalarToken(state, at, true);
     case '-':
     case '0':
     case '1':
@@ -613,12 +609,7 @@ bool JCParser::jc_parse_next_token(JCParseState* state)
     case '7':
     case '8':
     case '9':
-        if (jc_parse_number(state)) {
-            token.type = JCTokenTypeNumber;
-            return true;
-        }
-        jc_error(state, unexpectedTokenMessage);
-        return false;
+        return readScalarToken(state, at, false);
     default:
         jc_error(state, unexpectedTokenMessage);
         return false;
@@ -666,20 +657,25 @@ inline bool JCParser::nextToken(JCParseState* state)
         state->atIndex = at + 1;
         return true;
     }
-    // Strings and numbers, as jc_parse_next_token reads them.
-    bool isString = c == '"';
-    if (isString || c == '-' || (c >= '0' && c <= '9')) {
+    if (c == '"' || c == '-' || (c >= '0' && c <= '9')) {
         token.type = JCTokenTypeInvalid;
         token.value.cacheItem = nullptr;
-        token.tokenPtrRange = { bytes + at, 1 };
-        if (isString ? jc_parse_string(state) : jc_parse_number(state)) {
-            token.type = isString ? JCTokenTypeString : JCTokenTypeNumber;
-            return true;
-        }
-        jc_error(state, unexpectedTokenMessage);
-        return false;
+        return readScalarToken(state, bytes + at, c == '"');
     }
     return jc_parse_next_token(state);
+}
+
+// A string or a number token starting at `at` (the current index).
+inline bool JCParser::readScalarToken(JCParseState* state, const uint8_t* at, bool isString)
+{
+    auto& token = state->token;
+    token.tokenPtrRange = { at, 1 };
+    if (isString ? jc_parse_string(state) : jc_parse_number(state)) {
+        token.type = isString ? JCTokenTypeString : JCTokenTypeNumber;
+        return true;
+    }
+    jc_error(state, unexpectedTokenMessage);
+    return false;
 }
 
 // MARK: Strings
