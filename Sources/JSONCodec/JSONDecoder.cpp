@@ -191,17 +191,27 @@ struct JCTokenCache {
     // item's mark is cleared.
     uint16_t generation { 0 };
 
+    // Adds `delta` references (-1 at the least) to an item's object: without
+    // an atomic operation when this parse made it.
+    void adjustReferences(const JCTokenCacheItem& item, int64_t delta) const
+    {
+        if (!delta)
+            return;
+        if (item.generation == generation)
+            item.object->adjustUnshared(delta);
+        else if (delta < 0)
+            item.object->deref();
+        else
+            item.object->ref(static_cast<uint32_t>(delta));
+    }
+
     // Makes every count exact: the references the hits handed out, and the
     // cache's own to the objects of this parse, are added.
     void applyPendingRefs()
     {
         for (size_t i = 0; i < pendingCount; ++i) {
             auto& item = items[pending[i]];
-            uint32_t refs = item.pendingRefs + item.cacheRefUncounted;
-            if (item.generation == generation)
-                item.object->adjustUnshared(refs);
-            else
-                item.object->ref(refs);
+            adjustReferences(item, item.pendingRefs + item.cacheRefUncounted);
             item.pendingRefs = 0;
             item.pendingListed = 0;
             item.cacheRefUncounted = 0;
@@ -240,12 +250,7 @@ struct JCParseState {
 
     ~JCParseState()
     {
-        // As clearCache, without resetting items that are about to go.
-        cache.applyPendingRefs();
-        for (size_t i = 0; i < cache.count; ++i) {
-            if (Object* object = cache.items[i].object)
-                object->deref();
-        }
+        releaseCachedObjects();
         free(cache.items);
         free(cache.age);
         free(cache.pending);
@@ -253,13 +258,19 @@ struct JCParseState {
 
     void clearCache()
     {
+        releaseCachedObjects();
+        std::fill_n(cache.items, cache.count, JCTokenCacheItem {});
+        memset(cache.age, 0, cache.count);
+    }
+
+    // The cache's references go, once the pending ones are counted; the items
+    // keep their now dangling pointers (the caller resets or frees them).
+    void releaseCachedObjects()
+    {
         cache.applyPendingRefs();
         for (size_t i = 0; i < cache.count; ++i) {
-            auto& item = cache.items[i];
-            if (item.object)
-                item.object->deref();
-            item = JCTokenCacheItem {};
-            cache.age[i] = 0;
+            if (Object* object = cache.items[i].object)
+                object->deref();
         }
     }
 };
@@ -1155,17 +1166,9 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
     if (slot) {
         if (slot->object) {
             // The evicted object's pending references, less the cache's own
-            // when that was counted.
-            uint32_t pending = std::exchange(slot->pendingRefs, 0);
-            if (slot->cacheRefUncounted) {
-                if (pending)
-                    slot->object->adjustUnshared(pending);
-            } else if (slot->generation == cache.generation)
-                slot->object->adjustUnshared(static_cast<int64_t>(pending) - 1);
-            else if (pending)
-                slot->object->ref(pending - 1);
-            else
-                slot->object->deref();
+            // when that was counted (an uncounted one needs no touch).
+            int64_t pending = std::exchange(slot->pendingRefs, 0);
+            cache.adjustReferences(*slot, slot->cacheRefUncounted ? pending : pending - 1);
         }
         slot->cacheRefUncounted = 1;
         if (!slot->pendingListed) {

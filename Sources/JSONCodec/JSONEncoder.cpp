@@ -298,41 +298,37 @@ bool encodeArray(JCEncodeState* state, const Array& array)
 {
     if (!state->write1(1, '['))
         return false;
-    auto writeElements = [&](Object* const* elements, size_t count) {
-        for (size_t i = 0; i < count; ++i) {
-            // A tree's objects lie scattered: ask for the next ones early.
-            if (i + 4 < count)
-                __builtin_prefetch(elements[i + 4]);
-            if (i && !state->write1(0, ','))
-                return false;
-            if (!jc_encode_add_atom_to_buffer(state, elements[i]))
-                return false;
-        }
-        return true;
+    auto writeElement = [&](Object* element, size_t index) {
+        if (index && !state->write1(0, ','))
+            return false;
+        return jc_encode_add_atom_to_buffer(state, element);
     };
     if (array.tag() == ObjectTag::JCArray) {
         // An immutable codec array: its elements stay where they are.
         auto& codecArray = static_cast<const JCArray&>(array);
-        if (!writeElements(codecArray.objects(), codecArray.count()))
-            return false;
+        Object* const* elements = codecArray.objects();
+        size_t count = codecArray.count();
+        for (size_t i = 0; i < count; ++i) {
+            // A tree's objects lie scattered: ask for the next ones early.
+            if (i + 4 < count)
+                __builtin_prefetch(elements[i + 4]);
+            if (!writeElement(elements[i], i))
+                return false;
+        }
     } else if (size_t count = array.count(); count <= 1020) {
         // Indices, not pointers: a nested level may move the scratch storage.
         size_t base = state->scratch.size();
         state->scratch.resize(base + count);
         array.getObjects(state->scratch.data() + base, 0, count);
         for (size_t i = 0; i < count; ++i) {
-            if (i && !state->write1(0, ','))
-                return false;
-            if (!jc_encode_add_atom_to_buffer(state, state->scratch[base + i]))
+            if (!writeElement(state->scratch[base + i], i))
                 return false;
         }
         state->scratch.resize(base);
     } else {
         size_t index = 0;
         for (auto* element : array) {
-            if (index++ && !state->write1(0, ','))
-                return false;
-            if (!jc_encode_add_atom_to_buffer(state, element))
+            if (!writeElement(element, index++))
                 return false;
         }
     }

@@ -175,14 +175,11 @@ public:
     // A member has no setter to run: nothing to compare before storing.
     bool fill(ZUObject& object, Object* value, RefPtr<Object>&& made) const override
     {
+        if (adoptMade(object, made))
+            return true;
         auto& member = const_cast<Owner&>(owner(object)).*m_member;
         if constexpr (IsRefPtr<Member>::value) {
-            using Element = typename IsRefPtr<Member>::Element;
-            if (made && is<Element>(made.get())) {
-                member = adoptRef(static_cast<Element*>(made.leakRef()));
-                return true;
-            }
-            auto taken = objectFrom<Element>(value);
+            auto taken = objectFrom<typename IsRefPtr<Member>::Element>(value);
             if (!taken)
                 return false;
             member = std::move(*taken);
@@ -196,14 +193,8 @@ public:
     }
     void assignTaking(ZUObject& object, RefPtr<Object>&& value) const override
     {
-        if constexpr (IsRefPtr<Member>::value) {
-            using Element = typename IsRefPtr<Member>::Element;
-            if (is<Element>(value.get())) {
-                const_cast<Owner&>(owner(object)).*m_member = adoptRef(static_cast<Element*>(value.leakRef()));
-                return;
-            }
-        }
-        assign(object, value.get());
+        if (!adoptMade(object, value))
+            assign(object, value.get());
     }
     void assign(ZUObject& object, Object* value) const override
     {
@@ -219,6 +210,19 @@ public:
 
 private:
     static const Owner& owner(const ZUObject& object) { return static_cast<const Owner&>(object); }
+    // Moves a value made for the property into a reference member of its
+    // kind, without touching its count; answers whether it did.
+    bool adoptMade(ZUObject& object, RefPtr<Object>& made) const
+    {
+        if constexpr (IsRefPtr<Member>::value) {
+            using Element = typename IsRefPtr<Member>::Element;
+            if (is<Element>(made.get())) {
+                const_cast<Owner&>(owner(object)).*m_member = adoptRef(static_cast<Element*>(made.leakRef()));
+                return true;
+            }
+        }
+        return false;
+    }
     Member Owner::*m_member;
 };
 

@@ -52,7 +52,6 @@ ZUPropertyTable::ZUPropertyTable(const Set& descriptors)
     }
 }
 
-
 void ZUPropertyTable::gatherValues(const Dictionary& dictionary, Object** values) const
 {
     std::fill_n(values, m_descriptors.size(), nullptr);
