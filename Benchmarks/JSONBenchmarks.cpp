@@ -366,27 +366,33 @@ void velvoxDestroy(benchmark::State& state, const Sample* sample)
 
 // MARK: Memory
 
-// A large page decoded and freed, then a small one: what the thread's lists
-// still hold after each step, the heap in use (malloc's count) after the
+// A large page decoded and freed, then a small one: what the thread's empty
+// slabs still hold after each step, and the free room left inside slabs that
+// still hold objects; the heap in use (malloc's count and the slabs) after the
 // small page, and the heap a large tree occupies per byte of its text.
 void velvoxMemory(benchmark::State& state, const Sample* large, const Sample* small)
 {
+    auto heapInUse = [] {
+        return mallinfo2().uordblks + detail::smallObjectMappedBytes() - detail::smallObjectListBytes();
+    };
     auto decoder = JSONDecoder::decoder();
-    double heldAfterFree = 0, heldAfterNextParse = 0, heapAfterNextParse = 0, treeBytesPerInputByte = 0;
+    double heldAfterFree = 0, heldAfterNextParse = 0, slackAfterNextParse = 0, heapAfterNextParse = 0, treeBytesPerInputByte = 0;
     for (auto _ : state) {
-        size_t heapBefore = mallinfo2().uordblks + detail::smallObjectListBytes();
+        size_t heapBefore = heapInUse();
         auto tree = decoder->objectWithUTF8String(large->text);
-        size_t heapWithTree = mallinfo2().uordblks;
+        size_t heapWithTree = heapInUse();
         treeBytesPerInputByte = static_cast<double>(heapWithTree - std::min(heapWithTree, heapBefore)) / large->text.size();
         tree = nullptr;
         heldAfterFree = static_cast<double>(detail::smallObjectListBytes());
         auto page = decoder->objectWithUTF8String(small->text);
         heldAfterNextParse = static_cast<double>(detail::smallObjectListBytes());
-        heapAfterNextParse = static_cast<double>(mallinfo2().uordblks);
+        slackAfterNextParse = static_cast<double>(detail::smallObjectSlackBytes());
+        heapAfterNextParse = static_cast<double>(heapInUse());
         benchmark::DoNotOptimize(page.get());
     }
-    state.counters["list_bytes_after_free"] = heldAfterFree;
-    state.counters["list_bytes_after_next_parse"] = heldAfterNextParse;
+    state.counters["empty_slab_bytes_after_free"] = heldAfterFree;
+    state.counters["empty_slab_bytes_after_next_parse"] = heldAfterNextParse;
+    state.counters["slack_bytes_after_next_parse"] = slackAfterNextParse;
     state.counters["heap_in_use_after_next_parse"] = heapAfterNextParse;
     state.counters["tree_heap_per_input_byte"] = treeBytesPerInputByte;
 }
