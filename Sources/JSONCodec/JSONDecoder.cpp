@@ -918,6 +918,33 @@ bufferFailure:
 
 // MARK: Numbers
 
+namespace {
+
+// The double nearest to mantissa × 10^exponent, as the float conversion
+// finds it for a decimal of at most 19 digits: exact arithmetic when both
+// parts fit (and rounding is to nearest), the 128-bit product otherwise.
+// Answers false for the rare inputs that need the digits themselves.
+inline bool convertDecimal(uint64_t mantissa, int64_t exponent, bool negative, double& value)
+{
+    using Format = fast_float::binary_format<double>;
+    if (exponent >= Format::min_exponent_fast_path() && exponent <= Format::max_exponent_fast_path()
+        && mantissa <= Format::max_mantissa_fast_path() && fast_float::detail::rounds_to_nearest()) {
+        value = static_cast<double>(mantissa);
+        value = exponent < 0 ? value / Format::exact_power_of_ten(-exponent) : value * Format::exact_power_of_ten(exponent);
+        if (negative)
+            value = -value;
+        return true;
+    }
+    fast_float::adjusted_mantissa adjusted = fast_float::compute_float<Format>(exponent, mantissa);
+    if (adjusted.power2 < 0)
+        return false;
+    fast_float::to_float(negative, adjusted, value);
+    return true;
+}
+
+} // namespace
+
+
 bool JCParser::jc_parse_number(JCParseState* state)
 {
     const uint8_t* bytes = state->stringBytes;
@@ -965,6 +992,41 @@ bool JCParser::jc_parse_number(JCParseState* state)
             state->token.tokenPtrRange = { start, static_cast<size_t>(after - start) };
             state->atIndex = after - bytes;
             return true;
+        }
+        // A plain fraction of at most 19 digits in all (coordinates, prices):
+        // its digits read once, into the mantissa that the conversion below
+        // would read them into again. Exponents, longer runs, results that are
+        // not normal and the end of the input take the general way.
+        if (count && count <= 19 && after < end && *after == '.') {
+            uint64_t mantissa = 0;
+            for (const uint8_t* p = digits; p < after; ++p)
+                mantissa = mantissa * 10 + (*p - '0');
+            const uint8_t* fraction = after + 1;
+            const uint8_t* stop = fraction;
+            // Eight digits at a time while there are eight; a run too long
+            // to fit wraps the mantissa, and is then left to the general way.
+            auto* chars = reinterpret_cast<const char*>(stop);
+            while (end - stop >= 8 && stop - fraction <= 19 && fast_float::is_made_of_eight_digits_fast(chars)) {
+                mantissa = mantissa * 100000000 + fast_float::parse_eight_digits_unrolled(chars);
+                stop += 8;
+                chars += 8;
+            }
+            while (stop < end && isDigit(*stop) && stop - fraction <= 19)
+                mantissa = mantissa * 10 + (*stop++ - '0');
+            size_t fractionDigits = stop - fraction;
+            if (fractionDigits && count + fractionDigits <= 19 && stop < end && *stop != 'e' && *stop != 'E') {
+                double result;
+                if (convertDecimal(mantissa, -static_cast<int64_t>(fractionDigits), negative, result) && std::fpclassify(result) == FP_NORMAL) {
+                    auto& value = state->token.value;
+                    value.type = JCValueTypeDouble;
+                    value.number.doubleValue = result;
+                    value.ptrRange = { reinterpret_cast<const uint8_t*>(&value.number), sizeof(value.number) };
+                    value.hash = hashRun(JCHashSeed + JCValueTypeDouble, value.ptrRange.ptr, value.ptrRange.ptr + sizeof(value.number));
+                    state->token.tokenPtrRange = { start, static_cast<size_t>(stop - start) };
+                    state->atIndex = stop - bytes;
+                    return true;
+                }
+            }
         }
     }
 

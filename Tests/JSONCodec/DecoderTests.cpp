@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 
 using namespace velvox;
 
@@ -201,6 +202,35 @@ TEST(JSONDecoder, NumbersKeepTheirKinds)
     EXPECT_EQ(decodeFailure("[4.9e-320]").message, "The value '4.9e-320' could not be represented as a 'double' due to overflow.");
     EXPECT_EQ(downcast<Number>(first(decode("[0.0]")))->doubleValue(), 0.0);
     EXPECT_EQ(downcast<Number>(first(decode("[1.7976931348623157e308]")))->doubleValue(), 1.7976931348623157e308);
+}
+
+TEST(JSONDecoder, FractionsConvertToTheNearestDouble)
+{
+    // Plain fractions of every length up to past 19 digits, halfway cases and
+    // the edges of exact arithmetic, against the C library's conversion.
+    std::mt19937_64 random(11);
+    std::vector<std::string> texts = { "9007199254740993.0", "9007199254740992.5", "0.30000000000000004", "1.0000000000000002",
+        "123456789012345678.9", "1234567890123456789.0", "0.0000000000000000001", "0.12345678901234567890",
+        "2.2250738585072014", "179769313486231570000.0", "-0.5", "-65.613616999999977", "4.35", "0.1" };
+    for (int i = 0; i < 20000; ++i) {
+        std::string whole = std::to_string(random() % (i % 3 ? 1000 : 100000000000ull));
+        std::string fraction;
+        for (size_t digits = 1 + random() % 21; digits--;)
+            fraction += static_cast<char>('0' + random() % 10);
+        texts.push_back((i % 5 ? "" : "-") + whole + "." + fraction);
+    }
+    std::string text = "[";
+    for (size_t i = 0; i < texts.size(); ++i)
+        text += (i ? "," : "") + texts[i];
+    text += "]";
+    auto result = decode(text);
+    auto* array = downcast<Array>(result.get());
+    ASSERT_EQ(array->count(), texts.size());
+    for (size_t i = 0; i < texts.size(); ++i) {
+        double expected = strtod(texts[i].c_str(), nullptr);
+        double decoded = downcast<Number>(array->objectAtIndex(i))->doubleValue();
+        ASSERT_EQ(memcmp(&expected, &decoded, sizeof(double)), 0) << texts[i];
+    }
 }
 
 TEST(JSONDecoder, CacheGivesOneObjectPerDistinctValue)
