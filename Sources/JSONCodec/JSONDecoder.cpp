@@ -965,18 +965,22 @@ bool JCParser::jc_parse_number(JCParseState* state)
     {
         const uint8_t* digits = start + (*start == '-');
         const uint8_t* after = digits;
+        // The digits' value, read eight at a time while there are eight; it
+        // wraps past 19 digits, which only the general way reads.
+        uint64_t magnitude = 0;
         if (after < end && *after == '0')
             ++after;
         else {
+            while (end - after >= 8 && fast_float::is_made_of_eight_digits_fast(reinterpret_cast<const char*>(after))) {
+                magnitude = magnitude * 100000000 + fast_float::parse_eight_digits_unrolled(reinterpret_cast<const char*>(after));
+                after += 8;
+            }
             while (after < end && isDigit(*after))
-                ++after;
+                magnitude = magnitude * 10 + (*after++ - '0');
         }
         size_t count = after - digits;
         bool negative = *start == '-';
         if (count && count <= 18 && after < end && *after != '.' && *after != 'e' && *after != 'E' && !(negative && *digits == '0')) {
-            uint64_t magnitude = 0;
-            for (const uint8_t* p = digits; p < after; ++p)
-                magnitude = magnitude * 10 + (*p - '0');
             auto& value = state->token.value;
             if (negative) {
                 value.type = JCValueTypeLongLong;
@@ -998,9 +1002,7 @@ bool JCParser::jc_parse_number(JCParseState* state)
         // would read them into again. Exponents, longer runs, results that are
         // not normal and the end of the input take the general way.
         if (count && count <= 19 && after < end && *after == '.') {
-            uint64_t mantissa = 0;
-            for (const uint8_t* p = digits; p < after; ++p)
-                mantissa = mantissa * 10 + (*p - '0');
+            uint64_t mantissa = magnitude;
             const uint8_t* fraction = after + 1;
             const uint8_t* stop = fraction;
             // Eight digits at a time while there are eight; a run too long

@@ -204,7 +204,7 @@ TEST(JSONDecoder, NumbersKeepTheirKinds)
     EXPECT_EQ(downcast<Number>(first(decode("[1.7976931348623157e308]")))->doubleValue(), 1.7976931348623157e308);
 }
 
-TEST(JSONDecoder, FractionsConvertToTheNearestDouble)
+TEST(JSONDecoder, NumbersOfEveryLengthConvertExactly)
 {
     // Plain fractions of every length up to past 19 digits, halfway cases and
     // the edges of exact arithmetic, against the C library's conversion.
@@ -230,6 +230,31 @@ TEST(JSONDecoder, FractionsConvertToTheNearestDouble)
         double expected = strtod(texts[i].c_str(), nullptr);
         double decoded = downcast<Number>(array->objectAtIndex(i))->doubleValue();
         ASSERT_EQ(memcmp(&expected, &decoded, sizeof(double)), 0) << texts[i];
+    }
+    // Integers of every length, read eight digits at a time where they can be.
+    std::vector<std::string> integers;
+    for (int digits = 1; digits <= 18; ++digits) {
+        for (int i = 0; i < 50; ++i) {
+            std::string number(1, static_cast<char>('1' + random() % 9));
+            while (number.size() < static_cast<size_t>(digits))
+                number += static_cast<char>('0' + random() % 10);
+            integers.push_back((i % 2 ? "-" : "") + number);
+        }
+    }
+    integers.insert(integers.end(), { "9223372036854775807", "-9223372036854775808", "18446744073709551615", "12345678", "-87654321" });
+    text = "[";
+    for (size_t i = 0; i < integers.size(); ++i)
+        text += (i ? "," : "") + integers[i];
+    text += "]";
+    auto integerResult = decode(text);
+    auto* integerArray = downcast<Array>(integerResult.get());
+    ASSERT_EQ(integerArray->count(), integers.size());
+    for (size_t i = 0; i < integers.size(); ++i) {
+        auto* number = downcast<Number>(integerArray->objectAtIndex(i));
+        if (integers[i][0] == '-')
+            EXPECT_EQ(number->longLongValue(), strtoll(integers[i].c_str(), nullptr, 10)) << integers[i];
+        else
+            EXPECT_EQ(number->unsignedLongLongValue(), strtoull(integers[i].c_str(), nullptr, 10)) << integers[i];
     }
 }
 
