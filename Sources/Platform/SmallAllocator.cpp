@@ -74,9 +74,9 @@ constexpr size_t largestSmall = granularity * (classCount - 1);
 // system calls.
 constexpr size_t slabSize = 16 * 1024;
 constexpr size_t slabsPerMapping = 64;
-// Empty slabs a thread keeps outside a mark and trim before it unmaps them (64 MB).
+// Idle slabs a thread keeps outside a mark and trim before it unmaps emptied ones (64 MB).
 constexpr size_t emptyLimit = (64 << 20) / slabSize;
-// Empty slabs a trim leaves (1 MB).
+// Idle slabs a trim leaves (1 MB).
 constexpr size_t emptyReserve = slabsPerMapping;
 
 struct FreeBlock {
@@ -124,8 +124,14 @@ struct Heap {
     Slab* partial[classCount];
     Slab* empty;
     size_t emptyCount;
-    // The fewest empty slabs since the mark: that many were not needed.
-    size_t emptyLowWater;
+    // Mapped slabs never used yet, from `fresh` on: their pages are not
+    // touched until a slab is taken.
+    char* fresh;
+    size_t freshCount;
+    // The fewest idle (empty or fresh) slabs since the mark: that many were not needed.
+    size_t idleLowWater;
+
+    size_t idleCount() const { return emptyCount + freshCount; }
     Slab* all;
     Heap* nextInPool;
     // Blocks freed on other threads since the owner last took them back (on
@@ -170,7 +176,7 @@ inline Slab* slabOf(void* pointer)
     return reinterpret_cast<Slab*>(reinterpret_cast<uintptr_t>(pointer) & ~(slabSize - 1));
 }
 
-// Maps `slabsPerMapping` slabs aligned to their size; answers the first.
+// Maps `slabsPerMapping` slabs aligned to their size; answers where they start.
 char* mapSlabs()
 {
     constexpr size_t length = slabsPerMapping * slabSize;
@@ -228,7 +234,7 @@ void pushPartial(Heap& heap, Slab* slab)
 
 void pushEmpty(Heap& heap, Slab* slab)
 {
-    if (heap.emptyCount >= emptyLimit) {
+    if (heap.idleCount() >= emptyLimit) {
         unmapSlab(heap, slab);
         return;
     }
@@ -292,20 +298,38 @@ void collectAllRemoteFrees(Heap& heap)
     }
 }
 
-Slab* takeEmptySlab(Heap& heap)
+// Unmaps `count` idle slabs: fresh ones first (one call for all), then
+// empty ones (which of them does not matter, only how many).
+void releaseIdleSlabs(Heap& heap, size_t count)
+{
+    if (size_t fresh = std::min(count, heap.freshCount)) {
+        heap.freshCount -= fresh;
+        munmap(heap.fresh + heap.freshCount * slabSize, fresh * slabSize);
+        s_mappedBytes.fetch_sub(fresh * slabSize, std::memory_order_relaxed);
+        count -= fresh;
+    }
+    for (; count; --count) {
+        Slab* slab = heap.empty;
+        heap.empty = slab->next;
+        --heap.emptyCount;
+        unmapSlab(heap, slab);
+    }
+}
+
+Slab* takeIdleSlab(Heap& heap)
 {
     Slab* slab = heap.empty;
     if (slab) {
         heap.empty = slab->next;
-        if (--heap.emptyCount < heap.emptyLowWater)
-            heap.emptyLowWater = heap.emptyCount;
-        return slab;
-    }
-    char* memory = mapSlabs();
-    // The rest wait as empty slabs (their pages not yet touched beyond the
-    // header), to be taken in address order.
-    for (size_t i = slabsPerMapping; i--;) {
-        slab = reinterpret_cast<Slab*>(memory + i * slabSize);
+        --heap.emptyCount;
+    } else {
+        if (!heap.freshCount) {
+            heap.fresh = mapSlabs();
+            heap.freshCount = slabsPerMapping;
+        }
+        slab = reinterpret_cast<Slab*>(heap.fresh);
+        heap.fresh += slabSize;
+        --heap.freshCount;
         slab->owner = &heap;
         slab->remoteFree.store(nullptr, std::memory_order_relaxed);
         slab->allPrev = nullptr;
@@ -313,10 +337,9 @@ Slab* takeEmptySlab(Heap& heap)
         if (heap.all)
             heap.all->allPrev = slab;
         heap.all = slab;
-        if (i)
-            pushEmpty(heap, slab);
     }
-    return reinterpret_cast<Slab*>(memory);
+    heap.idleLowWater = std::min(heap.idleLowWater, heap.idleCount());
+    return slab;
 }
 
 inline void* takeBlock(Slab* slab)
@@ -355,7 +378,7 @@ void* allocateFrom(Heap& heap, size_t sizeClass)
         if (slab)
             unlinkPartial(heap, slab);
         else {
-            slab = takeEmptySlab(heap);
+            slab = takeIdleSlab(heap);
             slab->blockSize = static_cast<uint32_t>(sizeClass * granularity);
             slab->sizeClass = static_cast<uint8_t>(sizeClass);
             slab->used = 0;
@@ -386,11 +409,8 @@ struct HeapRelease {
                 pushEmpty(*heap, slab);
             }
         }
-        while (Slab* slab = heap->empty) {
-            heap->empty = slab->next;
-            unmapSlab(*heap, slab);
-        }
-        heap->emptyCount = heap->emptyLowWater = 0;
+        releaseIdleSlabs(*heap, heap->idleCount());
+        heap->idleLowWater = 0;
         SpinLock lock(s_poolLock);
         heap->nextInPool = s_pool;
         s_pool = heap;
@@ -489,7 +509,7 @@ void markSmallObjectLists()
 {
     if (Heap* heap = t_heap) {
         collectAllRemoteFrees(*heap);
-        heap->emptyLowWater = heap->emptyCount;
+        heap->idleLowWater = heap->idleCount();
     }
 }
 
@@ -500,21 +520,15 @@ void trimSmallObjectLists()
         return;
     // A reserve of one mapping's worth stays, so that work between parses
     // (models made and dropped) does not map and unmap slabs every time.
-    // Which of the others go does not matter, only how many.
-    size_t surplus = std::min(heap->emptyLowWater, heap->emptyCount - std::min(heap->emptyCount, emptyReserve));
-    heap->emptyCount -= surplus;
-    heap->emptyLowWater = 0;
-    for (; surplus; --surplus) {
-        Slab* slab = heap->empty;
-        heap->empty = slab->next;
-        unmapSlab(*heap, slab);
-    }
+    size_t idle = heap->idleCount();
+    releaseIdleSlabs(*heap, std::min(heap->idleLowWater, idle - std::min(idle, emptyReserve)));
+    heap->idleLowWater = 0;
 }
 
 size_t smallObjectListBytes()
 {
     Heap* heap = t_heap;
-    return heap ? heap->emptyCount * slabSize : 0;
+    return heap ? heap->idleCount() * slabSize : 0;
 }
 
 size_t smallObjectSlackBytes()

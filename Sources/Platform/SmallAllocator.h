@@ -24,7 +24,7 @@ uint64_t smallAllocationCount();
 // become small again. The decoder does both around every parse.
 void markSmallObjectLists();
 void trimSmallObjectLists();
-// Bytes in this thread's empty slabs, kept for reuse, for measurements.
+// Bytes in this thread's empty and never-used slabs, kept for reuse, for measurements.
 size_t smallObjectListBytes();
 // Free bytes inside this thread's slabs that still hold objects, for measurements.
 size_t smallObjectSlackBytes();
