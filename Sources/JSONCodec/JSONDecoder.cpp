@@ -141,6 +141,10 @@ struct JCTokenCacheItem {
     // The cache's own reference to an object this parse made is counted with
     // the hits: one that goes out of the cache unhit is never touched again.
     uint8_t cacheRefUncounted : 1 { 0 };
+    // A string whose bytes a JSON string holds as they are (taken from the
+    // input without escapes), so that equal input bytes before a quote mark
+    // are that string.
+    uint8_t plainString : 1 { 0 };
     // The parse that made the object (the cache's generation then).
     uint16_t generation { 0 };
 };
@@ -184,12 +188,43 @@ struct JCTokenCache {
     uint16_t* pending { nullptr };
     size_t pendingCount { 0 };
 
+    // The keys of a dictionary tend to come in the order of the last one of
+    // its kind: the bucket of the key that followed the key of each bucket,
+    // and of the first key at each depth. A hint only, checked by the bytes.
+    static constexpr uint16_t noBucket = 0xFFFF;
+    static constexpr size_t predictedDepths = 64;
+    std::array<uint16_t, JCCacheBuckets> nextKey;
+    std::array<uint16_t, predictedDepths> firstKey;
+
     // The parse under way: an item of it holds an object that no other
     // thread can reach yet, whose count needs no atomic operation. The
     // number moves on when a parse begins and when it ends, so that it never
     // names a parse whose tree has been handed out. When it wraps, every
     // item's mark is cleared.
     uint16_t generation { 0 };
+
+    JCTokenCache()
+    {
+        forgetPredictions();
+    }
+    void forgetPredictions()
+    {
+        nextKey.fill(noBucket);
+        firstKey.fill(noBucket);
+    }
+
+    // A probe that matched the item in `bucket`: its age grows, and the
+    // reference the caller gets is counted when the parse ends.
+    Object* hit(JCTokenCacheItem& item, size_t bucket)
+    {
+        age[bucket] = static_cast<uint8_t>(age[bucket] * 2 + 1);
+        if (!item.pendingListed) {
+            item.pendingListed = 1;
+            pending[pendingCount++] = static_cast<uint16_t>(bucket);
+        }
+        ++item.pendingRefs;
+        return item.object;
+    }
 
     // Adds `delta` references (-1 at the least) to an item's object: without
     // an atomic operation when this parse made it.
@@ -259,6 +294,7 @@ struct JCParseState {
     void clearCache()
     {
         releaseCachedObjects();
+        cache.forgetPredictions();
         std::fill_n(cache.items, cache.count, JCTokenCacheItem {});
         memset(cache.age, 0, cache.count);
     }
@@ -315,6 +351,7 @@ private:
     static Object* jc_parse_array(JCParseState*);
     static Object* jc_parse_dictionary(JCParseState*);
     static Object* jc_cachedObjects(JCParseState*);
+    static Object* predictedString(JCParseState*, size_t quote, uint16_t bucket);
     static void jc_cache_age(JCParseState*);
     static void jc_objectStack_setToStackBuffer(JCObjectStack*, Object** objects, Object** keys, size_t* hashes, size_t count);
     static bool jc_objectStack_resize(JCObjectStack*, size_t newCount);
@@ -1189,14 +1226,8 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
             break;
         }
         if (item.hash == hash && item.size == length && item.type == value.type && String::equalBytes(item.bytes, value.ptrRange.ptr, length)) {
-            cache.age[bucket] = static_cast<uint8_t>(cache.age[bucket] * 2 + 1);
             value.cacheItem = &item;
-            if (!item.pendingListed) {
-                item.pendingListed = 1;
-                cache.pending[cache.pendingCount++] = static_cast<uint16_t>(bucket);
-            }
-            ++item.pendingRefs;
-            return item.object;
+            return cache.hit(item, bucket);
         }
         if (!slot) {
             if (!cache.age[bucket]) {
@@ -1244,6 +1275,8 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
         slot->keyHash = 0;
         slot->size = length;
         slot->type = value.type;
+        auto offset = reinterpret_cast<uintptr_t>(value.ptrRange.ptr) - reinterpret_cast<uintptr_t>(state->stringBytes);
+        slot->plainString = value.type == JCValueTypeString && offset < state->stringLength;
         slot->generation = cache.generation;
         if (length <= sizeof(slot->inlineBytes)) {
             memcpy(slot->inlineBytes, value.ptrRange.ptr, length);
@@ -1347,18 +1380,55 @@ Object* JCParser::jc_parse_array(JCParseState* state)
     return parsedArray;
 }
 
+// The string whose opening quote is at `quote` when it is the one cached in
+// `bucket` and that bucket is where the cache's probe for it starts: then the
+// probe would hit there at once, so the hit is taken without scanning the
+// string or computing its hash. Null otherwise (the caller reads the token).
+Object* JCParser::predictedString(JCParseState* state, size_t quote, uint16_t bucket)
+{
+    auto& cache = state->cache;
+    if (bucket >= cache.count)
+        return nullptr;
+    auto& item = cache.items[bucket];
+    size_t length = item.size;
+    const uint8_t* bytes = state->stringBytes + quote + 1;
+    if (!item.object || !item.plainString || (item.hash & (cache.count - 1)) != bucket || length >= state->stringLength - quote - 1
+        || bytes[length] != '"' || !String::equalBytes(item.bytes, bytes, length))
+        return nullptr;
+    auto& token = state->token;
+    token.type = JCTokenTypeString;
+    token.tokenPtrRange = { bytes - 1, length + 2 };
+    token.value.ptrRange = { bytes, length };
+    token.value.type = JCValueTypeString;
+    token.value.hash = item.hash;
+    token.value.cacheItem = &item;
+    state->atIndex = quote + length + 2;
+    return cache.hit(item, bucket);
+}
+
 Object* JCParser::jc_parse_dictionary(JCParseState* state)
 {
     auto& stack = state->objectStack;
+    auto& cache = state->cache;
     size_t startingObjectIndex = stack.index;
     int acceptMask = JCAcceptValue | JCAcceptEnd;
     Object* parsedDictionary = nullptr;
+    bool plainWhiteSpace = !(state->parseOptionFlags & (JCParseOptionComments | JCParseOptionUnicodeNewlines));
+    uint16_t* predictedNext = &cache.firstKey[state->depth & (JCTokenCache::predictedDepths - 1)];
+    uint16_t unpredictable; // follows a key the cache does not hold
 
     while (!state->error && state->atIndex < state->stringLength) {
         if (stack.index > stack.count - 4
             && !jc_objectStack_makeRoom(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", __LINE__))
             break;
-        if (!nextToken(state))
+        Object* key = nullptr;
+        if ((acceptMask & JCAcceptValue) && plainWhiteSpace) {
+            size_t at = skipWhiteSpace(state->stringBytes, state->atIndex, state->stringLength);
+            state->atIndex = at;
+            if (at < state->stringLength && state->stringBytes[at] == '"')
+                key = predictedString(state, at, *predictedNext);
+        }
+        if (!key && !nextToken(state))
             break;
         uint8_t type = state->token.type;
         if (type == JCTokenTypeString) {
@@ -1366,8 +1436,7 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
                 jc_error(state, "Unexpected string.");
                 break;
             }
-            Object* key = jc_cachedObjects(state);
-            if (!key) {
+            if (!key && !(key = jc_cachedObjects(state))) {
                 jc_error(state, "Internal error: Key == NULL.");
                 break;
             }
@@ -1376,8 +1445,15 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
                 if (!item->keyHash)
                     item->keyHash = key->hash();
                 keyHash = item->keyHash;
-            } else
+                auto keyBucket = static_cast<uint16_t>(item - cache.items);
+                *predictedNext = keyBucket;
+                predictedNext = &cache.nextKey[keyBucket];
+            } else {
                 keyHash = key->hash();
+                *predictedNext = JCTokenCache::noBucket;
+                unpredictable = JCTokenCache::noBucket;
+                predictedNext = &unpredictable;
+            }
             // The key joins the stack only with its value: a nested collection
             // builds itself in the slots from stack.index on.
             if (!nextToken(state) || state->token.type != JCTokenTypeSeparator) {

@@ -294,6 +294,55 @@ TEST(JSONDecoder, CacheGivesOneObjectPerDistinctValue)
     EXPECT_TRUE(first(fresh)->isEqual(dictionary0->objectForKey("title")));
 }
 
+TEST(JSONDecoder, ADecoderThatLearnedAKeyOrderReadsNearMissesAsAFreshOneDoes)
+{
+    // A warm decoder tries the keys of the last record of each shape first;
+    // texts that nearly match them must read exactly as a fresh decoder reads them.
+    std::string_view learned = R"([{"kind":"track","title":"a","description_text_long":1},{"kind":"x","title":"b","description_text_long":2}])";
+    const char* nearMisses[] = {
+        R"([{"kind":1,"title":2}])",
+        R"([{"ki\u006ed":1,"title":2}])",
+        R"([{"kin":1,"titles":2,"description_text_lon":3}])",
+        R"([{"kind\"":1,"title\\":2}])",
+        R"([{ "kind" : 1 , "title" : 2 }])",
+        R"([{"title":1,"kind":2}])",
+        R"([{"kind":1,"kind":2}])",
+        R"([{"kind)",
+        R"([{"kind")",
+        R"([{"kind"1}])",
+        "[{\"ki\x01nd\":1}]",
+        R"([{"":1,"kind":2}])",
+        R"([{"description_text_long":1,"kind":{"kind":{"title":3}}}])",
+    };
+    // Keys decoded from escapes hold bytes that a string cannot hold as they are.
+    std::pair<std::string_view, std::string_view> unescaped[] = {
+        { R"([{"q\"q":1}])", R"([{"q"q":1}])" },
+        { R"([{"q\\":1}])", R"([{"q\":1}])" },
+        { R"([{"q\tq":1}])", "[{\"q\tq\":1}]" },
+    };
+    auto warm = JSONDecoder::decoder();
+    auto readsAsFresh = [&](std::string_view learned, std::string_view text) {
+        ASSERT_TRUE(warm->objectWithUTF8String(learned));
+        RefPtr<Error> warmError, freshError;
+        auto fromWarm = warm->objectWithUTF8String(std::string_view(text), &warmError);
+        auto fromFresh = JSONDecoder::decoder()->objectWithUTF8String(std::string_view(text), &freshError);
+        ASSERT_EQ(!!fromWarm, !!fromFresh) << text;
+        if (fromFresh)
+            EXPECT_TRUE(fromWarm->isEqual(fromFresh.get())) << text;
+        else
+            EXPECT_TRUE(warmError->userInfo()->isEqual(freshError->userInfo())) << text;
+    };
+    for (const char* text : nearMisses)
+        readsAsFresh(learned, text);
+    for (auto [learnedKey, text] : unescaped)
+        readsAsFresh(learnedKey, text);
+    // An escaped key is the cached key all the same.
+    auto plain = warm->objectWithUTF8String(std::string_view(R"([{"kind":1}])"));
+    auto escaped = warm->objectWithUTF8String(std::string_view(R"([{"ki\u006ed":1}])"));
+    auto keyOf = [](const RefPtr<Object>& tree) { return (*downcast<Dictionary>(first(tree))->begin()).key; };
+    EXPECT_EQ(keyOf(plain), keyOf(escaped));
+}
+
 TEST(JSONDecoder, CacheHitsAreCountedReferences)
 {
     // A hit hands out a reference of its own: the tree's, the cache's, and
