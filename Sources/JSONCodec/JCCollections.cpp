@@ -225,20 +225,29 @@ size_t JCDictionaryCapacityForCount(size_t count)
     return jc_dictionaryCapacities[JCDictionaryCapacityIndexForCount(count)];
 }
 
+// Calls `body` with the capacity at `capacityIndex` of the table as a template
+// argument, so that `hash % capacity` in it is a multiplication: dividing by a
+// variable is a slow division. Past the first sixteen sizes it passes 0, and
+// the body divides by the capacity at run time.
+template<typename Body>
+inline decltype(auto) withConstantCapacity(size_t capacityIndex, Body&& body)
+{
+    switch (capacityIndex) {
+#define JC_CAPACITY_CASE(index) \
+    case index:                 \
+        return body.template operator()<jc_dictionaryCapacities[index]>();
+        JC_CAPACITY_CASE(1) JC_CAPACITY_CASE(2) JC_CAPACITY_CASE(3) JC_CAPACITY_CASE(4) JC_CAPACITY_CASE(5) JC_CAPACITY_CASE(6)
+        JC_CAPACITY_CASE(7) JC_CAPACITY_CASE(8) JC_CAPACITY_CASE(9) JC_CAPACITY_CASE(10) JC_CAPACITY_CASE(11) JC_CAPACITY_CASE(12)
+        JC_CAPACITY_CASE(13) JC_CAPACITY_CASE(14) JC_CAPACITY_CASE(15) JC_CAPACITY_CASE(16)
+#undef JC_CAPACITY_CASE
+    default:
+        return body.template operator()<0>();
+    }
+}
+
 size_t JCDictionaryStorage::bucketForHash(size_t hash) const
 {
-    // Dividing by a constant is a multiplication; by a variable, a slow division.
-    switch (capacityIndex) {
-#define JC_BUCKET_CASE(index) \
-    case index:               \
-        return hash % jc_dictionaryCapacities[index];
-        JC_BUCKET_CASE(1) JC_BUCKET_CASE(2) JC_BUCKET_CASE(3) JC_BUCKET_CASE(4) JC_BUCKET_CASE(5) JC_BUCKET_CASE(6) JC_BUCKET_CASE(7)
-        JC_BUCKET_CASE(8) JC_BUCKET_CASE(9) JC_BUCKET_CASE(10) JC_BUCKET_CASE(11) JC_BUCKET_CASE(12) JC_BUCKET_CASE(13)
-        JC_BUCKET_CASE(14) JC_BUCKET_CASE(15) JC_BUCKET_CASE(16)
-#undef JC_BUCKET_CASE
-    default:
-        return hash % capacity;
-    }
+    return withConstantCapacity(capacityIndex, [&]<size_t constantCapacity>() { return hash % (constantCapacity ? constantCapacity : capacity); });
 }
 
 JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
@@ -262,8 +271,12 @@ JCHashTableEntry* JCDictionaryStorage::entryForKey(const Object* key) const
 
 void JCDictionaryStorage::addObject(size_t keyHash, Object* key, Object* object, const JCReleaseHook& beforeRelease)
 {
+    addObjectFrom(capacity ? bucketForHash(keyHash) : 0, keyHash, key, object, beforeRelease);
+}
+
+inline void JCDictionaryStorage::addObjectFrom(size_t index, size_t keyHash, Object* key, Object* object, const JCReleaseHook& beforeRelease)
+{
     if (capacity) {
-        size_t index = bucketForHash(keyHash);
         for (size_t i = 0; i < capacity; ++i) {
             auto& candidate = entry[index];
             if (candidate.key && candidate.keyHash == keyHash && (candidate.key == key || candidate.key->isEqual(key)))
@@ -451,8 +464,12 @@ Dictionary* detail::JCDictionaryFactory::JCDictionaryCreate(Object** keys, size_
         storage.capacity = capacity;
         storage.capacityIndex = static_cast<uint8_t>(capacityIndex);
         storage.inlineStorage = inlineStorage;
-        for (size_t i = 0; i < count; ++i)
-            storage.addObject(keyHashes[i], keys[i], objects[i], beforeRelease);
+        // One dispatch on the table size per dictionary, not one per key.
+        withConstantCapacity(capacityIndex, [&]<size_t constantCapacity>() {
+            size_t divisor = constantCapacity ? constantCapacity : capacity;
+            for (size_t i = 0; i < count; ++i)
+                storage.addObjectFrom(keyHashes[i] % divisor, keyHashes[i], keys[i], objects[i], beforeRelease);
+        });
     };
     if (mutableCollection) {
         auto* table = static_cast<JCHashTableEntry*>(calloc(capacity ? capacity : 1, sizeof(JCHashTableEntry)));

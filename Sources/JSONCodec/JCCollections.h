@@ -107,6 +107,8 @@ struct JCDictionaryStorage {
     JCHashTableEntry* entryForKey(const Object* key) const;
     // Takes over both references; releases them when there is no room.
     void addObject(size_t keyHash, Object* key, Object* object, const JCReleaseHook& beforeRelease = {});
+    // The same with the probe's first entry given.
+    void addObjectFrom(size_t index, size_t keyHash, Object* key, Object* object, const JCReleaseHook& beforeRelease);
     void removeEntry(JCHashTableEntry&, const JCReleaseHook& beforeRelease = {});
     void resizeIfNeccessary(size_t newCapacityIndex);
     bool nextEntry(size_t& state, Dictionary::Entry& entry) const;

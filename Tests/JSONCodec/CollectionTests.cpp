@@ -49,6 +49,30 @@ TEST(JCDictionary, CapacityTable)
         EXPECT_EQ(JCDictionaryCapacityForCount(c.count), c.capacity) << c.count;
 }
 
+TEST(JCDictionary, DecodedDictionariesOfEverySizeFindEveryKey)
+{
+    // Table sizes from the smallest to past those whose bucket is found by a
+    // division by a constant; immutable and mutable results alike.
+    for (size_t count : { 1, 3, 4, 6, 10, 17, 30, 53, 95, 143, 188, 287, 474, 817, 1295, 2107, 3400, 5000 }) {
+        std::string text = "{";
+        for (size_t i = 0; i < count; ++i)
+            text += (i ? ",\"k" : "\"k") + std::to_string(i * 7919) + "\":" + std::to_string(i);
+        text += "}";
+        for (bool changeable : { false, true }) {
+            auto decoder = JSONDecoder::decoder();
+            auto tree = changeable ? decoder->mutableObjectWithUTF8String(text) : decoder->objectWithUTF8String(text);
+            auto* dictionary = downcast<Dictionary>(tree.get());
+            ASSERT_EQ(dictionary->count(), count);
+            for (size_t i = 0; i < count; ++i) {
+                auto* value = dictionary->objectForKey<Number>("k" + std::to_string(i * 7919));
+                ASSERT_TRUE(value) << count << " k" << i * 7919;
+                EXPECT_EQ(value->unsignedLongLongValue(), i);
+            }
+            EXPECT_FALSE(dictionary->objectForKey("k1"));
+        }
+    }
+}
+
 TEST(JCDictionary, EmptyObjectAndFirstInsertion)
 {
     auto empty = JSONDecoder::decoder()->objectWithUTF8String(std::string_view("{}"));
