@@ -348,6 +348,12 @@ private:
     static bool jc_parse_string(JCParseState*);
     static bool jc_parse_number(JCParseState*);
     static Object* jc_object_for_token(JCParseState*);
+    // The same, with strings and numbers (most values) sent to the cache at once.
+    static Object* objectForValueToken(JCParseState* state)
+    {
+        uint8_t type = state->token.type;
+        return type == JCTokenTypeString || type == JCTokenTypeNumber ? jc_cachedObjects(state) : jc_object_for_token(state);
+    }
     static Object* jc_parse_array(JCParseState*);
     static Object* jc_parse_dictionary(JCParseState*);
     static Object* jc_cachedObjects(JCParseState*);
@@ -1341,7 +1347,7 @@ Object* JCParser::jc_parse_array(JCParseState* state)
                 jc_error(state, "Unexpected value.");
                 break;
             }
-            Object* object = jc_object_for_token(state);
+            Object* object = objectForValueToken(state);
             if (!object) {
                 jc_error(state, "Internal error: Object == NULL");
                 break;
@@ -1466,7 +1472,7 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
             if (nextToken(state)) {
                 if (!isValueToken(state->token.type))
                     jc_error_parse_accept_or3(state, JCAcceptValue, "a value", "a '}'");
-                else if (!(object = jc_object_for_token(state)))
+                else if (!(object = objectForValueToken(state)))
                     jc_error(state, "Internal error: Object == NULL.");
             }
             if (!object) {
