@@ -47,11 +47,25 @@ std::string timestampNow()
     return text;
 }
 
-// The catalogue's URLs hold "{base}" where the service's address goes.
+// The catalogue's URLs hold "{base}" where the service's address goes. One
+// pass into a new text: replacing in place moves the rest of a page for each
+// of its hundreds of URLs.
 void fillBase(std::string& text, std::string_view base)
 {
-    for (size_t at = 0; (at = text.find("{base}", at)) != std::string::npos; at += base.size())
-        text.replace(at, 6, base);
+    constexpr std::string_view placeholder = "{base}";
+    size_t at = text.find(placeholder);
+    if (at == std::string::npos)
+        return;
+    std::string filled;
+    filled.reserve(text.size() + text.size() / 8);
+    size_t copied = 0;
+    for (; at != std::string::npos; at = text.find(placeholder, copied)) {
+        filled.append(text, copied, at - copied);
+        filled.append(base);
+        copied = at + placeholder.size();
+    }
+    filled.append(text, copied);
+    text = std::move(filled);
 }
 
 int64_t integerOf(const Dictionary& record, std::string_view key)
