@@ -12,6 +12,7 @@ between benchmarks of one run, such as VelvoxKit against RapidJSON).
 import json
 import subprocess
 import sys
+import tempfile
 from collections import defaultdict
 
 
@@ -19,10 +20,13 @@ def main(pattern, rounds, programs):
     times = defaultdict(lambda: defaultdict(list))
     for _ in range(rounds):
         for program in programs:
-            output = subprocess.run([program, "--benchmark_filter=" + pattern, "--benchmark_min_time=0.05",
-                                     "--benchmark_repetitions=6", "--benchmark_format=json"],
-                                    capture_output=True, text=True, check=True).stdout
-            for run in json.loads(output)["benchmarks"]:
+            # Through a file: some programs print to standard output too.
+            with tempfile.NamedTemporaryFile(suffix=".json") as results:
+                subprocess.run([program, "--benchmark_filter=" + pattern, "--benchmark_min_time=0.05",
+                                "--benchmark_repetitions=6", "--benchmark_out=" + results.name, "--benchmark_out_format=json"],
+                               capture_output=True, text=True, check=True)
+                output = json.load(open(results.name))
+            for run in output["benchmarks"]:
                 if run.get("run_type") == "iteration":
                     times[run["name"]][program].append(run["real_time"])
     for name, by_program in times.items():

@@ -270,6 +270,49 @@ struct JCTokenCache {
     }
 };
 
+// A decoder made per call (as the one-call conveniences and the request path
+// do) would map and zero 64 KB of buckets afresh each time, page faults
+// included: the buckets of the last decoder a thread freed wait, still in the
+// processor's cache, for the next one it makes.
+static thread_local JCTokenCacheItem* t_spareBuckets = nullptr;
+static thread_local bool t_spareBucketsGone = false;
+struct JCSpareBucketsRelease {
+    // Called before a thread first takes or keeps buckets: its first use
+    // registers the destructor that frees the spare ones when the thread ends.
+    void arm() { }
+    ~JCSpareBucketsRelease()
+    {
+        free(std::exchange(t_spareBuckets, nullptr));
+        t_spareBucketsGone = true;
+    }
+};
+static thread_local JCSpareBucketsRelease t_spareBucketsRelease;
+
+static JCTokenCacheItem* allocateBuckets(size_t count)
+{
+    auto* items = std::exchange(t_spareBuckets, nullptr);
+    if (!items) {
+        t_spareBucketsRelease.arm();
+        // Aligned, so that an item is one cache line.
+        items = static_cast<JCTokenCacheItem*>(aligned_alloc(64, count * sizeof(JCTokenCacheItem)));
+    }
+    if (items)
+        memset(static_cast<void*>(items), 0, count * sizeof(JCTokenCacheItem));
+    return items;
+}
+
+static void freeBuckets(JCTokenCacheItem* items)
+{
+    if (!items)
+        return;
+    if (t_spareBuckets || t_spareBucketsGone)
+        free(items);
+    else {
+        t_spareBucketsRelease.arm(); // the decoder may have been made on another thread
+        t_spareBuckets = items;
+    }
+}
+
 struct JCParseState {
     JCParseOptionFlags parseOptionFlags { 0 };
     const uint8_t* stringBytes { nullptr };
@@ -286,7 +329,7 @@ struct JCParseState {
     ~JCParseState()
     {
         releaseCachedObjects();
-        free(cache.items);
+        freeBuckets(cache.items);
         free(cache.age);
         free(cache.pending);
     }
@@ -1614,10 +1657,7 @@ JSONDecoder::JSONDecoder(JCParseOptionFlags options)
     state.objectStack.roundSizeUpToMultipleOf = 2048;
     state.cache.prng_lfsr = 1;
     state.cache.count = detail::JCCacheBuckets;
-    // Aligned, so that an item is one cache line.
-    state.cache.items = static_cast<detail::JCTokenCacheItem*>(aligned_alloc(64, state.cache.count * sizeof(detail::JCTokenCacheItem)));
-    if (state.cache.items)
-        memset(static_cast<void*>(state.cache.items), 0, state.cache.count * sizeof(detail::JCTokenCacheItem));
+    state.cache.items = detail::allocateBuckets(state.cache.count);
     state.cache.age = static_cast<uint8_t*>(calloc(state.cache.count, 1));
     state.cache.pending = static_cast<uint16_t*>(calloc(state.cache.count, sizeof(uint16_t)));
     if (!state.cache.items || !state.cache.age || !state.cache.pending)

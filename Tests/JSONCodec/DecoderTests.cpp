@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <random>
+#include <thread>
 
 using namespace velvox;
 
@@ -341,6 +342,39 @@ TEST(JSONDecoder, ADecoderThatLearnedAKeyOrderReadsNearMissesAsAFreshOneDoes)
     auto escaped = warm->objectWithUTF8String(std::string_view(R"([{"ki\u006ed":1}])"));
     auto keyOf = [](const RefPtr<Object>& tree) { return (*downcast<Dictionary>(first(tree))->begin()).key; };
     EXPECT_EQ(keyOf(plain), keyOf(escaped));
+}
+
+TEST(JSONDecoder, EachNewDecoderStartsWithAnEmptyCache)
+{
+    // Decoders made one after another on a thread may share memory; never a cache.
+    auto text = std::string_view(R"([{"kind":"track","title":"Night Drive"},{"kind":"track","title":"Night Drive"}])");
+    RefPtr<Object> earlier;
+    for (int round = 0; round < 3; ++round) {
+        auto decoder = JSONDecoder::decoder();
+        EXPECT_EQ(decoder->cachedObjectCount(), 0u);
+        auto tree = decoder->objectWithUTF8String(text);
+        EXPECT_EQ(decoder->cachedObjectCount(), 4u);
+        if (earlier) {
+            EXPECT_NE(downcast<Dictionary>(first(tree))->objectForKey("title"), downcast<Dictionary>(first(earlier))->objectForKey("title"));
+        }
+        earlier = tree;
+    }
+}
+
+TEST(JSONDecoder, DecodersOfThreadsThatEndLeaveNothingBehind)
+{
+    // The leak checker of the sanitizer build watches this one: a thread that
+    // made or freed a decoder frees the memory it kept for the next one.
+    auto text = std::string_view(R"({"kind":"track"})");
+    RefPtr<JSONDecoder> handedOver;
+    std::thread([&] {
+        EXPECT_TRUE(JSONDecoder::decoder()->objectWithUTF8String(text));
+        handedOver = JSONDecoder::decoder();
+    }).join();
+    std::thread([&] {
+        EXPECT_TRUE(handedOver->objectWithUTF8String(text));
+        handedOver = nullptr;
+    }).join();
 }
 
 TEST(JSONDecoder, CacheHitsAreCountedReferences)
