@@ -277,8 +277,8 @@ struct JCTokenCache {
 static thread_local JCTokenCacheItem* t_spareBuckets = nullptr;
 static thread_local bool t_spareBucketsGone = false;
 struct JCSpareBucketsRelease {
-    // Called before a thread first takes or keeps buckets: its first use
-    // registers the destructor that frees the spare ones when the thread ends.
+    // Called before a thread keeps spare buckets: its first use registers
+    // the destructor that frees them when the thread ends.
     void arm() { }
     ~JCSpareBucketsRelease()
     {
@@ -291,11 +291,8 @@ static thread_local JCSpareBucketsRelease t_spareBucketsRelease;
 static JCTokenCacheItem* allocateBuckets(size_t count)
 {
     auto* items = std::exchange(t_spareBuckets, nullptr);
-    if (!items) {
-        t_spareBucketsRelease.arm();
-        // Aligned, so that an item is one cache line.
+    if (!items) // aligned, so that an item is one cache line
         items = static_cast<JCTokenCacheItem*>(aligned_alloc(64, count * sizeof(JCTokenCacheItem)));
-    }
     if (items)
         memset(static_cast<void*>(items), 0, count * sizeof(JCTokenCacheItem));
     return items;
@@ -308,7 +305,7 @@ static void freeBuckets(JCTokenCacheItem* items)
     if (t_spareBuckets || t_spareBucketsGone)
         free(items);
     else {
-        t_spareBucketsRelease.arm(); // the decoder may have been made on another thread
+        t_spareBucketsRelease.arm();
         t_spareBuckets = items;
     }
 }
