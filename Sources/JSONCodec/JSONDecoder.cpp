@@ -70,21 +70,6 @@ constexpr size_t JCCacheBuckets = 1024;
 const char unexpectedTokenMessage[]
     = "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'.";
 
-// The string hash folds each byte in as hash × 33 + byte. Eight bytes at a time
-// it is hash × 33⁸ + Σ byteᵢ × 33⁷⁻ⁱ, whose products do not wait on each other;
-// wrapping arithmetic makes both forms give the same value.
-inline uint64_t hashRun(uint64_t hash, const uint8_t* p, const uint8_t* end)
-{
-    constexpr uint64_t k1 = 33, k2 = k1 * 33, k3 = k2 * 33, k4 = k3 * 33, k5 = k4 * 33, k6 = k5 * 33, k7 = k6 * 33, k8 = k7 * 33;
-    while (end - p >= 8) {
-        hash = hash * k8 + p[0] * k7 + p[1] * k6 + p[2] * k5 + p[3] * k4 + p[4] * k3 + p[5] * k2 + p[6] * k1 + p[7];
-        p += 8;
-    }
-    while (p < end)
-        hash = hash * 33 + *p++;
-    return hash;
-}
-
 // Skips blanks, tabs, CRs and LFs, sixteen at a time where they run long.
 inline size_t skipWhiteSpace(const uint8_t* bytes, size_t at, size_t length)
 {

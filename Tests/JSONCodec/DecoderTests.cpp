@@ -1,3 +1,4 @@
+#include <JSONCodec/JCInternal.h>
 #include <JSONCodec/JSONCodec.h>
 #include <Platform/Platform.h>
 
@@ -256,6 +257,24 @@ TEST(JSONDecoder, NumbersOfEveryLengthConvertExactly)
             EXPECT_EQ(number->longLongValue(), strtoll(integers[i].c_str(), nullptr, 10)) << integers[i];
         else
             EXPECT_EQ(number->unsignedLongLongValue(), strtoull(integers[i].c_str(), nullptr, 10)) << integers[i];
+    }
+}
+
+// The cache places a value by its hash, each byte folded in as hash × 33 + byte;
+// the wide steps that compute it must agree with that for every length, start
+// and byte value.
+TEST(JSONDecoder, TheValueHashFoldsInEveryByteAsDefined)
+{
+    std::mt19937_64 random(2026);
+    uint8_t bytes[200];
+    for (int round = 0; round < 20000; ++round) {
+        size_t start = random() % 16, length = random() % (sizeof(bytes) - 16);
+        for (auto& byte : bytes)
+            byte = static_cast<uint8_t>(round % 3 ? random() : 0xFF - random() % 2);
+        uint64_t seed = round % 2 ? random() : 1402737925, expected = seed;
+        for (size_t i = 0; i < length; ++i)
+            expected = expected * 33 + bytes[start + i];
+        ASSERT_EQ(detail::hashRun(seed, bytes + start, bytes + start + length), expected) << "length " << length;
     }
 }
 
