@@ -15,6 +15,7 @@
 #include <map>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 
 namespace velvox {
 
@@ -177,6 +178,32 @@ URLTask::~URLTask()
     curl_mime_free(static_cast<curl_mime*>(m_mime));
 }
 
+bool URLTask::reserveBody(uint64_t declaredLength)
+{
+    // The block is made once at the declared size instead of being copied as
+    // it doubles. Bounded by the limit (libcurl refuses a longer declaration
+    // anyway) and by 16 MB, so that a length a server only claims costs
+    // nothing: a longer answer grows as it comes.
+    constexpr uint64_t largestReservation = 16 << 20;
+    size_t wanted = static_cast<size_t>(std::min<uint64_t>({ declaredLength, m_maximumBodySize, largestReservation }));
+    return wanted <= m_bodyCapacity || resizeBody(wanted);
+}
+
+bool URLTask::resizeBody(size_t capacity)
+{
+    if (!capacity) {
+        free(std::exchange(m_bodyBytes, nullptr));
+        m_bodyCapacity = 0;
+        return true;
+    }
+    auto* resized = static_cast<char*>(realloc(m_bodyBytes, capacity));
+    if (!resized)
+        return false;
+    m_bodyBytes = resized;
+    m_bodyCapacity = capacity;
+    return true;
+}
+
 void URLTask::cancel()
 {
     m_finished = true;
@@ -212,9 +239,12 @@ Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callba
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, raw);
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, Impl::headerCallback);
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, raw);
-    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, Impl::progressCallback);
-    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, raw);
+    // Progress is asked of libcurl only for a caller who listens to it.
+    if (task->m_callbacks.didSendBytes || task->m_callbacks.didReceiveBytes) {
+        curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+        curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, Impl::progressCallback);
+        curl_easy_setopt(handle, CURLOPT_XFERINFODATA, raw);
+    }
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectTimeout * 1000));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout * 1000));
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, request.verifyTLS ? 1L : 0L);
@@ -315,7 +345,10 @@ void URLLoader::Impl::action(curl_socket_t socket, int flags)
             auto headers = MutableDictionary::create();
             for (auto& [name, value] : task->m_responseHeaders)
                 headers->setObject(String::create(value), name);
-            // The body's block passes to the Data: one copy of it, ever.
+            // The body's block passes to the Data: one copy of it, ever. A
+            // block made for a declared length that did not come is cut down first.
+            if (task->m_bodyCapacity - task->m_bodyLength > 4096)
+                task->resizeBody(task->m_bodyLength);
             char* bytes = std::exchange(task->m_bodyBytes, nullptr);
             size_t length = std::exchange(task->m_bodyLength, 0);
             task->m_bodyCapacity = 0;
@@ -384,11 +417,8 @@ size_t URLLoader::Impl::writeCallback(char* bytes, size_t size, size_t count, vo
         if (task->m_bodyLength + length > task->m_bodyCapacity) {
             size_t capacity = std::max<size_t>({ task->m_bodyCapacity * 2, task->m_bodyLength + length, 16384 });
             capacity = std::min(capacity, std::max(task->m_maximumBodySize, task->m_bodyLength + length));
-            auto* grown = static_cast<char*>(realloc(task->m_bodyBytes, capacity));
-            if (!grown)
+            if (!task->resizeBody(capacity))
                 return failTransfer(task, CURLE_OUT_OF_MEMORY, "Out of memory while receiving the answer.", 0);
-            task->m_bodyBytes = grown;
-            task->m_bodyCapacity = capacity;
         }
         memcpy(task->m_bodyBytes + task->m_bodyLength, bytes, length);
         task->m_bodyLength += length;
@@ -444,6 +474,8 @@ size_t URLLoader::Impl::headerCallback(char* bytes, size_t size, size_t count, v
                 if (otherName == "content-length" && otherValue != value)
                     return failTransfer(task, CURLE_WEIRD_SERVER_REPLY, "The answer has conflicting Content-Length headers.", 0);
             }
+            if (!task->reserveBody(declared))
+                return failTransfer(task, CURLE_OUT_OF_MEMORY, "Out of memory while receiving the answer.", 0);
         }
         task->m_responseHeaders.emplace_back(std::move(name), std::string(value));
         return length;
@@ -461,7 +493,7 @@ int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, 
     auto& pending = task->m_loader->m_impl->pending;
     Ref<URLTask> protectedTask { *task };
     // Only real progress is reported: never a count of zero, never the same count twice.
-    if (uploaded > 0 && static_cast<uint64_t>(uploaded) != task->m_lastSent) {
+    if (task->m_callbacks.didSendBytes && uploaded > 0 && static_cast<uint64_t>(uploaded) != task->m_lastSent) {
         task->m_lastSent = static_cast<uint64_t>(uploaded);
         uint64_t sent = static_cast<uint64_t>(uploaded), total = static_cast<uint64_t>(std::max(uploadTotal, uploaded));
         pending.push_back([protectedTask, sent, total] {
@@ -469,7 +501,7 @@ int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, 
                 protectedTask->m_callbacks.didSendBytes(sent, total);
         });
     }
-    if (downloaded > 0 && static_cast<uint64_t>(downloaded) != task->m_lastReceived) {
+    if (task->m_callbacks.didReceiveBytes && downloaded > 0 && static_cast<uint64_t>(downloaded) != task->m_lastReceived) {
         task->m_lastReceived = static_cast<uint64_t>(downloaded);
         uint64_t received = static_cast<uint64_t>(downloaded), total = static_cast<uint64_t>(std::max<curl_off_t>(downloadTotal, 0));
         pending.push_back([protectedTask, received, total] {

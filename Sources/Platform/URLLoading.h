@@ -102,6 +102,9 @@ private:
     friend class URLLoader;
     URLTask() = default;
     ~URLTask() override;
+    // Room for an answer of the declared length, within bounds; false when memory runs out.
+    bool reserveBody(uint64_t declaredLength);
+    bool resizeBody(size_t capacity);
 
     URLLoader* m_loader { nullptr };
     void* m_handle { nullptr }; // CURL*

@@ -150,16 +150,18 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
         if (m_delegate)
             m_delegate->velvoxAPIDidSendBytes(*this, sent, total, protectedContext.get(), protectedUserInfo.get());
     };
-    callbacks.didReceiveBytes = [this, protectedContext, protectedUserInfo](uint64_t received, uint64_t total) {
-        Ref protectedThis { *this };
-        if (m_delegate)
-            m_delegate->velvoxAPIDidReceiveBytes(*this, received, total, protectedContext.get(), protectedUserInfo.get());
-    };
-    callbacks.didReceiveData = [this, protectedContext, protectedUserInfo](Data& chunk) {
-        Ref protectedThis { *this };
-        if (m_delegate)
-            m_delegate->velvoxAPIDidReceiveData(*this, &chunk, protectedContext.get(), protectedUserInfo.get());
-    };
+    if (!m_delegate || m_delegate->velvoxAPIWantsReceivedData()) {
+        callbacks.didReceiveBytes = [this, protectedContext, protectedUserInfo](uint64_t received, uint64_t total) {
+            Ref protectedThis { *this };
+            if (m_delegate)
+                m_delegate->velvoxAPIDidReceiveBytes(*this, received, total, protectedContext.get(), protectedUserInfo.get());
+        };
+        callbacks.didReceiveData = [this, protectedContext, protectedUserInfo](Data& chunk) {
+            Ref protectedThis { *this };
+            if (m_delegate)
+                m_delegate->velvoxAPIDidReceiveData(*this, &chunk, protectedContext.get(), protectedUserInfo.get());
+        };
+    }
     callbacks.didComplete = [this, identifier, protectedContext, protectedUserInfo](URLResponse* response, Error* error) {
         Ref protectedThis { *this }; // the delegate may release the last reference to us
         m_tasks.erase(identifier);

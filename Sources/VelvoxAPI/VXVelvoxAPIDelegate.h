@@ -33,6 +33,10 @@ public:
     virtual void velvoxAPIDidReceiveBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) = 0;
     // velvoxAPI:didSendBytes:total:context:userInfo: — upload progress; never 0 bytes.
     virtual void velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) = 0;
+    // Whether the delegate reads the pieces of the body and the download
+    // progress at all (asked when a request starts). A delegate that answers
+    // false never gets the two calls above, and no piece is copied for it.
+    virtual bool velvoxAPIWantsReceivedData() const { return true; }
 };
 
 } // namespace velvox

@@ -103,6 +103,8 @@ public:
     void velvoxAPIDidReceiveData(VXVelvoxAPI&, Data* data, Object* context, Dictionary* userInfo) override;
     void velvoxAPIDidReceiveBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override;
     void velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override;
+    // The received-data and received-bytes calls do nothing here: the client need not make them.
+    bool velvoxAPIWantsReceivedData() const override { return false; }
 
 private:
     VXAPIController();

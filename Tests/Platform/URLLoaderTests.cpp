@@ -46,13 +46,7 @@ TEST(URLLoader, AnswersWithStatusHeadersAndBodyAndReportsProgress)
 {
     test::TestServer server;
     std::string received;
-    // Bytes that do not compress, so that progress counts what the body holds.
-    std::string noise(200000, '\0');
-    uint32_t seed = 12345;
-    for (auto& byte : noise) {
-        seed = seed * 1103515245 + 12345;
-        byte = static_cast<char>(seed >> 24);
-    }
+    std::string noise = test::incompressibleBytes(200000);
     server.routes().Get("/hello", [&](const httplib::Request& request, httplib::Response& response) {
         response.set_header("X-Echo", request.get_header_value("X-Test"));
         response.set_content(noise, "application/octet-stream");
@@ -286,5 +280,45 @@ TEST(URLLoader, BadOrConflictingLengthsAreProtocolErrors)
         EXPECT_FALSE(outcome.response) << reply;
         ASSERT_TRUE(outcome.error) << reply;
         EXPECT_EQ(outcome.error->domain()->view(), URLErrorDomain);
+    }
+}
+
+// The body's block is made at a declared length up front; what arrives is
+// still what counts: a length only claimed fails the transfer, an answer
+// without a body (HEAD) has none, and one sent in pieces is whole.
+TEST(URLLoader, DeclaredLengthsReserveRoomButOnlyArrivedBytesCount)
+{
+    {
+        test::RawServer server { "HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\nContent-Type: text/plain\r\n\r\nshort" };
+        auto outcome = fetch(server.baseURL() + "/x");
+        EXPECT_FALSE(outcome.response);
+        ASSERT_TRUE(outcome.error);
+        EXPECT_EQ(outcome.error->domain()->view(), URLErrorDomain);
+    }
+    {
+        test::RawServer server { "HTTP/1.1 200 OK\r\nContent-Length: 5000000\r\nContent-Type: text/plain\r\n\r\n" };
+        Outcome outcome;
+        auto request = get(server.baseURL() + "/x");
+        request.method = "HEAD";
+        auto task = URLLoader::current().start(request, recordInto(outcome));
+        ASSERT_TRUE(RunLoop::current().runUntil([&] { return outcome.completions > 0; }, 20));
+        ASSERT_TRUE(outcome.response) << outcome.error->description()->str();
+        EXPECT_EQ(outcome.response->body().length(), 0u);
+    }
+    {
+        test::TestServer server;
+        std::string body = test::incompressibleBytes(300000);
+        server.routes().Get("/pieces", [&](const httplib::Request&, httplib::Response& response) {
+            response.set_chunked_content_provider("application/octet-stream", [&](size_t offset, httplib::DataSink& sink) {
+                size_t length = std::min<size_t>(7777, body.size() - offset);
+                sink.write(body.data() + offset, length);
+                if (offset + length == body.size())
+                    sink.done();
+                return true;
+            });
+        });
+        auto outcome = fetch(server.start() + "/pieces");
+        ASSERT_TRUE(outcome.response);
+        EXPECT_EQ(outcome.response->body().view(), body);
     }
 }

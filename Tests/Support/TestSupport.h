@@ -21,6 +21,17 @@ namespace velvox::test {
 
 // The reason of the exception that the action raises, after checking its
 // name; "(nothing raised)" when it raises none.
+// Bytes that do not compress, so that progress counts what a body holds.
+inline std::string incompressibleBytes(size_t count, uint32_t seed = 12345)
+{
+    std::string bytes(count, '\0');
+    for (auto& byte : bytes) {
+        seed = seed * 1103515245 + 12345;
+        byte = static_cast<char>(seed >> 24);
+    }
+    return bytes;
+}
+
 inline std::string raisedReason(const std::function<void()>& action, std::string_view expectedName)
 {
     try {

@@ -4,6 +4,7 @@
 
 #include <Platform/Platform.h>
 #include <TestServer.h>
+#include <TestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -25,15 +26,19 @@ public:
         lastContext = context;
         ++failed;
     }
-    void velvoxAPIDidReceiveData(VXVelvoxAPI&, Data*, Object*, Dictionary*) override { }
-    void velvoxAPIDidReceiveBytes(VXVelvoxAPI&, uint64_t, uint64_t, Object*, Dictionary*) override { }
+    void velvoxAPIDidReceiveData(VXVelvoxAPI&, Data* piece, Object*, Dictionary*) override { pieceBytes += piece->length(); }
+    void velvoxAPIDidReceiveBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t, Object*, Dictionary*) override { lastReceived = bytes; }
     void velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t, uint64_t, Object*, Dictionary*) override { }
+    bool velvoxAPIWantsReceivedData() const override { return wantsReceivedData; }
 
     std::string body;
     RefPtr<Error> error;
     RefPtr<Object> lastContext;
     int finished { 0 };
     int failed { 0 };
+    bool wantsReceivedData { true };
+    size_t pieceBytes { 0 };
+    uint64_t lastReceived { 0 };
 };
 
 } // namespace
@@ -132,5 +137,25 @@ TEST(VXVelvoxAPI, RefusesOtherProtocolsAndTokensThatWouldInjectHeaders)
             EXPECT_NE(problem.find(c.problem), std::string::npos) << c.baseURL << ": " << problem;
             EXPECT_EQ(problem.find("X-Injected"), std::string::npos) << "the token must not be repeated";
         }
+    }
+}
+
+TEST(VXVelvoxAPI, ThePiecesOfAnAnswerGoOnlyToADelegateThatReadsThem)
+{
+    test::TestServer server;
+    std::string noise = test::incompressibleBytes(150000);
+    server.routes().Get("/tracks", [&](const httplib::Request&, httplib::Response& response) {
+        response.set_content(noise, "application/octet-stream");
+    });
+    auto base = server.start();
+    for (bool wants : { true, false }) {
+        RecordingDelegate delegate;
+        delegate.wantsReceivedData = wants;
+        auto api = VXVelvoxAPI::create(base, "token")->copyWithAPIDelegate(&delegate);
+        api->performMethod(*String::create("GET"), *String::create("tracks"), nullptr, nullptr, nullptr);
+        ASSERT_TRUE(RunLoop::current().runUntil([&] { return delegate.finished + delegate.failed == 1; }, 10));
+        EXPECT_EQ(delegate.body, noise);
+        EXPECT_EQ(delegate.pieceBytes, wants ? noise.size() : 0u) << wants;
+        EXPECT_EQ(delegate.lastReceived, wants ? noise.size() : 0u) << wants;
     }
 }
