@@ -3,6 +3,7 @@
 #include <Platform/Exception.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -211,13 +212,31 @@ Array* detail::JCArrayFactory::JCArrayCreate(Object** objects, size_t count, boo
 
 // MARK: Dictionaries
 
-size_t JCDictionaryCapacityIndexForCount(size_t count)
+namespace {
+
+constexpr size_t capacityIndexForCount(size_t count)
 {
     size_t target = static_cast<size_t>(static_cast<double>(count) * 1.33);
     auto* begin = std::begin(jc_dictionaryCapacities);
     auto* end = std::end(jc_dictionaryCapacities);
     auto* found = std::lower_bound(begin, end, target);
     return (found == end ? end - 1 : found) - begin;
+}
+
+// Every decoded record asks this; most have fewer than 64 keys, so their
+// answers are looked up instead of searched for.
+constexpr auto smallCountCapacityIndexes = [] {
+    std::array<uint8_t, 64> indexes {};
+    for (size_t count = 0; count < indexes.size(); ++count)
+        indexes[count] = static_cast<uint8_t>(capacityIndexForCount(count));
+    return indexes;
+}();
+
+} // namespace
+
+size_t JCDictionaryCapacityIndexForCount(size_t count)
+{
+    return count < smallCountCapacityIndexes.size() ? smallCountCapacityIndexes[count] : capacityIndexForCount(count);
 }
 
 size_t JCDictionaryCapacityForCount(size_t count)

@@ -44,7 +44,8 @@ TEST(JCDictionary, CapacityTable)
 {
     static const struct {
         size_t count, capacity;
-    } cases[] = { { 0, 0 }, { 1, 3 }, { 2, 3 }, { 3, 3 }, { 4, 7 }, { 5, 7 }, { 10, 13 }, { 100, 191 }, { 1000, 1723 } };
+    } cases[] = { { 0, 0 }, { 1, 3 }, { 2, 3 }, { 3, 3 }, { 4, 7 }, { 5, 7 }, { 10, 13 }, { 31, 41 }, { 32, 71 }, { 54, 71 }, { 55, 127 },
+        { 63, 127 }, { 64, 127 }, { 96, 127 }, { 97, 191 }, { 100, 191 }, { 1000, 1723 } };
     for (auto& c : cases)
         EXPECT_EQ(JCDictionaryCapacityForCount(c.count), c.capacity) << c.count;
 }
