@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -17,6 +19,9 @@ struct Failure {
     uint64_t line { 0 };
     uint64_t index { 0 };
 };
+
+constexpr std::string_view unexpectedToken
+    = "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'.";
 
 Failure decodeFailure(std::string_view text, JCParseOptionFlags options = JCParseOptionStrict)
 {
@@ -105,6 +110,42 @@ TEST(JSONDecoder, ErrorMessages)
     };
     for (auto& c : cases)
         EXPECT_EQ(decodeFailure(c.input).message, c.message) << "input: " << c.input;
+}
+
+// A literal is read whole or not at all, wherever the input ends: each cut of
+// a text in an exact-size buffer (so that a read past it is caught under the
+// address sanitizer) fails, one inside a literal with the unexpected-token
+// message at the literal's first byte.
+TEST(JSONDecoder, LiteralsAreWholeWordsWhereverTheInputEnds)
+{
+    std::string_view text = R"({"a":[true,false,null],"b":false})";
+    for (size_t cut = 1; cut <= text.size(); ++cut) {
+        auto bytes = std::make_unique<char[]>(cut);
+        memcpy(bytes.get(), text.data(), cut);
+        RefPtr<Error> error;
+        auto result = JSONDecoder::decoder()->objectWithUTF8String(bytes.get(), cut, &error);
+        if (cut == text.size()) {
+            ASSERT_TRUE(result);
+            auto* array = downcast<Array>(downcast<Dictionary>(result.get())->objectForKey("a"));
+            EXPECT_EQ(array->objectAtIndex(0), &Number::trueValue());
+            EXPECT_EQ(array->objectAtIndex(1), &Number::falseValue());
+            EXPECT_EQ(array->objectAtIndex(2), &Null::null());
+            continue;
+        }
+        EXPECT_FALSE(result) << cut;
+        ASSERT_TRUE(error) << cut;
+        for (size_t start : { 6u, 11u, 17u, 27u }) {
+            size_t end = start + (text[start] == 'f' ? 5 : 4);
+            if (cut > start && cut < end) {
+                EXPECT_EQ(error->localizedDescription()->view(), unexpectedToken) << cut;
+                EXPECT_EQ(error->userInfo()->objectForKey<Number>(JCAtIndexKey)->unsignedLongLongValue(), start) << cut;
+            }
+        }
+    }
+    for (auto input : { "[nulL]", "[falsE]", "[tru]", "[fals]", "[nul" })
+        EXPECT_EQ(decodeFailure(input).message, unexpectedToken) << input;
+    EXPECT_EQ(decodeFailure("[nullnull]").message, "Unexpected value.");
+    EXPECT_EQ(decodeFailure("{\"k\":falsee}").message, unexpectedToken);
 }
 
 TEST(JSONDecoder, ErrorsCarryLineAndIndex)
