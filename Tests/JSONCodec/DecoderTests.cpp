@@ -162,6 +162,32 @@ TEST(JSONDecoder, ErrorsCarryLineAndIndex)
     EXPECT_EQ(decodeFailure("[1,\n \"open\n\"]").line, 2u);
     // Comments count the lines they hold; a quote in a comment starts no string.
     EXPECT_EQ(decodeFailure("[1, // \"\n /* \" \r\n */ 2 x]", JCParseOptionComments).line, 3u);
+
+    // White space runs of every length, wherever they end (in exact-size
+    // buffers): skipped whole, with the fault's index and line after them.
+    for (size_t run = 0; run < 80; ++run) {
+        std::string white;
+        for (size_t i = 0; i < run; ++i)
+            white += " \t\n\r "[i % 5];
+        size_t lines = 1; // LF, CR, and CR LF once
+        for (size_t i = 0; i < white.size(); ++i)
+            lines += white[i] == '\n' || (white[i] == '\r' && (i + 1 == white.size() || white[i + 1] != '\n'));
+        auto exact = [](const std::string& text) {
+            auto bytes = std::make_unique<char[]>(text.size());
+            memcpy(bytes.get(), text.data(), text.size());
+            return bytes;
+        };
+        std::string good = "{" + white + "\"k\"" + white + ":" + white + "[" + white + "1" + white + "]" + white + "}" + white;
+        auto goodBytes = exact(good);
+        EXPECT_TRUE(JSONDecoder::decoder()->objectWithUTF8String(goodBytes.get(), good.size())) << run;
+        std::string bad = "[1," + white + "x]";
+        auto badBytes = exact(bad);
+        RefPtr<Error> error;
+        EXPECT_FALSE(JSONDecoder::decoder()->objectWithUTF8String(badBytes.get(), bad.size(), &error));
+        ASSERT_TRUE(error) << run;
+        EXPECT_EQ(error->userInfo()->objectForKey<Number>(JCAtIndexKey)->unsignedLongLongValue(), 3 + run) << run;
+        EXPECT_EQ(error->userInfo()->objectForKey<Number>(JCLineNumberKey)->unsignedLongLongValue(), lines) << run;
+    }
 }
 
 TEST(JSONDecoder, ParseOptions)
