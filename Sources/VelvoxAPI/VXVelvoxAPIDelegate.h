@@ -35,7 +35,8 @@ public:
     virtual void velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) = 0;
     // Whether the delegate reads the pieces of the body and the download
     // progress at all (asked when a request starts). A delegate that answers
-    // false never gets the two calls above, and no piece is copied for it.
+    // false never gets velvoxAPIDidReceiveData or velvoxAPIDidReceiveBytes,
+    // and no piece is copied for it.
     virtual bool velvoxAPIWantsReceivedData() const { return true; }
 };
 

@@ -23,6 +23,15 @@ struct Failure {
 constexpr std::string_view unexpectedToken
     = "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', 'NUMBER'.";
 
+// A copy in a block of exactly the text's size, so that the address sanitizer
+// catches a read past its end.
+std::unique_ptr<char[]> exactCopy(std::string_view text)
+{
+    auto bytes = std::make_unique<char[]>(text.size());
+    memcpy(bytes.get(), text.data(), text.size());
+    return bytes;
+}
+
 Failure decodeFailure(std::string_view text, JCParseOptionFlags options = JCParseOptionStrict)
 {
     RefPtr<Error> error;
@@ -120,8 +129,7 @@ TEST(JSONDecoder, LiteralsAreWholeWordsWhereverTheInputEnds)
 {
     std::string_view text = R"({"a":[true,false,null],"b":false})";
     for (size_t cut = 1; cut <= text.size(); ++cut) {
-        auto bytes = std::make_unique<char[]>(cut);
-        memcpy(bytes.get(), text.data(), cut);
+        auto bytes = exactCopy(text.substr(0, cut));
         RefPtr<Error> error;
         auto result = JSONDecoder::decoder()->objectWithUTF8String(bytes.get(), cut, &error);
         if (cut == text.size()) {
@@ -172,16 +180,11 @@ TEST(JSONDecoder, ErrorsCarryLineAndIndex)
         size_t lines = 1; // LF, CR, and CR LF once
         for (size_t i = 0; i < white.size(); ++i)
             lines += white[i] == '\n' || (white[i] == '\r' && (i + 1 == white.size() || white[i + 1] != '\n'));
-        auto exact = [](const std::string& text) {
-            auto bytes = std::make_unique<char[]>(text.size());
-            memcpy(bytes.get(), text.data(), text.size());
-            return bytes;
-        };
         std::string good = "{" + white + "\"k\"" + white + ":" + white + "[" + white + "1" + white + "]" + white + "}" + white;
-        auto goodBytes = exact(good);
+        auto goodBytes = exactCopy(good);
         EXPECT_TRUE(JSONDecoder::decoder()->objectWithUTF8String(goodBytes.get(), good.size())) << run;
         std::string bad = "[1," + white + "x]";
-        auto badBytes = exact(bad);
+        auto badBytes = exactCopy(bad);
         RefPtr<Error> error;
         EXPECT_FALSE(JSONDecoder::decoder()->objectWithUTF8String(badBytes.get(), bad.size(), &error));
         ASSERT_TRUE(error) << run;

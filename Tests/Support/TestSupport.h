@@ -19,8 +19,6 @@
 
 namespace velvox::test {
 
-// The reason of the exception that the action raises, after checking its
-// name; "(nothing raised)" when it raises none.
 // Bytes that do not compress, so that progress counts what a body holds.
 inline std::string incompressibleBytes(size_t count, uint32_t seed = 12345)
 {
@@ -32,6 +30,8 @@ inline std::string incompressibleBytes(size_t count, uint32_t seed = 12345)
     return bytes;
 }
 
+// The reason of the exception that the action raises, after checking its
+// name; "(nothing raised)" when it raises none.
 inline std::string raisedReason(const std::function<void()>& action, std::string_view expectedName)
 {
     try {
