@@ -330,6 +330,48 @@ TEST(JSONDecoder, NumbersOfEveryLengthConvertExactly)
     }
 }
 
+// A digit run ends at the first byte that is not a digit, whatever its value
+// (bytes next to '0' and '9', and those of F0 and up, which carry when read
+// as part of a word), and whatever follows it; runs of every length, whole
+// and after the point.
+TEST(JSONDecoder, DigitRunsEndAtTheirFirstOtherByte)
+{
+    std::mt19937_64 random(5);
+    auto digitRun = [&](size_t length) {
+        std::string run(1, static_cast<char>('1' + random() % 9));
+        while (run.size() < length)
+            run += static_cast<char>('0' + random() % 10);
+        return run;
+    };
+    // Whole numbers up to 19 digits (20 may not fit), fractions past that.
+    for (size_t length = 1; length <= 21; ++length) {
+        for (int fraction = length > 19 ? 1 : 0; fraction < 2; ++fraction) {
+            std::string number = fraction ? "7." + digitRun(length) : digitRun(length);
+            for (int byte = 0; byte < 256; ++byte) {
+                // Delimiters, the bytes that continue a number and those that
+                // start a token of their own (its fault is placed after it)
+                // are left out; every other byte is a fault right there.
+                if (std::string_view(",] \t\n\r.eE-+\":[{}").find(static_cast<char>(byte)) != std::string_view::npos || (byte >= '0' && byte <= '9'))
+                    continue;
+                // Digits after the odd byte tempt a reader that overshoots.
+                std::string text = "[" + number + static_cast<char>(byte) + "98765432]";
+                EXPECT_EQ(decodeFailure(text).index, 1 + number.size()) << number << " then " << byte;
+            }
+            // The run closed by each delimiter, with its value intact.
+            for (std::string tail : { ",", "]", " ,", "\n]", "\t," }) {
+                std::string text = "[" + number + tail + (tail.back() == ',' ? "1]" : "");
+                auto array = decode(text);
+                ASSERT_TRUE(array) << text;
+                auto* first = downcast<Number>(downcast<Array>(array.get())->objectAtIndex(0));
+                if (fraction)
+                    EXPECT_EQ(first->doubleValue(), strtod(number.c_str(), nullptr)) << text;
+                else
+                    EXPECT_EQ(first->unsignedLongLongValue(), strtoull(number.c_str(), nullptr, 10)) << text;
+            }
+        }
+    }
+}
+
 // The cache places a value by its hash, each byte folded in as hash × 33 + byte;
 // the wide steps that compute it must agree with that for every length, start
 // and byte value.
