@@ -2,6 +2,7 @@
 
 #include <Platform/FileManager.h>
 #include <Platform/Number.h>
+#include <Platform/RunLoop.h>
 
 #include <algorithm>
 #include <cctype>
@@ -42,6 +43,8 @@ RefPtr<VXVelvoxAPI> VXVelvoxAPI::create(std::string_view baseURL, std::string_vi
 VXVelvoxAPI::~VXVelvoxAPI()
 {
     // Requests of a client that is gone end silently.
+    m_queue.clear();
+    m_refusals.clear();
     auto tasks = std::move(m_tasks);
     for (auto& [identifier, task] : tasks)
         task->cancel();
@@ -54,6 +57,7 @@ Ref<VXVelvoxAPI> VXVelvoxAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate)
     copy->m_timeout = m_timeout;
     copy->m_maximumAnswerSize = m_maximumAnswerSize;
     copy->m_connectTimeout = m_connectTimeout;
+    copy->m_maximumRunningRequests = m_maximumRunningRequests;
     return copy;
 }
 
@@ -108,8 +112,67 @@ std::string VXVelvoxAPI::URLForResource(std::string_view resource, Dictionary* q
     return url;
 }
 
+std::string VXVelvoxAPI::resourceProblem(std::string_view resource)
+{
+    for (unsigned char c : resource) {
+        if (c <= 0x20 || c >= 0x7F || c == '#' || c == '\\')
+            return "it holds white space, a control or non-ASCII byte, \"#\" or \"\\\"";
+    }
+    std::string_view path = resource.substr(0, resource.find('?'));
+    // Leading slashes are dropped when the path is joined to the base URL.
+    while (!path.empty() && path.front() == '/')
+        path.remove_prefix(1);
+    while (true) {
+        auto slash = path.find('/');
+        auto segment = path.substr(0, slash);
+        auto decoded = percentDecode(segment);
+        if (decoded.empty())
+            return "it holds an empty segment";
+        if (decoded == "." || decoded == "..")
+            return "it holds a \".\" or \"..\" segment";
+        if (slash == std::string_view::npos)
+            break;
+        path.remove_prefix(slash + 1);
+    }
+    return {};
+}
+
+Ref<String> VXVelvoxAPI::pathSegment(Object* identifier)
+{
+    if (!identifier)
+        return String::create("(null)");
+    auto* string = dynamicDowncast<String>(identifier);
+    Ref<String> text = string ? Ref<String>(*string) : identifier->description();
+    for (unsigned char c : text->view()) {
+        bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.' || c == '~';
+        if (!unreserved)
+            return String::create(percentEncode(text->view()));
+    }
+    return text;
+}
+
+void VXVelvoxAPI::refuse(std::string problem, Object* context, Dictionary* userInfo)
+{
+    uint64_t identifier = ++m_nextTask;
+    auto info = Dictionary::create({ { LocalizedDescriptionKey, String::create("The request was not sent: its resource path is not a path of the service (" + problem + ").").ptr() } });
+    auto error = Error::create(VXVelvoxAPIErrorDomain, VXVelvoxAPIErrorInvalidResource, info.ptr());
+    RefPtr<Object> protectedContext = context;
+    RefPtr<Dictionary> protectedUserInfo = userInfo;
+    // The client stops the timer when it goes, so the timer may use it bare.
+    m_refusals.emplace(identifier, RunLoop::current().performAfterDelay(0, [this, identifier, error, protectedContext, protectedUserInfo] {
+        Ref protectedThis { *this };
+        auto finished = m_refusals.extract(identifier);
+        if (m_delegate)
+            m_delegate->velvoxAPIDidFailWithError(*this, error.ptr(), protectedContext.get(), protectedUserInfo.get());
+    }));
+}
+
 void VXVelvoxAPI::performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo)
 {
+    if (auto problem = resourceProblem(resource.view()); !problem.empty()) {
+        refuse(std::move(problem), context, userInfo);
+        return;
+    }
     URLRequest request;
     request.method = method.str();
     request.timeout = m_timeout;
@@ -165,6 +228,7 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
     callbacks.didComplete = [this, identifier, protectedContext, protectedUserInfo](URLResponse* response, Error* error) {
         Ref protectedThis { *this }; // the delegate may release the last reference to us
         m_tasks.erase(identifier);
+        startQueuedRequests();
         if (!m_delegate)
             return;
         if (error) {
@@ -184,9 +248,37 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
         }
         m_delegate->velvoxAPIDidFinishWithData(*this, &response->body(), protectedContext.get(), protectedUserInfo.get());
     };
-    auto task = URLLoader::current().start(request, std::move(callbacks));
+    QueuedRequest queued { identifier, std::move(request), std::move(callbacks) };
+    if (m_maximumRunningRequests && m_tasks.size() >= m_maximumRunningRequests) {
+        m_queue.push_back(std::move(queued));
+        return;
+    }
+    start(std::move(queued));
+}
+
+void VXVelvoxAPI::start(QueuedRequest&& queued)
+{
+    auto task = URLLoader::current().start(queued.request, std::move(queued.callbacks));
     if (!task->isFinished())
-        m_tasks.emplace(identifier, std::move(task));
+        m_tasks.emplace(queued.identifier, std::move(task));
+}
+
+void VXVelvoxAPI::startQueuedRequests()
+{
+    // A request that fails at once completes inside start(); the loop, not
+    // recursion, then goes on with the next.
+    if (m_startingQueued)
+        return;
+    m_startingQueued = true;
+    struct Reset {
+        bool& flag;
+        ~Reset() { flag = false; }
+    } reset { m_startingQueued };
+    while (!m_queue.empty() && (!m_maximumRunningRequests || m_tasks.size() < m_maximumRunningRequests)) {
+        auto next = std::move(m_queue.front());
+        m_queue.pop_front();
+        start(std::move(next));
+    }
 }
 
 } // namespace velvox

@@ -12,11 +12,23 @@
 // carries the body, and so does any other status that is not 2xx (redirects are
 // not followed: a 3xx answer is a failure with its status); a transfer failure
 // fails with the URL loader's error (URLErrorDomain, libcurl's code and description).
+//
+// A resource path is sent only when it stays a path below the base URL: an
+// empty, "." or ".." segment (also percent-encoded), a "#", white space, a
+// control or non-ASCII byte fails the request with
+// VXVelvoxAPIErrorInvalidResource before anything is sent. Identifiers go into
+// paths through pathSegment(), which keeps them one segment each.
+//
+// At most maximumRunningRequests() requests run at once; later ones wait, in
+// the order they were made, for a running one to end. A waiting request's
+// time-out starts when it is sent.
 
 #include "VXVelvoxAPIDelegate.h"
 
+#include <Platform/Subscription.h>
 #include <Platform/URLLoading.h>
 
+#include <deque>
 #include <string_view>
 #include <unordered_map>
 
@@ -26,6 +38,9 @@ inline constexpr std::string_view VXVelvoxAPIErrorDomain = "VXVelvoxAPIErrorDoma
 // User info keys of an HTTP failure: the body (Data) and the status (Number).
 inline constexpr std::string_view VXVelvoxAPIResponseBodyKey = "VXVelvoxAPIResponseBodyKey";
 inline constexpr std::string_view VXVelvoxAPIResponseStatusKey = "VXVelvoxAPIResponseStatusKey";
+// The code of a request refused before it was sent because its resource path
+// would not stay a path of the service (HTTP failures use their status, 100-599).
+inline constexpr int64_t VXVelvoxAPIErrorInvalidResource = 1;
 
 class VXVelvoxAPI : public Object {
     VX_OBJECT(VXVelvoxAPI)
@@ -53,12 +68,23 @@ public:
     VXVelvoxAPIDelegate* delegate() const { return m_delegate; }
     // The full URL a resource path and GET parameters make.
     std::string URLForResource(std::string_view resource, Dictionary* queryParameters) const;
+    // Why a resource path is refused, or empty when it may be sent.
+    static std::string resourceProblem(std::string_view resource);
+    // An identifier (by its description) as exactly one path segment: every
+    // byte but the unreserved ones percent-encoded, so "1001/../x", "5?x=y" or
+    // "%2e" cannot change the path. A decimal identifier stays as it is.
+    static Ref<String> pathSegment(Object* identifier);
 
     double timeout() const { return m_timeout; }
     void setTimeout(double seconds) { m_timeout = seconds; }
     double connectTimeout() const { return m_connectTimeout; }
     void setConnectTimeout(double seconds) { m_connectTimeout = seconds; }
     size_t runningRequestCount() const { return m_tasks.size(); }
+    // Requests made but waiting for a running one to end.
+    size_t queuedRequestCount() const { return m_queue.size(); }
+    // How many requests run at once; 0 means no limit. 8 unless set.
+    size_t maximumRunningRequests() const { return m_maximumRunningRequests; }
+    void setMaximumRunningRequests(size_t count) { m_maximumRunningRequests = count; }
     // The largest answer body accepted (after decompression); a longer one fails
     // the request with the URL loader's size error. 64 MiB unless set.
     size_t maximumAnswerSize() const { return m_maximumAnswerSize; }
@@ -74,6 +100,15 @@ protected:
     void setDelegate(VXVelvoxAPIDelegate* delegate) { m_delegate = delegate; }
 
 private:
+    struct QueuedRequest {
+        uint64_t identifier;
+        URLRequest request;
+        URLTaskCallbacks callbacks;
+    };
+    void start(QueuedRequest&&);
+    void startQueuedRequests();
+    void refuse(std::string problem, Object* context, Dictionary* userInfo);
+
     std::string m_baseURL;
     std::string m_accessToken;
     VXVelvoxAPIDelegate* m_delegate { nullptr };
@@ -82,6 +117,11 @@ private:
     size_t m_maximumAnswerSize { URLRequest::defaultMaximumBodySize };
     uint64_t m_nextTask { 0 };
     std::unordered_map<uint64_t, Ref<URLTask>> m_tasks;
+    std::deque<QueuedRequest> m_queue;
+    size_t m_maximumRunningRequests { 8 };
+    bool m_startingQueued { false };
+    // Refusals are told on a later turn of the run loop, as any failure is.
+    std::unordered_map<uint64_t, Subscription> m_refusals;
 };
 
 } // namespace velvox

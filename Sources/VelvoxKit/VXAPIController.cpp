@@ -175,6 +175,16 @@ void VXAPIController::velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64
 
 // MARK: Endpoints
 
+namespace {
+
+// An identifier goes into a path as exactly one segment, whatever a service sent as an id.
+Ref<String> segment(Object* identifier)
+{
+    return VXVelvoxAPI::pathSegment(identifier);
+}
+
+} // namespace
+
 void VXAPIController::send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block)
 {
     // A null block cannot be stored: the dictionary raises, before anything is sent.
@@ -210,73 +220,73 @@ void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters,
 void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "userIdentifier required for following check");
-    send("GET", format("/me/followings/%@", userIdentifier), nullptr, std::move(block));
+    send("GET", format("/me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "userIdentifier required for follower check");
-    send("GET", format("/me/followers/%@", userIdentifier), nullptr, std::move(block));
+    send("GET", format("/me/followers/%@", segment(userIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "userIdentifier required to start following a user");
-    send("PUT", format("/me/followings/%@", userIdentifier), nullptr, std::move(block));
+    send("PUT", format("/me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "userIdentifier required to stop following a user");
-    send("DELETE", format("/me/followings/%@", userIdentifier), nullptr, std::move(block));
+    send("DELETE", format("/me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/favorites", userIdentifier), parameters, std::move(block));
+    send("GET", format("/users/%@/favorites", segment(userIdentifier)), parameters, std::move(block));
 }
 
 void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/followers", userIdentifier), parameters, std::move(block));
+    send("GET", format("/users/%@/followers", segment(userIdentifier)), parameters, std::move(block));
 }
 
 void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/followings", userIdentifier), parameters, std::move(block));
+    send("GET", format("/users/%@/followings", segment(userIdentifier)), parameters, std::move(block));
 }
 
 void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/connections", userIdentifier), parameters, std::move(block));
+    send("GET", format("/users/%@/connections", segment(userIdentifier)), parameters, std::move(block));
 }
 
 void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/tracks", userIdentifier), parameters, std::move(block));
+    send("GET", format("/users/%@/tracks", segment(userIdentifier)), parameters, std::move(block));
 }
 
 void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@", userIdentifier), nullptr, std::move(block));
+    send("GET", format("/users/%@", segment(userIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("PUT", format("me/followings/%@", userIdentifier), nullptr, std::move(block));
+    send("PUT", format("me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(userIdentifier, "You need to give a userID");
-    send("DELETE", format("me/followings/%@", userIdentifier), nullptr, std::move(block));
+    send("DELETE", format("me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
 }
 
 namespace {
@@ -299,7 +309,7 @@ void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAP
 void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(trackIdentifier, "You need to give a trackId");
-    send("GET", format("tracks/%@", trackIdentifier), nullptr, std::move(block));
+    send("GET", format("tracks/%@", segment(trackIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock)
@@ -318,25 +328,25 @@ void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBl
 void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(trackIdentifier, "You need to give a trackID");
-    send("PUT", format("me/favorites/%@", trackIdentifier), nullptr, std::move(block));
+    send("PUT", format("me/favorites/%@", segment(trackIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(trackIdentifier, "You need to give a trackID");
-    send("DELETE", format("me/favorites/%@", trackIdentifier), nullptr, std::move(block));
+    send("DELETE", format("me/favorites/%@", segment(trackIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
 {
     VXAssert(trackIdentifier, "You need to give a trackID");
-    send("GET", format("tracks/%@/comments", trackIdentifier), nullptr, std::move(block));
+    send("GET", format("tracks/%@/comments", segment(trackIdentifier)), nullptr, std::move(block));
 }
 
 void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
 {
     VXAssert(trackIdentifier, "You need to provide a trackId to comment on");
-    send("POST", format("tracks/%@/comments", trackIdentifier), parameters, std::move(block));
+    send("POST", format("tracks/%@/comments", segment(trackIdentifier)), parameters, std::move(block));
 }
 
 void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block)

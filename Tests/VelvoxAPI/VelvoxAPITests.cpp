@@ -8,6 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <mutex>
+#include <thread>
+
 using namespace velvox;
 
 namespace {
@@ -158,4 +162,94 @@ TEST(VXVelvoxAPI, ThePiecesOfAnAnswerGoOnlyToADelegateThatReadsThem)
         EXPECT_EQ(delegate.pieceBytes, wants ? noise.size() : 0u) << wants;
         EXPECT_EQ(delegate.lastReceived, wants ? noise.size() : 0u) << wants;
     }
+}
+
+TEST(VXVelvoxAPI, ResourcePathsAndIdentifiersCannotLeaveTheirPlace)
+{
+    static constexpr struct {
+        std::string_view resource;
+        bool sent;
+        std::string_view problem; // a piece of the reason, when refused
+    } paths[] = {
+        { "/tracks/12", true, "" },
+        { "tracks/12/comments?order=new&q=a/../b", true, "" },
+        { "/users/%41bc", true, "" },
+        { "/tracks/../me", false, "segment" },
+        { "/tracks/./12", false, "segment" },
+        { "/tracks//12", false, "segment" },
+        { "/tracks/%2e%2E/me", false, "segment" },
+        { "/tracks/12#x", false, "#" },
+        { "/tracks/1 2", false, "" },
+        { "/tracks/\x7f", false, "" },
+        { "/tracks/\xc3\xa9", false, "" },
+        { "/tracks\\12", false, "" },
+    };
+    for (auto& c : paths) {
+        auto problem = VXVelvoxAPI::resourceProblem(c.resource);
+        EXPECT_EQ(problem.empty(), c.sent) << c.resource << ": " << problem;
+        EXPECT_NE(problem.find(c.problem), std::string::npos) << c.resource << ": " << problem;
+    }
+
+    EXPECT_EQ(VXVelvoxAPI::pathSegment(Number::create(int64_t(1001)).ptr())->view(), "1001");
+    EXPECT_EQ(VXVelvoxAPI::pathSegment(String::create("a-b_c.d~9").ptr())->view(), "a-b_c.d~9");
+    EXPECT_EQ(VXVelvoxAPI::pathSegment(String::create("1001/../x").ptr())->view(), "1001%2F..%2Fx");
+    EXPECT_EQ(VXVelvoxAPI::pathSegment(String::create("5?x=y#z").ptr())->view(), "5%3Fx%3Dy%23z");
+    EXPECT_EQ(VXVelvoxAPI::pathSegment(String::create("%2e").ptr())->view(), "%252e");
+    // A whole segment of dots stays a dot segment once decoded, so it is refused
+    // when it reaches performMethod rather than reinterpreted here.
+    EXPECT_FALSE(VXVelvoxAPI::resourceProblem("/tracks/" + std::string(VXVelvoxAPI::pathSegment(String::create("..").ptr())->view())).empty());
+
+    // A refused path fails through the delegate, later, and reaches no server.
+    test::TestServer server;
+    std::atomic<int> requests { 0 };
+    server.routes().Get(R"([\s\S]*)", [&](const httplib::Request&, httplib::Response& response) {
+        ++requests;
+        response.set_content("{}", "application/json");
+    });
+    auto base = server.start();
+    RecordingDelegate delegate;
+    auto api = VXVelvoxAPI::create(base, "t")->copyWithAPIDelegate(&delegate);
+    api->performMethod(*String::create("GET"), *String::create("/tracks/../me"), nullptr, nullptr, nullptr);
+    EXPECT_EQ(delegate.failed, 0) << "the delegate hears of a refusal after performMethod returns";
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return delegate.finished + delegate.failed == 1; }, 10));
+    ASSERT_EQ(delegate.failed, 1);
+    EXPECT_EQ(delegate.error->domain()->view(), VXVelvoxAPIErrorDomain);
+    EXPECT_EQ(delegate.error->code(), VXVelvoxAPIErrorInvalidResource);
+    EXPECT_EQ(requests.load(), 0);
+}
+
+TEST(VXVelvoxAPI, RequestsBeyondTheLimitWaitTheirTurnInOrder)
+{
+    test::TestServer server;
+    std::mutex lock;
+    int running = 0, mostRunning = 0;
+    std::vector<std::string> order;
+    server.routes().Get(R"(/slow/(\d+))", [&](const httplib::Request& request, httplib::Response& response) {
+        {
+            std::lock_guard guard(lock);
+            mostRunning = std::max(mostRunning, ++running);
+            order.push_back(request.matches[1]);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        {
+            std::lock_guard guard(lock);
+            --running;
+        }
+        response.set_content("[]", "application/json");
+    });
+    auto base = server.start();
+    RecordingDelegate delegate;
+    auto api = VXVelvoxAPI::create(base, "t")->copyWithAPIDelegate(&delegate);
+    api->setMaximumRunningRequests(2);
+    for (int i = 0; i < 7; ++i)
+        api->performMethod(*String::create("GET"), *String::create("/slow/" + std::to_string(i)), nullptr, nullptr, nullptr);
+    EXPECT_EQ(api->runningRequestCount(), 2u);
+    EXPECT_EQ(api->queuedRequestCount(), 5u);
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return delegate.finished + delegate.failed == 7; }, 20));
+    EXPECT_EQ(delegate.finished, 7);
+    EXPECT_EQ(mostRunning, 2);
+    ASSERT_EQ(order.size(), 7u);
+    // The first two start together; the rest in the order they were made.
+    EXPECT_EQ(std::vector<std::string>(order.begin() + 2, order.end()), (std::vector<std::string> { "2", "3", "4", "5", "6" }));
+    EXPECT_EQ(api->runningRequestCount() + api->queuedRequestCount(), 0u);
 }
