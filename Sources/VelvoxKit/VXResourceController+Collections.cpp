@@ -51,25 +51,25 @@ Ref<VXTrackCollectionController> VXResourceController::meUserTracks()
 Ref<VXUserCollectionController> VXResourceController::usersFollowingUserForIdentifier(String* userIdentifier)
 {
     VXAssert(userIdentifier, "A userIdentifier is required to retrieve followers");
-    return collectionOn<VXUserCollectionController>(format("/users/%@/followers", userIdentifier));
+    return collectionOn<VXUserCollectionController>(format("/users/%@/followers", VXVelvoxAPI::pathSegment(userIdentifier)));
 }
 
 Ref<VXUserCollectionController> VXResourceController::usersFollowedByUserForIdentifier(String* userIdentifier)
 {
     VXAssert(userIdentifier, "A userIdentifier is required to retrieve followings");
-    return collectionOn<VXUserCollectionController>(format("/users/%@/followings", userIdentifier));
+    return collectionOn<VXUserCollectionController>(format("/users/%@/followings", VXVelvoxAPI::pathSegment(userIdentifier)));
 }
 
 Ref<VXTrackCollectionController> VXResourceController::tracksForUserIdentifier(String* userIdentifier)
 {
     VXAssert(userIdentifier, "A userIdentifier is required to retrieve tracks by user");
-    return collectionOn<VXTrackCollectionController>(format("/users/%@/tracks", userIdentifier));
+    return collectionOn<VXTrackCollectionController>(format("/users/%@/tracks", VXVelvoxAPI::pathSegment(userIdentifier)));
 }
 
 Ref<VXTrackCollectionController> VXResourceController::favoritesForUserIdentifier(String* userIdentifier)
 {
     VXAssert(userIdentifier, "A userIdentifier is required to retrieve favorites by user");
-    return collectionOn<VXTrackCollectionController>(format("/users/%@/favorites", userIdentifier));
+    return collectionOn<VXTrackCollectionController>(format("/users/%@/favorites", VXVelvoxAPI::pathSegment(userIdentifier)));
 }
 
 namespace {
@@ -93,7 +93,7 @@ Ref<VXTrackCollectionController> VXResourceController::tracksForUserIdentifier(S
     // The query is checked first, although the interface names it second.
     VXAssert(searchQuery, "Invalid parameter not satisfying: %s", "query");
     VXAssert(userIdentifier, "Invalid parameter not satisfying: %s", "userIdentifier");
-    return collectionOn<VXTrackCollectionController>(format("/users/%@/tracks", userIdentifier), searchParameters(*searchQuery, searchOptions).ptr());
+    return collectionOn<VXTrackCollectionController>(format("/users/%@/tracks", VXVelvoxAPI::pathSegment(userIdentifier)), searchParameters(*searchQuery, searchOptions).ptr());
 }
 
 Ref<VXTrackCollectionController> VXResourceController::tracksForSearchQuery(String* query, Dictionary* searchOptions)
@@ -111,13 +111,13 @@ Ref<VXUserCollectionController> VXResourceController::usersForSearchQuery(String
 Ref<VXUserCollectionController> VXResourceController::favoritersForTrackIdentifier(String* trackIdentifier)
 {
     VXAssert(trackIdentifier, "trackIdentifier needed find out which users have favorites");
-    return collectionOn<VXUserCollectionController>(format("/tracks/%@/favoriters", trackIdentifier));
+    return collectionOn<VXUserCollectionController>(format("/tracks/%@/favoriters", VXVelvoxAPI::pathSegment(trackIdentifier)));
 }
 
 Ref<VXCommentCollectionController> VXResourceController::commentsForTrackIdentifier(String* trackIdentifier)
 {
     VXAssert(trackIdentifier, "A trackIdentifier is required to comments on a track.");
-    return collectionOn<VXCommentCollectionController>(format("/tracks/%@/comments", trackIdentifier));
+    return collectionOn<VXCommentCollectionController>(format("/tracks/%@/comments", VXVelvoxAPI::pathSegment(trackIdentifier)));
 }
 
 void VXResourceController::loadForCollectionController(VXRemoteCollectionController& collection)
@@ -126,20 +126,29 @@ void VXResourceController::loadForCollectionController(VXRemoteCollectionControl
         return;
     // The block keeps the collection alive until its page has come.
     Ref<VXRemoteCollectionController> protectedCollection { collection };
-    m_apiController->loadForCollectionController(collection, [protectedCollection](VXAPIController*, Object* json, Error* error) {
+    Ref protectedThis { *this };
+    m_apiController->loadForCollectionController(collection, [protectedThis, protectedCollection](VXAPIController*, Object* json, Error* error) {
         if (error) {
             protectedCollection->remoteConnectionDidFailReceivingItemsWithError(error);
             return;
         }
         RefPtr<Array> items;
-        try {
-            items = protectedCollection->itemsFromResult(json);
-        } catch (const Exception& exception) {
-            // An answer of the wrong shape raises, as the interface says; the
-            // load ends first, so that the collection can be loaded again.
-            protectedCollection->remoteConnectionDidFailReceivingItemsWithError(
-                Error::create(VXRemoteCollectionErrorDomain, 1, exception.reason()).ptr());
-            throw;
+        if (protectedThis->unreadableAnswerPolicy() == VXUnreadableAnswerPolicy::Report) {
+            auto what = [&]() -> std::string { return "a page of " + protectedCollection->resource()->str(); };
+            if (auto failure = protectedThis->readAnswer(what, [&] { items = protectedCollection->itemsFromResult(json); })) {
+                protectedCollection->remoteConnectionDidFailReceivingItemsWithError(failure.get());
+                return;
+            }
+        } else {
+            try {
+                items = protectedCollection->itemsFromResult(json);
+            } catch (const Exception& exception) {
+                // An answer of the wrong shape raises, as the interface says; the
+                // load ends first, so that the collection can be loaded again.
+                protectedCollection->remoteConnectionDidFailReceivingItemsWithError(
+                    Error::create(VXRemoteCollectionErrorDomain, 1, exception.reason()).ptr());
+                throw;
+            }
         }
         protectedCollection->remoteConnectionDidReceiveNewItems(items.get());
     });

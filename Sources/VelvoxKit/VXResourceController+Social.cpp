@@ -14,14 +14,22 @@ int32_t VXResourceController::checkFollow(bool following, String* identifier, Fo
     RefPtr<String> protectedIdentifier = identifier;
     auto answer = [protectedThis, protectedIdentifier, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
         Ref<Number> result = Number::create(int32_t(-1));
+        RefPtr<Error> failure = error;
         if (!error) {
             result = Number::create(int32_t(1));
-            protectedThis->updateCacheForResource<VXUser>(protectedIdentifier.get(), dynamicDowncast<Dictionary>(json));
+            // The status says yes; a body that is no record only leaves the map alone.
+            if (protectedThis->unreadableAnswerPolicy() == VXUnreadableAnswerPolicy::Raise || is<Dictionary>(json)) {
+                failure = protectedThis->readAnswer(answerAbout("user", protectedIdentifier.get()), [&] {
+                    protectedThis->updateCacheForResource<VXUser>(protectedIdentifier.get(), dynamicDowncast<Dictionary>(json));
+                });
+            }
+            if (failure)
+                result = Number::create(int32_t(-1));
         } else if (error->code() == 404) {
             result = Number::create(int32_t(0));
         }
         if (block)
-            block(result.ptr(), error);
+            block(result.ptr(), failure.get());
     };
     if (following)
         m_apiController->meIsFollowingUserForIdentifier(identifier, std::move(answer));

@@ -23,10 +23,14 @@ void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, Uploa
         progressBlock(uploading.ptr(), value);
     };
     auto completion = [protectedThis, completionBlock = std::move(completionBlock)](VXAPIController*, Object* json, Error* error) {
-        if (!error)
-            protectedThis->updateCacheForResource<VXTrack>(nullptr, dynamicDowncast<Dictionary>(json));
+        RefPtr<Error> failure = error;
+        auto what = [] { return std::string("the uploaded track"); };
+        if (!failure)
+            failure = protectedThis->recordProblem(json, what);
+        if (!failure)
+            failure = protectedThis->readAnswer(what, [&] { protectedThis->updateCacheForResource<VXTrack>(nullptr, dynamicDowncast<Dictionary>(json)); });
         if (completionBlock)
-            completionBlock(json, error);
+            completionBlock(failure && !error ? nullptr : json, failure.get());
     };
     m_apiController->postTrack(track, std::move(progress), std::move(completion));
 }
@@ -59,10 +63,14 @@ void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifie
     Ref protectedThis { *this };
     m_apiController->postCommentForTrackIdentifer(trackIdentifier, parameters, [protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
         RefPtr<VXComment> comment;
-        if (!error)
-            comment = protectedThis->updateCacheForResource<VXComment>(nullptr, dynamicDowncast<Dictionary>(json));
+        RefPtr<Error> failure = error;
+        auto what = [] { return std::string("the posted comment"); };
+        if (!failure)
+            failure = protectedThis->recordProblem(json, what);
+        if (!failure)
+            failure = protectedThis->readAnswer(what, [&] { comment = protectedThis->updateCacheForResource<VXComment>(nullptr, dynamicDowncast<Dictionary>(json)); });
         if (block)
-            block(comment.get(), error);
+            block(comment.get(), failure.get());
     });
 }
 

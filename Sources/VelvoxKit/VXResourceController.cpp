@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <memory>
 #include <unordered_map>
 
 namespace velvox {
@@ -184,7 +185,15 @@ Ref<VXResource> VXResourceController::updateCacheForResource(const ClassInfo& in
         }
         if (!cached && raw && !is<Null>(raw)) {
             auto* transformer = descriptor.cachedTransformer();
-            auto value = transformer ? transformer->transformedValue(raw) : RefPtr<Object>(raw);
+            RefPtr<Object> value = raw;
+            if (transformer) {
+                try {
+                    value = transformer->transformedValue(raw);
+                } catch (...) {
+                    ZUObject::noteUnreadableValue(info.name, descriptor.source().view());
+                    throw;
+                }
+            }
             key = dynamicDowncast<String>(std::move(value));
         }
     }
@@ -240,14 +249,72 @@ void VXResourceController::scheduleRefresh(String* trackIdentifier, double delay
 {
     if (!trackIdentifier)
         return;
-    uint64_t ticket = m_nextRefresh++;
+    std::string key = trackIdentifier->str();
+    double due = RunLoop::current().now() + delay;
+    if (m_mergesTrackRefreshes) {
+        // One refresh per track: a track listed on many pages (or by many
+        // lists) is asked for once, at the soonest time any listing wants.
+        if (m_refreshesWaitingKeys.contains(key))
+            return;
+        if (auto pending = m_pendingRefreshes.find(key); pending != m_pendingRefreshes.end()) {
+            if (pending->second.due <= due)
+                return;
+            m_pendingRefreshes.erase(pending);
+        }
+    }
     Ref<String> identifier = *trackIdentifier;
+    uint64_t serial = m_nextRefresh++;
     // The store stops its timers when it goes, so the timer may use it bare.
-    m_pendingRefreshes.emplace(ticket, RunLoop::current().performAfterDelay(delay, [this, ticket, identifier] {
+    auto timer = RunLoop::current().performAfterDelay(delay, [this, key, serial, identifier] {
         Ref protectedThis { *this };
-        auto finished = m_pendingRefreshes.extract(ticket);
+        auto [first, last] = m_pendingRefreshes.equal_range(key);
+        for (auto entry = first; entry != last; ++entry) {
+            if (entry->second.serial == serial) {
+                // Kept until the call ends: erasing it cancels this very timer.
+                auto finished = m_pendingRefreshes.extract(entry);
+                refreshWhenRoom(identifier);
+                return;
+            }
+        }
+    });
+    m_pendingRefreshes.emplace(std::move(key), PendingRefresh { due, serial, std::move(timer) });
+}
+
+void VXResourceController::refreshWhenRoom(Ref<String> identifier)
+{
+    if (!m_maximumTrackRefreshesInFlight || !m_apiController) {
         forceRefreshTrackWithIdentfier(identifier.ptr());
-    }));
+        return;
+    }
+    if (m_refreshesInFlight >= m_maximumTrackRefreshesInFlight) {
+        m_refreshesWaitingKeys.insert(identifier->str());
+        m_refreshesWaiting.push_back(std::move(identifier));
+        return;
+    }
+    // The slot is given back when the block goes, whether it ran or a raise
+    // under VXUnreadableAnswerPolicy::Raise dropped it; later, from the loop,
+    // since that may be in the middle of unwinding.
+    struct Slot {
+        Ref<VXResourceController> store;
+        ~Slot()
+        {
+            RunLoop::current().post([store = store] { store->refreshDidEnd(); });
+        }
+    };
+    ++m_refreshesInFlight;
+    std::shared_ptr<Slot> slot(new Slot { *this });
+    trackForIdentifier(identifier.ptr(), true, [slot](VXTrack*, Error*) { });
+}
+
+void VXResourceController::refreshDidEnd()
+{
+    --m_refreshesInFlight;
+    if (m_refreshesWaiting.empty())
+        return;
+    auto next = std::move(m_refreshesWaiting.front());
+    m_refreshesWaiting.pop_front();
+    m_refreshesWaitingKeys.erase(next->str());
+    refreshWhenRoom(std::move(next));
 }
 
 void VXResourceController::forceRefreshTrackWithIdentfier(String* identifier)
@@ -258,20 +325,84 @@ void VXResourceController::forceRefreshTrackWithIdentfier(String* identifier)
 // MARK: Single fetches
 
 RefPtr<VXResource> VXResourceController::fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
-    std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block)
+    std::function<std::string()> what, std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block)
 {
     if (cached && !forceRefresh)
         return cached;
     if (m_apiController) {
         Ref protectedThis { *this };
-        send([protectedThis, convert = std::move(convert), block = std::move(block)](VXAPIController*, Object* json, Error* error) {
+        send([protectedThis, what = std::move(what), convert = std::move(convert), block = std::move(block)](VXAPIController*, Object* json, Error* error) {
             RefPtr<VXResource> resource;
-            if (!error)
-                resource = convert(dynamicDowncast<Dictionary>(json));
-            block(resource.get(), error);
+            RefPtr<Error> failure = error;
+            if (!failure)
+                failure = protectedThis->recordProblem(json, what);
+            if (!failure)
+                failure = protectedThis->readAnswer(what, [&] { resource = convert(dynamicDowncast<Dictionary>(json)); });
+            block(resource.get(), failure.get());
         });
     }
     return cached;
+}
+
+// MARK: Answers that do not fit
+
+namespace {
+
+// "VXTrack" → "track", for messages about records.
+std::string recordName(std::string_view className)
+{
+    std::string name(className.starts_with("VX") ? className.substr(2) : className);
+    if (!name.empty())
+        name[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[0])));
+    return name;
+}
+
+// A raise's reason may quote service data of any size: keep a bounded start, whole code points.
+std::string boundedReason(const std::string& reason)
+{
+    constexpr size_t limit = 300;
+    if (reason.size() <= limit)
+        return reason;
+    size_t end = limit;
+    while (end && (static_cast<unsigned char>(reason[end]) & 0xC0) == 0x80)
+        --end;
+    return reason.substr(0, end) + "…";
+}
+
+} // namespace
+
+RefPtr<Error> VXResourceController::readAnswer(const std::function<std::string()>& what, const std::function<void()>& convert) const
+{
+    if (m_unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise) {
+        convert();
+        return nullptr;
+    }
+    ZUObject::clearUnreadableValue();
+    try {
+        convert();
+        return nullptr;
+    } catch (const Exception& exception) {
+        auto& field = ZUObject::lastUnreadableValue();
+        std::string text = "The service's answer (" + what() + ") could not be read";
+        if (!field.key.empty())
+            text += ": the " + recordName(field.className) + " record's \"" + field.key + "\" holds a value of the wrong type";
+        text += " (" + exception.name() + ": " + boundedReason(exception.reason()) + ")";
+        return Error::create(VXResourceErrorDomain, VXResourceErrorUnreadableAnswer, text);
+    }
+}
+
+RefPtr<Error> VXResourceController::recordProblem(Object* json, const std::function<std::string()>& what) const
+{
+    if (m_unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise || is<Dictionary>(json))
+        return nullptr;
+    std::string kind = !json ? "not JSON, or empty" : is<Array>(json) ? "a list" : "a single value";
+    return Error::create(VXResourceErrorDomain, VXResourceErrorNotARecord, "The service's answer (" + what() + ") is not a record: it is " + kind + ".");
+}
+
+std::function<std::string()> VXResourceController::answerAbout(std::string_view record, String* identifier)
+{
+    RefPtr<String> protectedIdentifier = identifier;
+    return [record = std::string(record), protectedIdentifier] { return record + " " + (protectedIdentifier ? protectedIdentifier->str() : "(null)"); };
 }
 
 namespace {
@@ -292,14 +423,14 @@ RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, bool 
 {
     auto send = [&](VXAPICallbackBlock answer) { m_apiController->userRessouceWithIdentifer(identifier, std::move(answer)); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXUser>(nullptr, json); };
-    return downcast<VXUser>(fetch(cachedResource<VXUser>(identifier).get(), forceRefresh, send, convert, resourceBlock(std::move(block))));
+    return downcast<VXUser>(fetch(cachedResource<VXUser>(identifier).get(), forceRefresh, send, answerAbout("user", identifier), convert, resourceBlock(std::move(block))));
 }
 
 RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block)
 {
     auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer)); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return trackWithTrackDictionary(json); };
-    return downcast<VXTrack>(fetch(cachedResource<VXTrack>(identifier).get(), forceRefresh, send, convert, resourceBlock(std::move(block))));
+    return downcast<VXTrack>(fetch(cachedResource<VXTrack>(identifier).get(), forceRefresh, send, answerAbout("track", identifier), convert, resourceBlock(std::move(block))));
 }
 
 RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block)
@@ -307,7 +438,7 @@ RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier,
     // Comments are fetched on the track path; the answer is stored as a comment.
     auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer)); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXComment>(nullptr, json); };
-    return downcast<VXComment>(fetch(cachedResource<VXComment>(identifier).get(), forceRefresh, send, convert, resourceBlock(std::move(block))));
+    return downcast<VXComment>(fetch(cachedResource<VXComment>(identifier).get(), forceRefresh, send, answerAbout("comment", identifier), convert, resourceBlock(std::move(block))));
 }
 
 RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserBlock block)
@@ -322,10 +453,14 @@ RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserB
         Ref protectedThis { *this };
         m_apiController->meUserRessouce([protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
             RefPtr<VXUser> user;
-            if (!error)
-                user = protectedThis->updateCacheForResource<VXUser>(nullptr, dynamicDowncast<Dictionary>(json));
+            RefPtr<Error> failure = error;
+            auto what = [] { return std::string("the signed-in user"); };
+            if (!failure)
+                failure = protectedThis->recordProblem(json, what);
+            if (!failure)
+                failure = protectedThis->readAnswer(what, [&] { user = protectedThis->updateCacheForResource<VXUser>(nullptr, dynamicDowncast<Dictionary>(json)); });
             if (block)
-                block(user.get(), error);
+                block(user.get(), failure.get());
             // A failed "/me" forgets the signed-in user.
             protectedThis->setMeUserIdentifier(user ? user->resourceIdentifier() : nullptr);
         });
@@ -385,7 +520,7 @@ VXResourceController::Statistics VXResourceController::resourceCacheStatistics()
         statistics.classes.push_back(std::move(perClass));
     }
     std::sort(statistics.classes.begin(), statistics.classes.end(), [](auto& a, auto& b) { return a.className < b.className; });
-    statistics.pendingTrackRefreshes = m_pendingRefreshes.size();
+    statistics.pendingTrackRefreshes = m_pendingRefreshes.size() + m_refreshesWaiting.size() + m_refreshesInFlight;
     return statistics;
 }
 

@@ -25,12 +25,34 @@
 #include <Platform/Values.h>
 
 #include <functional>
+#include <deque>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace velvox {
+
+// Errors of answers that do not fit the models, under VXUnreadableAnswerPolicy::Report.
+inline constexpr std::string_view VXResourceErrorDomain = "VXResourceErrorDomain";
+enum : int64_t {
+    // A value of the wrong type for its field, an identifier that is not one,
+    // a page that is not a list: the message names the record and the field.
+    VXResourceErrorUnreadableAnswer = 1,
+    // An answer that should be a record (a user, a track, a comment) is not one.
+    VXResourceErrorNotARecord = 2,
+};
+
+// How the store meets an answer that does not fit the models. Raise (the
+// default): the models' assertions raise out of the answer's delivery, as
+// their interfaces say, and a collection's load has ended with an error first.
+// Report: no raise leaves the store; the fetch, check or load ends with an
+// error in VXResourceErrorDomain handed to the caller's block (a collection
+// keeps the items it had), and an answer that is not a record where one is
+// due is such an error too, not an empty object. Hosts that must outlive any
+// service choose Report.
+enum class VXUnreadableAnswerPolicy { Raise, Report };
 
 // A ZUObject for its key-value observing: "meUserIdentifier" is announced.
 class VXResourceController final : public ZUObject {
@@ -69,6 +91,19 @@ public:
     MutableDictionary& resourceCache() const { return m_resourceCache; }
     void setResourceCache(MutableDictionary& cache) { m_resourceCache = cache; }
     MutableSet* playedTrackIdentifiers() const { return m_playedTrackIdentifiers.get(); }
+    // Whether a track has at most one refresh pending: seen again before it
+    // is due, it keeps the sooner of the two. Off by default: every sighting
+    // of an unfinished track schedules a refresh of its own.
+    bool mergesTrackRefreshes() const { return m_mergesTrackRefreshes; }
+    void setMergesTrackRefreshes(bool merges) { m_mergesTrackRefreshes = merges; }
+    // How many refreshes of unfinished tracks may wait for their answers at
+    // once; a refresh that comes due beyond that waits, in order, for one of
+    // them to end, so that polling never crowds out what the host asks for.
+    // 0 (the default) means no limit: every refresh goes out when it is due.
+    size_t maximumTrackRefreshesInFlight() const { return m_maximumTrackRefreshesInFlight; }
+    void setMaximumTrackRefreshesInFlight(size_t count) { m_maximumTrackRefreshesInFlight = count; }
+    VXUnreadableAnswerPolicy unreadableAnswerPolicy() const { return m_unreadableAnswerPolicy; }
+    void setUnreadableAnswerPolicy(VXUnreadableAnswerPolicy policy) { m_unreadableAnswerPolicy = policy; }
     MutableDictionary* lastRefreshTimestamps() const { return m_lastRefreshTimestamps.get(); }
 
     // Single fetches. A cached object is answered at once; without forceRefresh
@@ -82,7 +117,8 @@ public:
     // JSON into the identity map.
     RefPtr<VXUser> userWithUserDictionary(Dictionary*);
     // Also caches the embedded "user", and schedules a refresh of a track the
-    // service has not finished (or failed) after max(2 × duration, 2) seconds.
+    // service has not finished (or failed) after max(2 × duration, 2) seconds
+    // (each time it is seen, unless mergesTrackRefreshes()).
     RefPtr<VXTrack> trackWithTrackDictionary(Dictionary*);
     RefPtr<VXComment> commentWithCommentDictionary(Dictionary*);
     void forceRefreshTrackWithIdentfier(String* identifier);
@@ -200,8 +236,18 @@ private:
     // The single-fetch pattern: the cached object at once unless forced, else
     // the request, whose answer is converted and handed to the block.
     RefPtr<VXResource> fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
-        std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block);
+        std::function<std::string()> what, std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block);
     void scheduleRefresh(String* trackIdentifier, double delay);
+    // A due refresh: sent now, or queued behind the refreshes in flight.
+    void refreshWhenRoom(Ref<String> trackIdentifier);
+    void refreshDidEnd();
+    // Runs the conversion of an answer about `what`. Under Report a raise in
+    // it becomes the error answered; under Raise it goes on.
+    RefPtr<Error> readAnswer(const std::function<std::string()>& what, const std::function<void()>& convert) const;
+    // What an answer was about, for messages: "track 20005".
+    static std::function<std::string()> answerAbout(std::string_view record, String* identifier);
+    // Under Report, the error for an answer that should have been a record.
+    RefPtr<Error> recordProblem(Object* json, const std::function<std::string()>& what) const;
     static void loadArchive(const std::string& path, const std::function<void(RefPtr<Object>)>& take);
 
     RefPtr<String> m_meUserIdentifier;
@@ -210,9 +256,20 @@ private:
     RefPtr<MutableSet> m_playedTrackIdentifiers;
     RefPtr<MutableDictionary> m_lastRefreshTimestamps;
     Subscription m_terminationObserver;
-    // The delayed refreshes of unfinished tracks, each stopped with the store.
-    std::map<uint64_t, Subscription> m_pendingRefreshes;
+    // The delayed refreshes of unfinished tracks by track, each stopped with the store.
+    struct PendingRefresh {
+        double due;
+        uint64_t serial;
+        Subscription timer;
+    };
+    std::multimap<std::string, PendingRefresh, std::less<>> m_pendingRefreshes;
     uint64_t m_nextRefresh { 1 };
+    bool m_mergesTrackRefreshes { false };
+    size_t m_maximumTrackRefreshesInFlight { 0 };
+    size_t m_refreshesInFlight { 0 };
+    std::deque<Ref<String>> m_refreshesWaiting;
+    std::set<std::string, std::less<>> m_refreshesWaitingKeys;
+    VXUnreadableAnswerPolicy m_unreadableAnswerPolicy { VXUnreadableAnswerPolicy::Raise };
 };
 
 } // namespace velvox

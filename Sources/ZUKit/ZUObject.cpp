@@ -60,6 +60,31 @@ bool sameRawValue(const Object* applied, const Object* incoming)
 
 } // namespace
 
+namespace {
+
+ZUObject::UnreadableValue& unreadableValue()
+{
+    thread_local ZUObject::UnreadableValue value;
+    return value;
+}
+
+} // namespace
+
+const ZUObject::UnreadableValue& ZUObject::lastUnreadableValue()
+{
+    return unreadableValue();
+}
+
+void ZUObject::clearUnreadableValue()
+{
+    unreadableValue() = {};
+}
+
+void ZUObject::noteUnreadableValue(std::string_view className, std::string_view key)
+{
+    unreadableValue() = { std::string(className), std::string(key) };
+}
+
 void ZUObject::rememberAppliedValue(size_t index, Object* jsonValue)
 {
     uint64_t generation = ValueTransformer::registrationGeneration();
@@ -86,7 +111,12 @@ bool ZUObject::applyDescriptor(const ZUPropertyDescriptor& descriptor, size_t in
         auto* transformer = descriptor.cachedTransformer();
         VXAssert(transformer, "No value transformer is registered under %@ (for %@ of %@).", descriptor.transformerName(),
             &descriptor.keyPath(), className());
-        transformed = transformer->transformedValue(value);
+        try {
+            transformed = transformer->transformedValue(value);
+        } catch (...) {
+            noteUnreadableValue(className(), descriptor.source().view());
+            throw;
+        }
         value = transformed.get();
     }
     auto& accessor = descriptor.accessor();

@@ -43,6 +43,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -133,6 +134,18 @@ public:
     // Sets every described property that the dictionary holds and answers
     // whether any of them changed; observers of a changed key are told once.
     virtual bool updateWithDictionary(Dictionary*);
+
+    // Where the last raise of a value transformer came from while a record
+    // was applied on this thread: the class and the JSON key (both empty
+    // after clearUnreadableValue()). The raise itself goes on unchanged; this
+    // lets a host that catches it say which field of which record was wrong.
+    struct UnreadableValue {
+        std::string className;
+        std::string key;
+    };
+    static const UnreadableValue& lastUnreadableValue();
+    static void clearUnreadableValue();
+    static void noteUnreadableValue(std::string_view className, std::string_view key);
 
     // Key-value coding over the described properties (and whatever a subclass
     // adds through accessorForKey). An unknown key raises UndefinedKeyException.

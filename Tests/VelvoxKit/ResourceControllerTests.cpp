@@ -139,6 +139,131 @@ TEST_F(Store, UnfinishedTracksArePolledUntilFinishedOrFailed)
     EXPECT_EQ(store->resourceCacheStatistics().pendingTrackRefreshes, 0u);
 }
 
+TEST_F(Store, MergedRefreshesAskOncePerTrackAndAFewAtATime)
+{
+    ManualTime time;
+    // By default every sighting schedules its own refresh.
+    store->trackWithTrackDictionary(json(R"({"id": 1, "state": "storing", "duration": 0.5})").ptr());
+    RunLoop::current().runFor(1);
+    store->trackWithTrackDictionary(json(R"({"id": 1, "state": "storing", "duration": 0.5})").ptr());
+    RunLoop::current().runFor(1.01);
+    ASSERT_EQ(sent().size(), 1u);
+    api().finish(0, R"({"id": 1, "state": "finished"})");
+    RunLoop::current().runFor(1);
+    ASSERT_EQ(sent().size(), 2u);
+    api().finish(1, R"({"id": 1, "state": "finished"})");
+
+    // Merged: one refresh per track, at the soonest time asked for.
+    store->setMergesTrackRefreshes(true);
+    store->trackWithTrackDictionary(json(R"({"id": 2, "state": "storing", "duration": 90})").ptr());
+    RunLoop::current().runFor(1);
+    for (int sighting = 0; sighting < 3; ++sighting)
+        store->trackWithTrackDictionary(json(R"({"id": 2, "state": "storing", "duration": 0.5})").ptr());
+    EXPECT_EQ(store->resourceCacheStatistics().pendingTrackRefreshes, 1u);
+    RunLoop::current().runFor(2.01);
+    ASSERT_EQ(sent().size(), 3u);
+    EXPECT_EQ(sent()[2].resource, "tracks/2");
+    api().finish(2, R"({"id": 2, "state": "finished"})");
+    RunLoop::current().runFor(200);
+    EXPECT_EQ(sent().size(), 3u);
+
+    // At most two in flight; the rest wait their turn, and a raise out of an
+    // answer gives its place back too.
+    store->setMaximumTrackRefreshesInFlight(2);
+    for (int id = 10; id < 15; ++id)
+        store->trackWithTrackDictionary(json(format(R"({"id": %d, "state": "stored", "duration": 1})", id)).ptr());
+    RunLoop::current().runFor(2.01);
+    ASSERT_EQ(sent().size(), 5u);
+    EXPECT_EQ(sent()[3].resource, "tracks/10");
+    EXPECT_EQ(sent()[4].resource, "tracks/11");
+    EXPECT_EQ(store->resourceCacheStatistics().pendingTrackRefreshes, 5u);
+    api().finish(3, R"({"id": 10, "state": "finished"})");
+    RunLoop::current().runFor(0.01);
+    ASSERT_EQ(sent().size(), 6u);
+    EXPECT_EQ(sent()[5].resource, "tracks/12");
+    EXPECT_ANY_THROW(api().finish(4, R"({"id": 11, "duration": {}})"));
+    RunLoop::current().runFor(0.01);
+    ASSERT_EQ(sent().size(), 7u);
+    EXPECT_EQ(sent()[6].resource, "tracks/13");
+    api().finish(5, R"({"id": 12, "state": "finished"})");
+    api().finish(6, R"({"id": 13, "state": "finished"})");
+    RunLoop::current().runFor(0.01);
+    ASSERT_EQ(sent().size(), 8u);
+    api().finish(7, R"({"id": 14, "state": "finished"})");
+    RunLoop::current().runFor(0.01);
+    EXPECT_EQ(store->resourceCacheStatistics().pendingTrackRefreshes, 0u);
+}
+
+TEST_F(Store, ReportedAnswersThatDoNotFitEndInErrorsNamingRecordAndField)
+{
+    // The default raises, as the models' interfaces say.
+    store->trackForIdentifier(text("20005").ptr(), false, nullptr);
+    EXPECT_ANY_THROW(api().finish(0, R"({"id": 20005, "duration": {}})"));
+
+    store->setUnreadableAnswerPolicy(VXUnreadableAnswerPolicy::Report);
+    struct Case {
+        std::function<void(VXResourceController&, Fetched&)> ask;
+        std::string_view answer;
+        int64_t code;
+        std::vector<std::string_view> message;
+    } cases[] = {
+        { [](auto& s, auto& f) { s.trackForIdentifier(text("20005").ptr(), true, f.template block<VXTrack>()); },
+            R"({"id": 20005, "duration": {}})", VXResourceErrorUnreadableAnswer, { "track 20005", "track record's \"duration\"" } },
+        { [](auto& s, auto& f) { s.userForIdentifier(text("5").ptr(), true, f.template block<VXUser>()); },
+            R"({"id": [5], "username": "five"})", VXResourceErrorUnreadableAnswer, { "user 5", "\"id\"" } },
+        { [](auto& s, auto& f) { s.userForIdentifier(text("5").ptr(), true, f.template block<VXUser>()); },
+            "<html>busy</html>", VXResourceErrorNotARecord, { "user 5", "not a record" } },
+        { [](auto& s, auto& f) { s.meUserForceRefresh(true, f.template block<VXUser>()); },
+            "[1, 2]", VXResourceErrorNotARecord, { "a list" } },
+        { [](auto& s, auto& f) { s.commentForIdentifier(text("8").ptr(), true, f.template block<VXComment>()); },
+            R"({"id": 8, "created_at": 12})", VXResourceErrorUnreadableAnswer, { "\"created_at\"" } },
+    };
+    for (auto& c : cases) {
+        size_t request = sent().size();
+        Fetched fetched;
+        c.ask(*store, fetched);
+        ASSERT_EQ(sent().size(), request + 1);
+        EXPECT_NO_THROW(api().finish(request, c.answer)) << c.answer;
+        ASSERT_EQ(fetched.calls, 1) << c.answer;
+        EXPECT_FALSE(fetched.result) << c.answer;
+        ASSERT_TRUE(fetched.error) << c.answer;
+        EXPECT_EQ(fetched.error->domain()->view(), VXResourceErrorDomain);
+        EXPECT_EQ(fetched.error->code(), c.code) << c.answer;
+        for (auto piece : c.message)
+            EXPECT_NE(fetched.error->localizedDescription()->str().find(piece), std::string::npos) << fetched.error->localizedDescription()->str();
+    }
+    // The control: a good answer still reads.
+    Fetched good;
+    store->userForIdentifier(text("5").ptr(), true, good.block<VXUser>());
+    api().finish(sent().size() - 1, R"({"id": 5, "username": "five"})");
+    EXPECT_FALSE(good.error);
+    EXPECT_EQ(downcast<VXUser>(good.result.get())->username()->str(), "five");
+
+    // A follow check that cannot be read is unknown, with the reason.
+    RefPtr<Error> checkError;
+    std::string checkAnswer;
+    store->meIsFollowingUserForIdentifier(text("6").ptr(), [&](Number* result, Error* error) {
+        checkAnswer = result->description()->str();
+        checkError = error;
+    });
+    EXPECT_NO_THROW(api().finish(sent().size() - 1, R"({"id": {"x": 1}})"));
+    EXPECT_EQ(checkAnswer, "-1");
+    ASSERT_TRUE(checkError);
+    EXPECT_EQ(checkError->domain()->view(), VXResourceErrorDomain);
+
+    // A page with one bad record ends its load with the error; the items stay.
+    auto tracks = store->meUserTracks();
+    tracks->loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType::Reload, false);
+    api().finish(sent().size() - 1, R"([{"id": 30, "state": "finished"}])");
+    ASSERT_EQ(tracks->items().count(), 1u);
+    tracks->loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType::Reload, false);
+    EXPECT_NO_THROW(api().finish(sent().size() - 1, R"([{"id": 30, "state": "finished"}, {"id": 31, "user_id": []}])"));
+    EXPECT_FALSE(tracks->isLoadingItems());
+    ASSERT_TRUE(tracks->lastError());
+    EXPECT_EQ(tracks->lastError()->domain()->view(), VXResourceErrorDomain);
+    EXPECT_EQ(tracks->items().count(), 1u);
+}
+
 TEST_F(Store, TheMeUserAndItsHistorySwitchTogether)
 {
     std::vector<std::string> announced;
