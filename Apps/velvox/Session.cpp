@@ -61,6 +61,12 @@ int Session::open(const char* command)
     // The shared store: it loads the identity map of earlier runs and saves
     // at the application's termination.
     m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr());
+    // Whatever a service sends ends in an error to report, never in a raise.
+    m_store->setUnreadableAnswerPolicy(VXUnreadableAnswerPolicy::Report);
+    // Tracks the service is still processing are polled in the background;
+    // once each, a few at a time, so that the lists a person asked for come first.
+    m_store->setMergesTrackRefreshes(true);
+    m_store->setMaximumTrackRefreshesInFlight(2);
     VXResourceController::setSharedResourceController(m_store);
     return ExitSuccess;
 }
@@ -82,12 +88,17 @@ RefPtr<VXUser> Session::signIn(int& code)
         done = true;
     });
     if (!waitFor([&] { return done; })) {
-        code = fail("sign-in", Error::create(URLErrorDomain, 28, "No answer from the service.").ptr());
+        code = fail("sign-in", noAnswer().ptr());
         return nullptr;
     }
     if (!me)
         code = fail("sign-in", failure.get());
     return me;
+}
+
+Ref<Error> Session::noAnswer()
+{
+    return Error::create(URLErrorDomain, 28, "No answer from the service.");
 }
 
 int Session::fail(const char* command, Error* error)
@@ -102,6 +113,13 @@ int Session::fail(const char* command, Error* error)
     if (network) {
         fprintf(stderr, "velvox %s: network failure: %s\n", command, message.c_str());
         return ExitNetwork;
+    }
+    // Answers that do not fit the models, and paths refused before sending,
+    // are the service's doing: their messages say what was wrong.
+    if (error->domain()->isEqualToString(VXResourceErrorDomain) || error->domain()->isEqualToString(VXRemoteCollectionErrorDomain)
+        || (error->domain()->isEqualToString(VXVelvoxAPIErrorDomain) && error->code() == VXVelvoxAPIErrorInvalidResource)) {
+        fprintf(stderr, "velvox %s: %s\n", command, message.c_str());
+        return ExitService;
     }
     if (status == 401 || status == 403) {
         fprintf(stderr, "velvox %s: not authorised (%lld). Pass a valid token with --token, --token-file FILE or $VELVOX_TOKEN.\n",
@@ -125,7 +143,7 @@ int Session::loadCollection(const char* command, VXRemoteCollectionController& c
         collection.loadMoreItemsForReloadOperationType(first ? ZURemoteCollectionReloadOperationType::Reload : ZURemoteCollectionReloadOperationType::LoadMore, !first);
         first = false;
         if (!waitFor([&] { return !collection.isLoadingItems(); }))
-            return fail(command, Error::create(URLErrorDomain, 28, "No answer from the service.").ptr());
+            return fail(command, noAnswer().ptr());
         if (collection.lastError())
             return fail(command, collection.lastError());
     }

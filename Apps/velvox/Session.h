@@ -54,6 +54,8 @@ public:
 
     // The exit code for an error, after saying what went wrong on standard error.
     int fail(const char* command, Error* error);
+    // The error of a request that was not answered within waitFor's time.
+    static Ref<Error> noAnswer();
     // Loads a collection's first page (or every page with --all).
     int loadCollection(const char* command, VXRemoteCollectionController&);
 

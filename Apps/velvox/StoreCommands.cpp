@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Session.h"
 
+#include <VelvoxAPI/VXVelvoxAPI.h>
 #include <VelvoxKit/VXActivity.h>
 #include <VelvoxKit/VXViewRenderer.h>
 
@@ -144,7 +145,7 @@ int showSingle(Session& session, const StoreCommand& command, Fetch fetch)
         return ExitSuccess;
     }
     if (!session.waitFor([&] { return done; }))
-        return session.fail(command.name.c_str(), Error::create(URLErrorDomain, 28, "No answer from the service.").ptr());
+        return session.fail(command.name.c_str(), session.noAnswer().ptr());
     if (!fetched)
         return session.fail(command.name.c_str(), failure.get());
     showObject(session, *fetched);
@@ -333,6 +334,42 @@ int upload(Session& session, const StoreCommand& command)
     return track->state() == VXTrackStateFinished ? ExitSuccess : ExitService;
 }
 
+// Whether a failed request may be asked again: no answer at all, "too many
+// requests", or a failure of the service itself.
+bool worthRetrying(Error* error)
+{
+    if (!error)
+        return false;
+    if (error->domain()->isEqualToString(URLErrorDomain))
+        return true;
+    return error->domain()->isEqualToString(VXVelvoxAPIErrorDomain) && (error->code() == 429 || error->code() >= 500);
+}
+
+// Whether the signed-in user follows the user: 1 or 0, or -1 with the
+// failure. A check that fails for a passing reason is asked again twice, a
+// second and then two apart; then it is given up.
+int32_t followState(Session& session, String* identifier, RefPtr<Error>& failure)
+{
+    static constexpr double pauses[] = { 1, 2 };
+    for (size_t attempt = 0;; ++attempt) {
+        RefPtr<Number> result;
+        bool done = false;
+        session.store().meIsFollowingUserForIdentifier(identifier, [&](Number* answer, Error* error) {
+            result = answer;
+            failure = error;
+            done = true;
+        });
+        if (!session.waitFor([&] { return done; })) {
+            failure = session.noAnswer();
+            return -1;
+        }
+        int32_t state = result ? result->intValue() : -1;
+        if (state != -1 || attempt == std::size(pauses) || !worthRetrying(failure.get()))
+            return state;
+        session.waitFor([] { return false; }, pauses[attempt]);
+    }
+}
+
 int follow(Session& session, const StoreCommand& command, bool following)
 {
     if (int code = needArguments(command, 1, following ? "follow USER" : "unfollow USER"))
@@ -343,15 +380,24 @@ int follow(Session& session, const StoreCommand& command, bool following)
     auto user = fetchUser(session, command.arguments[0], code);
     if (!user)
         return code;
-    user->isFollowedByMe(true);
-    session.waitFor([&] { return user->isFollowedByMe() != -2; });
-    int32_t wanted = following ? 1 : 0;
-    if (user->isFollowedByMe() != wanted) {
-        user->setFollowedByMe(wanted);
-        if (!session.waitFor([&] { return user->isFollowedByMe() == wanted; })) {
-            fprintf(stderr, "velvox %s: the service did not agree\n", command.name.c_str());
-            return ExitService;
-        }
+    RefPtr<Error> failure;
+    int32_t state = followState(session, user->resourceIdentifier(), failure);
+    if (state == -1)
+        return session.fail(command.name.c_str(), failure.get());
+    if (state != (following ? 1 : 0)) {
+        bool done = false;
+        auto changed = [&](Object*, Error* error) {
+            failure = error;
+            done = true;
+        };
+        if (following)
+            session.store().startFollowingUserForIdentifier(user->resourceIdentifier(), changed);
+        else
+            session.store().stopFollowingByUserForIdentifier(user->resourceIdentifier(), changed);
+        if (!session.waitFor([&] { return done; }))
+            return session.fail(command.name.c_str(), session.noAnswer().ptr());
+        if (failure)
+            return session.fail(command.name.c_str(), failure.get());
     }
     session.print(std::string(following ? "following " : "not following ") + printable(str(user->username())) + "\n");
     return ExitSuccess;
