@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <strings.h>
 
 namespace velvox {
 
@@ -26,13 +27,7 @@ char lowered(char c)
 
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix)
 {
-    if (text.size() < prefix.size())
-        return false;
-    for (size_t i = 0; i < prefix.size(); ++i) {
-        if (lowered(text[i]) != prefix[i])
-            return false;
-    }
-    return true;
+    return text.size() >= prefix.size() && !strncasecmp(text.data(), prefix.data(), prefix.size());
 }
 
 // The address an image may be fetched from: an absolute http or https
