@@ -134,18 +134,36 @@ int Session::fail(const char* command, Error* error)
     return ExitService;
 }
 
+int Session::pageCap()
+{
+    // Tests of the cut lower it, so as not to load a thousand pages.
+    if (const char* lower = getenv("VELVOX_TEST_MAXIMUM_PAGES")) {
+        int pages = atoi(lower);
+        if (pages > 0 && pages < maximumPages)
+            return pages;
+    }
+    return maximumPages;
+}
+
 int Session::loadCollection(const char* command, VXRemoteCollectionController& collection)
 {
     if (!is<VXCursorCollectionController>(collection))
         collection.setPageSize(50);
     bool first = true;
-    for (int pages = 0; pages < 1000 && (first || (m_options.all && collection.hasMoreItems())); ++pages) {
+    int pages = 0;
+    int cap = pageCap();
+    for (; pages < cap && (first || (m_options.all && collection.hasMoreItems())); ++pages) {
         collection.loadMoreItemsForReloadOperationType(first ? ZURemoteCollectionReloadOperationType::Reload : ZURemoteCollectionReloadOperationType::LoadMore, !first);
         first = false;
         if (!waitFor([&] { return !collection.isLoadingItems(); }))
             return fail(command, noAnswer().ptr());
         if (collection.lastError())
             return fail(command, collection.lastError());
+    }
+    // A service that never ends a list gets a bounded one, and the user hears of the cut.
+    if (m_options.all && collection.hasMoreItems()) {
+        fprintf(stderr, "velvox %s: stopped after %d pages; the list goes on\n", command, pages);
+        m_listCut = true;
     }
     return ExitSuccess;
 }
@@ -186,6 +204,9 @@ std::string durationText(double seconds)
 {
     if (!std::isfinite(seconds) || seconds < 0)
         return "";
+    // Beyond any real track (and beyond what the clock text can count).
+    if (seconds >= longestDuration)
+        return "too long";
     return stringWithMilliseconds(static_cast<int64_t>(seconds * 1000))->str();
 }
 
@@ -198,8 +219,14 @@ Ref<Dictionary> jsonRecord(ZUObject& object)
             record->setObject(&Null::null(), descriptor->source().view());
             continue;
         }
-        if (auto* transformer = descriptor->cachedTransformer(); transformer && transformer->allowsReverseTransformation())
-            value = transformer->reverseTransformedValue(value.get());
+        if (auto* transformer = descriptor->cachedTransformer(); transformer && transformer->allowsReverseTransformation()) {
+            auto reversed = transformer->reverseTransformedValue(value.get());
+            // An identifier that is no number stays the text it is, not 0.
+            if (auto* text = dynamicDowncast<String>(value.get()); text && is<Number>(reversed.get())
+                && downcast<Number>(reversed.get())->stringValue()->view() != text->view())
+                reversed = value;
+            value = reversed;
+        }
         if (is<URL>(value.get()))
             value = downcast<URL>(value.get())->absoluteString();
         if (is<Date>(value.get()))
@@ -217,7 +244,28 @@ std::string jsonText(Object& object)
         text = JSONStringWithOptions(*array, JCSerializeOptionPretty, &error);
     else if (auto* dictionary = dynamicDowncast<Dictionary>(&object))
         text = JSONStringWithOptions(*dictionary, JCSerializeOptionPretty, &error);
-    return text ? text->str() + "\n" : "null\n";
+    return text ? escapingControlCharacters(text->view()) + "\n" : "null\n";
+}
+
+std::string escapingControlCharacters(std::string_view json)
+{
+    // The encoder escapes only the controls below U+0020. DEL and the C1
+    // controls (U+0080..U+009F, C2 80..C2 9F in UTF-8) only ever stand in
+    // its strings, where a \u escape means the same character.
+    std::string out;
+    out.reserve(json.size());
+    for (size_t i = 0; i < json.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(json[i]);
+        unsigned char next = i + 1 < json.size() ? static_cast<unsigned char>(json[i + 1]) : 0;
+        if (c == 0x7F) {
+            out += "\\u007f";
+        } else if (c == 0xC2 && next >= 0x80 && next <= 0x9F) {
+            out += format("\\u%4.4x", next);
+            ++i;
+        } else
+            out += static_cast<char>(c);
+    }
+    return out;
 }
 
 std::string printable(const std::string& text)

@@ -56,8 +56,14 @@ public:
     int fail(const char* command, Error* error);
     // The error of a request that was not answered within waitFor's time.
     static Ref<Error> noAnswer();
-    // Loads a collection's first page (or every page with --all).
+    // Loads a collection's first page (or every page with --all, at most
+    // maximumPages: a longer list is cut, which is said on standard error).
     int loadCollection(const char* command, VXRemoteCollectionController&);
+    static constexpr int maximumPages = 1000;
+    // maximumPages, or fewer when $VELVOX_TEST_MAXIMUM_PAGES says so.
+    static int pageCap();
+    // Whether a list was cut at maximumPages (the command then fails with ExitService).
+    bool listWasCut() const { return m_listCut; }
 
     // Output: standard output unless --quiet; write errors make finish() fail.
     void print(const std::string& text);
@@ -70,14 +76,20 @@ private:
     std::unique_ptr<sandbox::SandboxService> m_sandbox;
     RefPtr<VXResourceController> m_store;
     bool m_finished { false };
+    bool m_listCut { false };
 };
 
 // People's and scripts' forms of the models.
 std::string relativeDate(Date*);
+// A duration as "m.ss" or "h.mm.ss"; empty when negative or not a number,
+// "too long" from longestDuration on.
 std::string durationText(double seconds);
+inline constexpr double longestDuration = 10000 * 3600.0;
 // A model object as the service's JSON (its descriptors' keys, the reverse transformers' values).
 Ref<Dictionary> jsonRecord(ZUObject&);
 std::string jsonText(Object&);
+// Encoded JSON with DEL and the C1 control characters escaped as well (\u0080...).
+std::string escapingControlCharacters(std::string_view json);
 // Text from a service as a terminal may show it: a control character in a
 // title must not move the cursor or clear the screen (line breaks become blanks).
 std::string printable(const std::string&);

@@ -561,9 +561,7 @@ int view(Session& session, const StoreCommand& command)
     return ExitSuccess;
 }
 
-} // namespace
-
-int runStoreCommand(Session& session, const StoreCommand& command)
+int runCommand(Session& session, const StoreCommand& command)
 {
     auto& store = session.store();
     const auto& name = command.name;
@@ -625,6 +623,15 @@ int runStoreCommand(Session& session, const StoreCommand& command)
     if (collection->hasMoreItems() && !session.options().all && !session.options().quiet && !session.options().json)
         fprintf(stderr, "(more: --all loads every page)\n");
     return ExitSuccess;
+}
+
+} // namespace
+
+int runStoreCommand(Session& session, const StoreCommand& command)
+{
+    int code = runCommand(session, command);
+    // What was loaded is shown; the list's cut makes the run fail all the same.
+    return code == ExitSuccess && session.listWasCut() ? ExitService : code;
 }
 
 } // namespace velvox::app

@@ -52,6 +52,17 @@ std::string replacingAll(std::string_view text, std::string_view what, std::stri
 
 } // namespace
 
+RefPtr<String> renderPartial(Object& resourceName, Object* value, TemplateFilter& filters, Object* owner)
+{
+    auto resource = resourceName.description();
+    auto path = Bundle::mainBundle().pathForResource(resource->view(), "");
+    auto engine = TemplateEngine::templateEngine();
+    engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));
+    engine->loadFilter(filters, owner);
+    auto variables = value ? Dictionary::create({ { "element", value } }) : Dictionary::create();
+    return engine->processTemplateInFileAtPath(path ? &*path : nullptr, variables.ptr());
+}
+
 RefPtr<Object> VXTemplateFilters::filterInvoked(const String& filterName, Array* arguments, Object* value)
 {
     auto name = filterName.view();
@@ -67,14 +78,8 @@ RefPtr<Object> VXTemplateFilters::filterInvoked(const String& filterName, Array*
         return zu_dataURIRepresentation(*downcast<Image>(value));
 
     if (name == "partial" && argumentCount == 1) {
-        auto resource = arguments->objectAtIndex(0)->description();
-        auto path = Bundle::mainBundle().pathForResource(resource->view(), "");
-        auto engine = TemplateEngine::templateEngine();
-        engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));
         auto filters = VXTemplateFilters::filter();
-        engine->loadFilter(*filters.ptr());
-        auto variables = value ? Dictionary::create({ { "element", value } }) : Dictionary::create();
-        return engine->processTemplateInFileAtPath(path ? &*path : nullptr, variables.ptr());
+        return renderPartial(*arguments->objectAtIndex(0), value, *filters.ptr(), filters.ptr());
     }
 
     if (name == "pluralize" && is<Number>(value) && argumentCount >= 2) {

@@ -29,4 +29,10 @@ private:
     VXTemplateFilters() = default;
 };
 
+// The "partial" filter's work: the bundle's resource of that name rendered by
+// a new engine that has `filters` loaded (kept alive by `owner` when given),
+// with `value` as "element". A host that wraps the filters renders its
+// partials with its own wrapper through this.
+RefPtr<String> renderPartial(Object& resourceName, Object* value, TemplateFilter& filters, Object* owner);
+
 } // namespace velvox

@@ -8,7 +8,10 @@
 #include <ZUKit/ZUImageDataURI.h>
 #include <ZUKit/ZULoadingImageCache.h>
 
+#include <functional>
 #include <map>
+#include <memory>
+#include <strings.h>
 
 namespace velvox {
 
@@ -17,43 +20,163 @@ namespace {
 // An image that could not be had: a transparent pixel, so that the page's layout holds.
 constexpr std::string_view emptyImage = "data:image/gif;base64,R0lGODlhAQABAIAAAAAAAP///yH5BAEAAAAALAAAAAABAAEAAAIBRAA7";
 
+char lowered(char c)
+{
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool startsWithIgnoringCase(std::string_view text, std::string_view prefix)
+{
+    return text.size() >= prefix.size() && !strncasecmp(text.data(), prefix.data(), prefix.size());
+}
+
+// The address an image may be fetched from: an absolute http or https
+// address (its scheme in any case, written in lower case), with a host.
+// Empty for anything else: a protocol-relative or relative address would be
+// resolved against wherever the page is opened, another scheme by whatever
+// handles it.
+std::string webAddress(std::string_view text)
+{
+    size_t separator = text.find("://");
+    if (separator != 4 && separator != 5)
+        return {};
+    std::string scheme;
+    for (char c : text.substr(0, separator))
+        scheme += lowered(c);
+    if (scheme != "http" && scheme != "https")
+        return {};
+    std::string address = scheme + std::string(text.substr(separator));
+    auto url = URL::create(address);
+    if (!url || url->host().empty())
+        return {};
+    return address;
+}
+
+// The text of an attribute's value as the browser reads it (the engine
+// writes & < > " ' as references).
 std::string unescapedAttribute(std::string_view text)
 {
-    std::string out(text);
-    for (size_t at; (at = out.find("&amp;")) != std::string::npos;)
-        out.replace(at, 5, "&");
+    static constexpr std::pair<std::string_view, char> references[] = {
+        { "&amp;", '&' }, { "&lt;", '<' }, { "&gt;", '>' }, { "&quot;", '"' }, { "&#39;", '\'' }, { "&#x27;", '\'' },
+    };
+    std::string out;
+    out.reserve(text.size());
+    for (size_t at = 0; at < text.size();) {
+        bool replaced = false;
+        if (text[at] == '&') {
+            for (auto& [reference, character] : references) {
+                if (text.substr(at).starts_with(reference)) {
+                    out += character;
+                    at += reference.size();
+                    replaced = true;
+                    break;
+                }
+            }
+        }
+        if (!replaced)
+            out += text[at++];
+    }
     return out;
 }
 
-} // namespace
-
-Ref<String> VXViewRenderer::inliningImages(const String& html, double timeout)
+bool isNameCharacter(char c)
 {
-    std::string_view text = html.view();
-    // Each distinct address once: "zu-image://..." and "zu-images://..." up to the attribute's quote.
-    struct Found {
-        size_t start;
-        size_t end;
-        std::string address;
-    };
-    std::vector<Found> found;
-    std::map<std::string, std::string> inlined;
-    for (size_t at = text.find("zu-image"); at != std::string_view::npos; at = text.find("zu-image", at + 1)) {
-        size_t end = text.find_first_of("\"' <>", at);
-        if (end == std::string_view::npos)
-            end = text.size();
-        std::string address = unescapedAttribute(text.substr(at, end - at));
-        if (address.starts_with("zu-images://"))
-            address.replace(0, 9, "https");
-        else if (address.starts_with("zu-image://"))
-            address.replace(0, 8, "http");
-        else
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == ':';
+}
+
+bool isSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
+}
+
+// An attribute of the page that makes the browser load something when the
+// page opens, with the place of its value (quotes included).
+struct LoadingAttribute {
+    size_t start;
+    size_t end;
+    std::string value;
+    bool isImageSource;
+};
+
+// The attributes that load on open, in every tag of the page. Text from the
+// records cannot make a tag (the engine escapes < and quotes), so what is
+// found here is the templates' own markup.
+std::vector<LoadingAttribute> loadingAttributes(std::string_view html)
+{
+    std::vector<LoadingAttribute> found;
+    size_t at = 0;
+    while ((at = html.find('<', at)) != std::string_view::npos) {
+        ++at;
+        if (at >= html.size() || !((html[at] >= 'a' && html[at] <= 'z') || (html[at] >= 'A' && html[at] <= 'Z')))
             continue;
-        found.push_back({ at, end, address });
-        inlined.emplace(address, std::string(emptyImage));
+        size_t nameStart = at;
+        while (at < html.size() && isNameCharacter(html[at]))
+            ++at;
+        std::string tag;
+        for (char c : html.substr(nameStart, at - nameStart))
+            tag += lowered(c);
+        // The attributes, up to the end of the tag.
+        while (at < html.size() && html[at] != '>') {
+            if (isSpace(html[at]) || html[at] == '/') {
+                ++at;
+                continue;
+            }
+            size_t attributeStart = at;
+            while (at < html.size() && !isSpace(html[at]) && html[at] != '=' && html[at] != '>' && html[at] != '/')
+                ++at;
+            if (at == attributeStart) {
+                ++at;
+                continue;
+            }
+            std::string name;
+            for (char c : html.substr(attributeStart, at - attributeStart))
+                name += lowered(c);
+            while (at < html.size() && isSpace(html[at]))
+                ++at;
+            if (at >= html.size() || html[at] != '=')
+                continue;
+            ++at;
+            while (at < html.size() && isSpace(html[at]))
+                ++at;
+            size_t valueStart = at, contentStart = at, contentEnd;
+            if (at < html.size() && (html[at] == '"' || html[at] == '\'')) {
+                char quote = html[at];
+                contentStart = at + 1;
+                size_t close = html.find(quote, contentStart);
+                contentEnd = close == std::string_view::npos ? html.size() : close;
+                at = close == std::string_view::npos ? html.size() : close + 1;
+            } else {
+                while (at < html.size() && !isSpace(html[at]) && html[at] != '>')
+                    ++at;
+                contentEnd = at;
+            }
+            bool loads = name == "src" || name == "srcset" || name == "poster" || name == "background" || name == "data"
+                || (name == "href" && tag == "link");
+            if (loads)
+                found.push_back({ valueStart, at, unescapedAttribute(html.substr(contentStart, contentEnd - contentStart)), name == "src" });
+        }
     }
-    if (found.empty())
-        return String::create(text);
+    return found;
+}
+
+// The page with every attribute that loads on open made to load nothing from
+// elsewhere: an image source that `addressOf` turns into a web address
+// becomes that image as a data URI (one request per distinct address; a
+// transparent pixel when it does not come), a data URI stays, anything else
+// becomes the transparent pixel.
+Ref<String> inlining(std::string_view html, const std::function<std::string(const std::string&)>& addressOf, double timeout)
+{
+    auto attributes = loadingAttributes(html);
+    std::vector<std::string> replacements;
+    std::map<std::string, std::string> inlined;
+    for (auto& attribute : attributes) {
+        std::string address = attribute.isImageSource ? addressOf(attribute.value) : std::string();
+        if (!address.empty())
+            inlined.emplace(address, std::string(emptyImage));
+        else if (startsWithIgnoringCase(attribute.value, "data:"))
+            address = attribute.value;
+        replacements.push_back(std::move(address));
+    }
 
     auto& cache = ZULoadingImageCache::sharedLoadingImageCache();
     size_t pending = 0;
@@ -77,18 +200,99 @@ Ref<String> VXViewRenderer::inliningImages(const String& html, double timeout)
         else
             ++pending;
     }
-    RunLoop::current().runUntil([&pending] { return pending == 0; }, timeout);
+    if (pending)
+        RunLoop::current().runUntil([&pending] { return pending == 0; }, timeout);
 
     std::string out;
-    out.reserve(text.size());
+    out.reserve(html.size());
     size_t position = 0;
-    for (auto& place : found) {
-        out.append(text.substr(position, place.start - position));
-        out.append(inlined[place.address]);
-        position = place.end;
+    for (size_t i = 0; i < attributes.size(); ++i) {
+        auto& replacement = replacements[i];
+        std::string_view value = emptyImage;
+        if (auto found = inlined.find(replacement); found != inlined.end())
+            value = found->second;
+        else if (!replacement.empty())
+            value = replacement; // a data URI of the template's own
+        out.append(html.substr(position, attributes[i].start - position));
+        out += '"';
+        // A data URI of the template's own is written back as it came, escaped.
+        for (char c : value) {
+            if (c == '"')
+                out += "&quot;";
+            else if (c == '&')
+                out += "&amp;";
+            else
+                out += c;
+        }
+        out += '"';
+        position = attributes[i].end;
     }
-    out.append(text.substr(position));
+    out.append(html.substr(position));
     return String::create(out);
+}
+
+// The template filters as the views use them, noting which image addresses
+// "zu_image" made from web addresses: only those are fetched. A value that is
+// not a web address is not given to the filter at all (the image is dropped
+// either way), so a short or odd address costs the image, not the page.
+class ViewFilters final : public Object, public TemplateFilter {
+    VX_OBJECT(ViewFilters)
+public:
+    using Images = std::map<std::string, std::string>; // the filter's text -> the web address
+
+    static Ref<ViewFilters> create(std::shared_ptr<Images> images) { return adoptRef(*new ViewFilters(std::move(images))); }
+
+    Ref<Array> filters() const override { return m_filters->filters(); }
+    bool filterProducesMarkup(std::string_view name) const override { return m_filters->filterProducesMarkup(name); }
+    bool filterTakesEscapedText(std::string_view name) const override { return m_filters->filterTakesEscapedText(name); }
+
+    RefPtr<Object> filterInvoked(const String& filterName, Array* arguments, Object* value) override
+    {
+        auto name = filterName.view();
+        if (name == "partial" && arguments && arguments->count() == 1) {
+            // Partials note their images in the same table.
+            auto filters = create(m_images);
+            return renderPartial(*arguments->objectAtIndex(0), value, *filters.ptr(), filters.ptr());
+        }
+        if (name != "zu_image")
+            return m_filters->filterInvoked(filterName, arguments, value);
+        std::string text;
+        if (auto* url = dynamicDowncast<URL>(value))
+            text = url->absoluteString()->str();
+        else if (auto* string = dynamicDowncast<String>(value))
+            text = string->str();
+        std::string address = webAddress(text);
+        if (address.empty())
+            return String::create("");
+        auto result = m_filters->filterInvoked(filterName, arguments, value);
+        if (result)
+            m_images->emplace(result->description()->str(), address);
+        return result;
+    }
+
+private:
+    explicit ViewFilters(std::shared_ptr<Images> images)
+        : m_filters(VXTemplateFilters::filter())
+        , m_images(std::move(images))
+    {
+    }
+
+    Ref<VXTemplateFilters> m_filters;
+    std::shared_ptr<Images> m_images;
+};
+
+VX_DEFINE_CLASS(ViewFilters, Object)
+
+} // namespace
+
+Ref<String> VXViewRenderer::inliningImages(const String& html, double timeout)
+{
+    return inlining(html.view(), [](const std::string& source) {
+        // "zu-image" in any case, as the filter leaves it, stands for "http".
+        if (startsWithIgnoringCase(source, "zu-image"))
+            return webAddress("http" + source.substr(8));
+        return webAddress(source);
+    }, timeout);
 }
 
 RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* variables, RefPtr<Error>* error, double timeout)
@@ -96,7 +300,8 @@ RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* var
     auto path = Bundle::mainBundle().pathForResource(format("views/%s", std::string(name).c_str()), "html");
     auto engine = TemplateEngine::templateEngine();
     engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));
-    auto filters = VXTemplateFilters::filter();
+    auto images = std::make_shared<ViewFilters::Images>();
+    auto filters = ViewFilters::create(images);
     engine->loadFilter(*filters.ptr());
     auto all = variables ? variables->mutableCopy() : MutableDictionary::create();
     if (auto logoPath = Bundle::mainBundle().pathForResource("views/logo", "png")) {
@@ -108,7 +313,10 @@ RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* var
     auto page = engine->processTemplateInFileAtPath(path ? &*path : nullptr, all.ptr(), error);
     if (!page)
         return nullptr;
-    return inliningImages(*page, timeout);
+    return inlining(page->view(), [&images](const std::string& source) {
+        auto found = images->find(source);
+        return found == images->end() ? std::string() : found->second;
+    }, timeout);
 }
 
 } // namespace velvox

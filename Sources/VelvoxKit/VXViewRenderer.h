@@ -1,10 +1,14 @@
 #pragma once
 
 // The host's HTML views as self-contained pages: a template of the resources'
-// "views" folder rendered with the template filters, then every "zu-image"
-// address (which an embedding application would resolve itself) replaced by
-// the image as a data URI, from the shared loading image cache, one request
-// per distinct image.
+// "views" folder rendered with the template filters, then every image source
+// that "zu_image" made from a web address (which an embedding application
+// would resolve itself) replaced by the image as a data URI, from the shared
+// loading image cache, one request per distinct image. Nothing else is
+// fetched, and nothing in the page loads from elsewhere when it is opened:
+// every other address in an attribute that loads (src, srcset, a link's
+// href...) becomes a transparent pixel. Text from the records is only ever
+// text, whatever addresses it holds.
 
 #include <Platform/Collections.h>
 #include <Platform/Values.h>
@@ -21,7 +25,9 @@ public:
     // image). Null with the error when the template fails.
     static RefPtr<String> renderPage(std::string_view name, Dictionary* variables, RefPtr<Error>* error = nullptr, double timeout = 10);
 
-    // The "zu-image" addresses of a rendered page replaced by data URIs.
+    // The same for a page rendered elsewhere: image sources that are web
+    // addresses, or "zu-image" ones (in any case), replaced by data URIs;
+    // every other address in an attribute that loads by a transparent pixel.
     static Ref<String> inliningImages(const String& html, double timeout = 10);
 };
 

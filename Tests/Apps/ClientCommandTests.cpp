@@ -7,31 +7,13 @@
 
 #include <Browser.h>
 #include <TestServer.h>
-#include <TestSupport.h>
 
-#include <gtest/gtest.h>
+#include "VelvoxClient.h"
 
 #include <filesystem>
 
 using namespace velvox;
-
-namespace {
-
-class VelvoxClient : public testing::Test {
-protected:
-    // Runs velvox with its data and cache folders in the test's own folder.
-    test::Outcome velvox(const std::string& arguments, bool withErrors = true)
-    {
-        return test::run("cd '" + folder.path() + "' && XDG_DATA_HOME='" + folder.path() + "/data' XDG_CACHE_HOME='" + folder.path()
-                + "/cache' VELVOX_BASE_URL= VELVOX_TOKEN= " VELVOX_PROGRAM " " + arguments,
-            withErrors);
-    }
-    bool contains(const test::Outcome& outcome, std::string_view text) { return outcome.output.find(text) != std::string::npos; }
-
-    test::TemporaryFolder folder;
-};
-
-} // namespace
+using test::VelvoxClient;
 
 TEST_F(VelvoxClient, ReadsThroughTheStore)
 {

@@ -7,9 +7,8 @@
 #include <Platform/Platform.h>
 
 #include <TestServer.h>
-#include <TestSupport.h>
 
-#include <gtest/gtest.h>
+#include "VelvoxClient.h"
 
 #include <algorithm>
 #include <atomic>
@@ -46,7 +45,7 @@ std::string trackRecord(std::string_view field = {}, std::string_view value = {}
     return json + "}";
 }
 
-class HostileService : public testing::Test {
+class HostileService : public test::VelvoxClient {
 protected:
     struct Answer {
         int status { 200 };
@@ -128,13 +127,9 @@ protected:
 
     test::Outcome velvox(const std::string& arguments)
     {
-        return test::run("XDG_DATA_HOME='" + folder.path() + "/data' XDG_CACHE_HOME='" + folder.path() + "/cache' HOME='" + folder.path()
-                + "' " VELVOX_PROGRAM " --base-url " + base + " --token hostile-token " + arguments,
-            true);
+        return VelvoxClient::velvox("--base-url " + base + " --token hostile-token " + arguments);
     }
-    static bool contains(const test::Outcome& outcome, std::string_view text) { return outcome.output.find(text) != std::string::npos; }
 
-    test::TemporaryFolder folder;
     test::TestServer server;
     std::string base;
     std::mutex mutex;

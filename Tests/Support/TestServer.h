@@ -78,23 +78,26 @@ inline int refusingLoopbackPort()
 
 // A server that answers every connection with the same bytes, as written:
 // for answers no well-behaved HTTP library would send (bad lengths, say).
+// Unless it waits for a request's head, it answers as soon as it accepts
+// (for clients that would wait first, such as a TLS client).
 class RawServer {
 public:
-    explicit RawServer(std::string reply)
+    explicit RawServer(std::string reply, bool waitsForRequest = true)
         : m_reply(std::move(reply))
     {
         m_socket = bindLoopbackSocket(&m_port);
         listen(m_socket, 8);
-        m_thread = std::thread([this] {
+        m_thread = std::thread([this, waitsForRequest] {
             while (!m_stopping) {
                 int client = accept(m_socket, nullptr, nullptr);
                 if (client < 0)
                     break;
+                ++m_connections;
                 // Read the request's head, then answer and close.
                 std::string request;
                 char buffer[4096];
                 ssize_t n;
-                while (request.find("\r\n\r\n") == std::string::npos && (n = read(client, buffer, sizeof(buffer))) > 0)
+                while (waitsForRequest && request.find("\r\n\r\n") == std::string::npos && (n = read(client, buffer, sizeof(buffer))) > 0)
                     request.append(buffer, n);
                 [[maybe_unused]] ssize_t written = write(client, m_reply.data(), m_reply.size());
                 shutdown(client, SHUT_RDWR);
@@ -111,12 +114,16 @@ public:
             m_thread.join();
     }
     std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+    int port() const { return m_port; }
+    // The connections accepted so far.
+    size_t connections() const { return m_connections; }
 
 private:
     std::string m_reply;
     int m_socket { -1 };
     int m_port { 0 };
     std::atomic<bool> m_stopping { false };
+    std::atomic<size_t> m_connections { 0 };
     std::thread m_thread;
 };
 
