@@ -81,14 +81,24 @@ VXResourceController::~VXResourceController()
 
 Ref<VXResourceController> VXResourceController::create()
 {
+    return create(nullptr, Options {});
+}
+
+Ref<VXResourceController> VXResourceController::create(VXAPIController* apiController, const Options& options)
+{
     auto store = adoptRef(*new VXResourceController);
+    store->m_options = options;
     registerValueTransformers();
     // The archive holds model objects; their classes must be known to read it.
     VXRegisterArchiveClasses();
     loadArchive(store->resourceCacheFilePath(), [&store](RefPtr<Object> root) {
-        if (auto* cache = dynamicDowncast<Dictionary>(root.get()))
-            store->m_resourceCache = cache->mutableCopy();
+        auto cache = store->validatedResourceCache(root.get());
+        if (!cache)
+            return false;
+        store->m_resourceCache = cache.releaseNonNull();
+        return true;
     });
+    store->setApiController(apiController);
     VXResourceController* self = store.ptr();
     store->m_terminationObserver = NotificationCenter::defaultCenter().addObserver(ApplicationWillTerminateNotification, nullptr,
         [self](Notification& notification) { self->applicationWillTerminate(&notification); });
@@ -97,9 +107,7 @@ Ref<VXResourceController> VXResourceController::create()
 
 Ref<VXResourceController> VXResourceController::create(VXAPIController* apiController)
 {
-    auto store = create();
-    store->setApiController(apiController);
-    return store;
+    return create(apiController, Options {});
 }
 
 void VXResourceController::setMeUserIdentifier(String* identifier)
@@ -159,6 +167,11 @@ void VXResourceController::cacheResource(VXResource& resource)
         m_resourceCache->setObject(created, resource.className());
         classCache = created.ptr();
     }
+    if (m_options.archivedObjectsPerClass) {
+        if (auto* replaced = classCache->objectForKey(identifier); replaced && replaced != &resource)
+            m_lastUse.erase(replaced);
+        noteUse(resource);
+    }
     classCache->setObject(&resource, identifier);
     NotificationCenter::defaultCenter().postNotification(VXResourceAttributesDidChangeNotification, &resource);
 }
@@ -200,12 +213,20 @@ Ref<VXResource> VXResourceController::updateCacheForResource(const ClassInfo& in
     }
     if (cached->updateWithDictionary(dictionary))
         cacheResource(*cached);
+    else if (m_options.archivedObjectsPerClass)
+        noteUse(*cached);
     return cached.releaseNonNull();
+}
+
+void VXResourceController::noteUse(VXResource& resource)
+{
+    m_lastUse.insert_or_assign(&resource, m_nextUse++);
 }
 
 void VXResourceController::clearResourceCache()
 {
     m_resourceCache = MutableDictionary::create();
+    m_lastUse.clear();
 }
 
 RefPtr<VXUser> VXResourceController::userWithUserDictionary(Dictionary* dictionary)

@@ -28,6 +28,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace velvox {
@@ -53,11 +54,23 @@ public:
     // Registers the eight value transformers, in the order the models need them.
     static void registerValueTransformers();
 
+    // What the store keeps across runs. The defaults keep the whole identity
+    // map, which then grows with every object a run meets.
+    struct Options {
+        // At most this many objects of each class are archived, and loaded
+        // from an archive that holds more: the most recently cached or
+        // updated ones, this run's before those loaded. 0: no bound. Objects
+        // left out stay in the map for the rest of the run.
+        size_t archivedObjectsPerClass { 0 };
+    };
+
     // init: registers the transformers, loads the identity map, and observes
     // the application's termination to save.
     static Ref<VXResourceController> create();
     // initWithApiController:
     static Ref<VXResourceController> create(VXAPIController* apiController);
+    static Ref<VXResourceController> create(VXAPIController* apiController, const Options&);
+    const Options& options() const { return m_options; }
 
     String* meUserIdentifier() const { return m_meUserIdentifier.get(); }
     // Saves the old account's played tracks, then loads the new account's
@@ -158,8 +171,12 @@ public:
     void registerLastRefreshDate(Date*, String* identifier);
 
     // Saving: the identity map, then the signed-in account's refresh dates and
-    // played tracks.
+    // played tracks. The termination save is silent about failures.
     void applicationWillTerminate(Notification*);
+    // The same save, now, making the folder first when it is missing. Every
+    // file is attempted; the first failure is answered (null: all written).
+    // A file that cannot be written keeps its earlier contents.
+    RefPtr<Error> save();
     void applicationDidEnterBackground(Notification*);
     void serializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier);
     Ref<MutableSet> deserializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier);
@@ -202,7 +219,19 @@ private:
     RefPtr<VXResource> fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
         std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block);
     void scheduleRefresh(String* trackIdentifier, double delay);
-    static void loadArchive(const std::string& path, const std::function<void(RefPtr<Object>)>& take);
+    // Reads an archive's root; `take` answers false when the root is not of
+    // the expected shape, and the file is then set aside as unreadable.
+    static void loadArchive(const std::string& path, const std::function<bool(RefPtr<Object>)>& take);
+    // The identity map an archive holds, with every entry that does not
+    // belong where it is filed dropped; null when the root is not a
+    // dictionary of dictionaries.
+    RefPtr<MutableDictionary> validatedResourceCache(Object* root);
+    // The identity map as archived: all of it, or the bounded part.
+    Ref<Dictionary> archivedResourceCache() const;
+    void noteUse(VXResource&);
+    RefPtr<Error> writeArchives();
+    RefPtr<Error> writePlayedTrackIdentifiers(String* meUserIdentifier);
+    RefPtr<Error> writeLastPlayedTimestamps(String* meUserIdentifier);
 
     RefPtr<String> m_meUserIdentifier;
     RefPtr<VXAPIController> m_apiController;
@@ -213,6 +242,11 @@ private:
     // The delayed refreshes of unfinished tracks, each stopped with the store.
     std::map<uint64_t, Subscription> m_pendingRefreshes;
     uint64_t m_nextRefresh { 1 };
+    Options m_options;
+    // With a bound on the archive: when each object was last cached or
+    // updated (loaded ones in their archived order, oldest first).
+    std::unordered_map<const Object*, uint64_t> m_lastUse;
+    uint64_t m_nextUse { 1 };
 };
 
 } // namespace velvox
