@@ -184,6 +184,10 @@ int runAPI(const APIOptions& options)
                 fprintf(stderr, "velvox api: no such file: %s\n", value.substr(1).c_str());
                 return 1;
             }
+            if (auto problem = unsendableFileProblem(path); !problem.empty()) {
+                fprintf(stderr, "velvox api: cannot send %s\n", problem.c_str());
+                return 1;
+            }
             parameters->setObject(URL::create("file://" + percentEncodePath(path)).get(), key);
             uploads = true;
         } else
@@ -229,6 +233,16 @@ int runAPI(const APIOptions& options)
         return 1;
     }
     return status;
+}
+
+std::string unsendableFileProblem(const std::string& path)
+{
+    RefPtr<Error> error;
+    int fd = FileManager::openFileForReading(path, &error);
+    if (fd < 0)
+        return error ? error->localizedDescription()->str() : path;
+    close(fd);
+    return {};
 }
 
 std::string percentEncodePath(const std::string& path)

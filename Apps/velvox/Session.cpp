@@ -28,6 +28,7 @@ Session::~Session()
 
 int Session::open(const char* command)
 {
+    m_command = command;
     std::string baseURL = m_options.baseURL;
     if (baseURL.empty()) {
         if (const char* fromEnvironment = getenv("VELVOX_BASE_URL"))
@@ -58,15 +59,18 @@ int Session::open(const char* command)
     // so that the identity map is kept from the first run on.
     FileManager::defaultManager().createDirectoryAtPath(
         stringByAppendingPathComponent(applicationSupportDirectory(), "Velvox"), true, nullptr, 0700);
-    // The shared store: it loads the identity map of earlier runs and saves
-    // at the application's termination.
-    m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr());
+    // The shared store: it loads the identity map of earlier runs, and finish()
+    // saves it. Runs over long lists would grow the map without end; the most
+    // recent objects of each class are what a next run is likely to show.
+    VXResourceController::Options storeOptions;
+    storeOptions.archivedObjectsPerClass = archivedObjectsPerClass;
     // Whatever a service sends ends in an error to report, never in a raise.
-    m_store->setUnreadableAnswerPolicy(VXUnreadableAnswerPolicy::Report);
-    // Tracks the service is still processing are polled in the background;
+    storeOptions.unreadableAnswerPolicy = VXUnreadableAnswerPolicy::Report;
+    // Tracks the service is still processing are polled in the background:
     // once each, a few at a time, so that the lists a person asked for come first.
-    m_store->setMergesTrackRefreshes(true);
-    m_store->setMaximumTrackRefreshesInFlight(2);
+    storeOptions.mergesTrackRefreshes = true;
+    storeOptions.maximumTrackRefreshesInFlight = 2;
+    m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), storeOptions);
     VXResourceController::setSharedResourceController(m_store);
     return ExitSuccess;
 }
@@ -180,9 +184,14 @@ int Session::finish(int code)
     if (m_finished)
         return code;
     m_finished = true;
-    // The application terminates: the store saves its archives.
-    if (m_store)
-        NotificationCenter::defaultCenter().postNotification(ApplicationWillTerminateNotification);
+    // The application terminates: the store saves its archives. A save that
+    // fails loses what this run changed (a play, say), so it is said.
+    if (m_store) {
+        if (auto error = m_store->save()) {
+            fprintf(stderr, "velvox %s: cannot save the store's archives: %s\n", m_command.c_str(), error->localizedDescription()->utf8());
+            code = code ? code : ExitFailure;
+        }
+    }
     if (fflush(stdout) != 0 || ferror(stdout)) {
         fprintf(stderr, "velvox: cannot write the output\n");
         return code ? code : ExitFailure;

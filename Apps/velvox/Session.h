@@ -68,16 +68,21 @@ public:
     // Output: standard output unless --quiet; write errors make finish() fail.
     void print(const std::string& text);
     // Saves the store's archives (the application's termination) and checks
-    // that standard output took everything. Answers the final exit code.
+    // that standard output took everything. Answers the final exit code: a
+    // failed save or write turns success into ExitFailure.
     int finish(int code);
 
 private:
     ServiceOptions m_options;
     std::unique_ptr<sandbox::SandboxService> m_sandbox;
     RefPtr<VXResourceController> m_store;
+    std::string m_command;
     bool m_finished { false };
     bool m_listCut { false };
 };
+
+// How many objects of each class the identity map keeps across runs.
+inline constexpr size_t archivedObjectsPerClass = 5000;
 
 // People's and scripts' forms of the models.
 std::string relativeDate(Date*);

@@ -281,6 +281,10 @@ int upload(Session& session, const StoreCommand& command)
         fprintf(stderr, "velvox upload: no such file: %s\n", command.arguments[0].c_str());
         return ExitFailure;
     }
+    if (auto problem = unsendableFileProblem(path); !problem.empty()) {
+        fprintf(stderr, "velvox upload: cannot send %s\n", problem.c_str());
+        return ExitFailure;
+    }
     if (command.title.empty()) {
         fprintf(stderr, "velvox upload: a title is needed (--title)\n");
         return ExitUsage;

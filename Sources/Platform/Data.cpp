@@ -1,5 +1,6 @@
 #include "Data.h"
 
+#include "Error.h"
 #include "FileManager.h"
 
 #include <cstdlib>
@@ -31,9 +32,9 @@ Data::~Data()
     free(m_bytes);
 }
 
-RefPtr<Data> Data::createWithContentsOfFile(const std::string& path)
+RefPtr<Data> Data::createWithContentsOfFile(const std::string& path, RefPtr<Error>* error)
 {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = FileManager::openFileForReading(path, error);
     if (fd < 0)
         return nullptr;
     std::string contents;
@@ -43,7 +44,10 @@ RefPtr<Data> Data::createWithContentsOfFile(const std::string& path)
         if (n < 0) {
             if (errno == EINTR)
                 continue;
+            int code = errno;
             close(fd);
+            if (error)
+                *error = posixError(code, path);
             return nullptr;
         }
         if (!n)
@@ -54,9 +58,9 @@ RefPtr<Data> Data::createWithContentsOfFile(const std::string& path)
     return create(contents.data(), contents.size());
 }
 
-bool Data::writeToFile(const std::string& path) const
+bool Data::writeToFile(const std::string& path, RefPtr<Error>* error) const
 {
-    return FileManager::writeFileAtomically(path, view());
+    return FileManager::writeFileAtomically(path, view(), error);
 }
 
 Ref<String> Data::description() const

@@ -9,6 +9,8 @@
 
 namespace velvox {
 
+class Error;
+
 // Immutable bytes.
 class Data final : public Object {
     VX_OBJECT(Data)
@@ -17,8 +19,9 @@ public:
     static Ref<Data> create(std::string_view bytes) { return create(bytes.data(), bytes.size()); }
     // Takes over a buffer from malloc(); it is released with free().
     static Ref<Data> adoptMallocedBytes(void* bytes, size_t length);
-    // Null when the file cannot be read.
-    static RefPtr<Data> createWithContentsOfFile(const std::string& path);
+    // Null when the file cannot be read or is not a regular file (a FIFO,
+    // a folder, a device), with the reason in `error` when given.
+    static RefPtr<Data> createWithContentsOfFile(const std::string& path, RefPtr<Error>* error = nullptr);
 
     const uint8_t* bytes() const { return m_bytes; }
     size_t length() const { return m_length; }
@@ -26,7 +29,7 @@ public:
 
     // Writes to a temporary file beside the target and renames it over the
     // target, so readers see the old or the new contents, never a part.
-    bool writeToFile(const std::string& path) const;
+    bool writeToFile(const std::string& path, RefPtr<Error>* error = nullptr) const;
 
     Ref<String> description() const override;
     bool isEqual(const Object* other) const override;

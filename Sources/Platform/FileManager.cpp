@@ -31,12 +31,12 @@ std::string homeDirectory()
     return "/";
 }
 
+} // namespace
+
 RefPtr<Error> posixError(int code, const std::string& path)
 {
     return Error::create(POSIXErrorDomain, code, format("%s: %s", path, strerror(code))).ptr();
 }
-
-} // namespace
 
 std::string applicationSupportDirectory()
 {
@@ -182,8 +182,13 @@ bool FileManager::removeItemAtPath(const std::string& path, RefPtr<Error>* error
     return false;
 }
 
-bool FileManager::writeFileAtomically(const std::string& path, std::string_view contents)
+bool FileManager::writeFileAtomically(const std::string& path, std::string_view contents, RefPtr<Error>* error)
 {
+    auto fail = [&](int code) {
+        if (error)
+            *error = posixError(code, path);
+        return false;
+    };
     std::string folder = stringByDeletingLastPathComponent(path);
     std::string temporaryName = ".";
     temporaryName.append(lastPathComponent(path));
@@ -192,35 +197,71 @@ bool FileManager::writeFileAtomically(const std::string& path, std::string_view 
     std::string pattern = stringByAppendingPathComponent(folder.empty() ? "." : folder, temporaryName);
     int fd = mkostemp(pattern.data(), O_CLOEXEC);
     if (fd < 0)
-        return false;
+        return fail(errno);
     // Held until the file is closed: tells a later save that this temporary is alive.
     flock(fd, LOCK_EX);
     const char* at = contents.data();
     size_t left = contents.size();
-    bool ok = true;
+    int failure = 0;
     while (left) {
         ssize_t n = write(fd, at, left);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0) {
-            ok = false;
+            failure = n < 0 ? errno : ENOSPC;
             break;
         }
         at += n;
         left -= n;
     }
     // Flush before the rename, so a crash cannot leave the new name on old or partial contents.
-    if (ok && fsync(fd))
-        ok = false;
+    if (!failure && fsync(fd))
+        failure = errno;
     // mkostemp made it 0600; the umask may take away more.
     fchmod(fd, 0600 & ~currentUmask());
-    if (close(fd))
-        ok = false;
-    if (ok && rename(pattern.c_str(), path.c_str()))
-        ok = false;
-    if (!ok)
-        unlink(pattern.c_str());
-    return ok;
+    if (close(fd) && !failure)
+        failure = errno;
+    if (!failure && rename(pattern.c_str(), path.c_str()))
+        failure = errno;
+    if (!failure)
+        return true;
+    unlink(pattern.c_str());
+    return fail(failure);
+}
+
+int FileManager::openFileForReading(const std::string& path, RefPtr<Error>* error, uint64_t* size)
+{
+    auto fail = [&](int code, int fd, const char* reason = nullptr) {
+        if (fd >= 0)
+            close(fd);
+        if (error)
+            *error = reason ? RefPtr<Error>(Error::create(POSIXErrorDomain, code, format("%s: %s", path, reason))) : posixError(code, path);
+        return -1;
+    };
+    // Non-blocking, so that opening a FIFO does not wait for a writer.
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
+        return fail(errno, -1);
+    struct stat info;
+    if (fstat(fd, &info))
+        return fail(errno, fd);
+    if (S_ISDIR(info.st_mode))
+        return fail(EISDIR, fd);
+    if (!S_ISREG(info.st_mode))
+        return fail(EINVAL, fd, "not a regular file");
+    // A file that opens but cannot be read (an I/O error, a special file
+    // posing as a regular one) is refused before anyone relies on it.
+    char first;
+    while (pread(fd, &first, 1, 0) < 0) {
+        if (errno != EINTR)
+            return fail(errno, fd);
+    }
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK))
+        return fail(errno, fd);
+    if (size)
+        *size = static_cast<uint64_t>(info.st_size);
+    return fd;
 }
 
 namespace {

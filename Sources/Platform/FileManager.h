@@ -5,6 +5,7 @@
 
 #include "Object.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,10 +41,22 @@ public:
     // file is private to its user (0600, less what the umask takes away). A
     // temporary that an earlier save left behind (its process died while
     // writing) is removed first; one that a live save is writing is left alone.
-    static bool writeFileAtomically(const std::string& path, std::string_view contents);
+    // On failure `error` (when given) says why, in POSIXErrorDomain.
+    static bool writeFileAtomically(const std::string& path, std::string_view contents, RefPtr<Error>* error = nullptr);
+
+    // Opens a file for reading, the one road by which files are read: only a
+    // regular file that can be read is opened. A FIFO, a device, a socket or a
+    // folder is refused without blocking (a FIFO with no writer would wait
+    // forever), and so is a file whose first byte cannot be read. Answers the
+    // descriptor (blocking, close-on-exec; the caller closes it) or -1 with
+    // the reason in `error`. `size` gets the file's length.
+    static int openFileForReading(const std::string& path, RefPtr<Error>* error = nullptr, uint64_t* size = nullptr);
 };
 
 inline constexpr std::string_view POSIXErrorDomain = "NSPOSIXErrorDomain";
+// The error of a failed call on a path: POSIXErrorDomain, errno as the code,
+// "<path>: <reason>" as the description.
+RefPtr<Error> posixError(int code, const std::string& path);
 
 // The program's resources: $VELVOX_RESOURCES when it names a folder, else the
 // folder "Resources" beside the program, else share/velvox/Resources of the

@@ -359,10 +359,10 @@ Ref<Data> KeyedArchiver::archivedDataWithRootObject(Object* root)
     return Data::create(out.bytes().data(), out.bytes().size());
 }
 
-bool KeyedArchiver::archiveRootObject(Object* root, const std::string& path)
+bool KeyedArchiver::archiveRootObject(Object* root, const std::string& path, RefPtr<Error>* error)
 {
     auto data = archivedDataWithRootObject(root);
-    return data->writeToFile(path);
+    return data->writeToFile(path, error);
 }
 
 // MARK: Unarchiver

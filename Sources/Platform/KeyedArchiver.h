@@ -19,6 +19,7 @@
 namespace velvox {
 
 class Data;
+class Error;
 class KeyedArchiver;
 class KeyedUnarchiver;
 
@@ -35,8 +36,9 @@ public:
     // cannot be archived or a reference cycle; nothing is written then.
     static Ref<Data> archivedDataWithRootObject(Object* root);
     // Writes the archive to a temporary file and renames it over the path.
-    // Answers false when the file cannot be written (the old file stays).
-    static bool archiveRootObject(Object* root, const std::string& path);
+    // Answers false when the file cannot be written (the old file stays),
+    // with the reason in `error` when given.
+    static bool archiveRootObject(Object* root, const std::string& path, RefPtr<Error>* error = nullptr);
 
     // For encodeWithCoder(): values under keys of the object being encoded.
     void encodeObject(Object* object, std::string_view forKey);

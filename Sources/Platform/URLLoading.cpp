@@ -1,6 +1,7 @@
 #include "URLLoading.h"
 
 #include "Exception.h"
+#include "FileManager.h"
 #include "Format.h"
 #include "RunLoop.h"
 
@@ -16,6 +17,8 @@
 #include <mutex>
 #include <unordered_map>
 #include <utility>
+
+#include <unistd.h>
 
 namespace velvox {
 
@@ -66,6 +69,36 @@ std::string percentDecode(std::string_view text)
     }
     return out;
 }
+
+namespace {
+
+// A file part's contents, read from a descriptor the platform opened (so that
+// only a readable regular file is ever sent) and closed with the form.
+struct UploadFile {
+    int fd;
+
+    static size_t read(char* buffer, size_t size, size_t count, void* self)
+    {
+        while (true) {
+            ssize_t n = ::read(static_cast<UploadFile*>(self)->fd, buffer, size * count);
+            if (n >= 0)
+                return static_cast<size_t>(n);
+            if (errno != EINTR)
+                return CURL_READFUNC_ABORT;
+        }
+    }
+    static int seek(void* self, curl_off_t offset, int origin)
+    {
+        return lseek(static_cast<UploadFile*>(self)->fd, offset, origin) < 0 ? CURL_SEEKFUNC_FAIL : CURL_SEEKFUNC_OK;
+    }
+    static void release(void* self)
+    {
+        close(static_cast<UploadFile*>(self)->fd);
+        delete static_cast<UploadFile*>(self);
+    }
+};
+
+} // namespace
 
 struct URLLoader::Impl : std::enable_shared_from_this<URLLoader::Impl> {
     CURLM* multi { nullptr };
@@ -266,6 +299,17 @@ Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callba
     task->m_headerList = headers;
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
 
+    // A failure before the transfer arrives through the loop, as any other would.
+    auto failBeforeSending = [this](Ref<URLTask> task, Ref<Error> error) {
+        m_impl->loop->post([task, error] {
+            if (auto didComplete = std::exchange(task->m_callbacks.didComplete, nullptr); didComplete && !task->m_finished) {
+                task->m_finished = true;
+                didComplete(nullptr, error.ptr());
+            }
+        });
+        return task;
+    };
+
     const std::string& method = request.method;
     if (!request.formParts.empty()) {
         curl_mime* mime = curl_mime_init(handle);
@@ -278,9 +322,13 @@ Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callba
                 curl_mime_filename(field, part.fileName.empty() ? "data" : part.fileName.c_str());
                 curl_mime_type(field, part.contentType.empty() ? "application/octet-stream" : part.contentType.c_str());
             } else if (!part.filePath.empty()) {
-                curl_mime_filedata(field, part.filePath.c_str());
-                if (!part.fileName.empty())
-                    curl_mime_filename(field, part.fileName.c_str());
+                RefPtr<Error> error;
+                uint64_t size = 0;
+                int fd = FileManager::openFileForReading(part.filePath, &error, &size);
+                if (fd < 0)
+                    return failBeforeSending(task, error.releaseNonNull());
+                curl_mime_data_cb(field, static_cast<curl_off_t>(size), UploadFile::read, UploadFile::seek, UploadFile::release, new UploadFile { fd });
+                curl_mime_filename(field, (part.fileName.empty() ? lastPathComponent(part.filePath) : part.fileName).c_str());
                 curl_mime_type(field, part.contentType.empty() ? "application/octet-stream" : part.contentType.c_str());
             } else
                 curl_mime_data(field, part.text.data(), part.text.size());
@@ -306,14 +354,7 @@ Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callba
     if (added != CURLM_OK) {
         m_impl->tasks.erase(handle);
         task->m_loader = nullptr;
-        // Fail through the loop, as any other failure would arrive.
-        auto error = Error::create(URLErrorDomain, static_cast<int64_t>(CURLE_FAILED_INIT), curl_multi_strerror(added));
-        m_impl->loop->post([task, error] {
-            if (auto didComplete = std::exchange(task->m_callbacks.didComplete, nullptr); didComplete && !task->m_finished) {
-                task->m_finished = true;
-                didComplete(nullptr, error.ptr());
-            }
-        });
+        return failBeforeSending(task, Error::create(URLErrorDomain, static_cast<int64_t>(CURLE_FAILED_INIT), curl_multi_strerror(added)));
     }
     return task;
 }

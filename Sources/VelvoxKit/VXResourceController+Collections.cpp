@@ -133,7 +133,7 @@ void VXResourceController::loadForCollectionController(VXRemoteCollectionControl
             return;
         }
         RefPtr<Array> items;
-        if (protectedThis->unreadableAnswerPolicy() == VXUnreadableAnswerPolicy::Report) {
+        if (protectedThis->options().unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Report) {
             auto what = [&]() -> std::string { return "a page of " + protectedCollection->resource()->str(); };
             if (auto failure = protectedThis->readAnswer(what, [&] { items = protectedCollection->itemsFromResult(json); })) {
                 protectedCollection->remoteConnectionDidFailReceivingItemsWithError(failure.get());

@@ -18,7 +18,7 @@ int32_t VXResourceController::checkFollow(bool following, String* identifier, Fo
         if (!error) {
             result = Number::create(int32_t(1));
             // The status says yes; a body that is no record only leaves the map alone.
-            if (protectedThis->unreadableAnswerPolicy() == VXUnreadableAnswerPolicy::Raise || is<Dictionary>(json)) {
+            if (protectedThis->options().unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise || is<Dictionary>(json)) {
                 failure = protectedThis->readAnswer(answerAbout("user", protectedIdentifier.get()), [&] {
                     protectedThis->updateCacheForResource<VXUser>(protectedIdentifier.get(), dynamicDowncast<Dictionary>(json));
                 });

@@ -82,14 +82,24 @@ VXResourceController::~VXResourceController()
 
 Ref<VXResourceController> VXResourceController::create()
 {
+    return create(nullptr, Options {});
+}
+
+Ref<VXResourceController> VXResourceController::create(VXAPIController* apiController, const Options& options)
+{
     auto store = adoptRef(*new VXResourceController);
+    store->m_options = options;
     registerValueTransformers();
     // The archive holds model objects; their classes must be known to read it.
     VXRegisterArchiveClasses();
     loadArchive(store->resourceCacheFilePath(), [&store](RefPtr<Object> root) {
-        if (auto* cache = dynamicDowncast<Dictionary>(root.get()))
-            store->m_resourceCache = cache->mutableCopy();
+        auto cache = store->validatedResourceCache(root.get());
+        if (!cache)
+            return false;
+        store->m_resourceCache = cache.releaseNonNull();
+        return true;
     });
+    store->setApiController(apiController);
     VXResourceController* self = store.ptr();
     store->m_terminationObserver = NotificationCenter::defaultCenter().addObserver(ApplicationWillTerminateNotification, nullptr,
         [self](Notification& notification) { self->applicationWillTerminate(&notification); });
@@ -98,9 +108,7 @@ Ref<VXResourceController> VXResourceController::create()
 
 Ref<VXResourceController> VXResourceController::create(VXAPIController* apiController)
 {
-    auto store = create();
-    store->setApiController(apiController);
-    return store;
+    return create(apiController, Options {});
 }
 
 void VXResourceController::setMeUserIdentifier(String* identifier)
@@ -160,6 +168,11 @@ void VXResourceController::cacheResource(VXResource& resource)
         m_resourceCache->setObject(created, resource.className());
         classCache = created.ptr();
     }
+    if (m_options.archivedObjectsPerClass) {
+        if (auto* replaced = classCache->objectForKey(identifier); replaced && replaced != &resource)
+            m_lastUse.erase(replaced);
+        noteUse(resource);
+    }
     classCache->setObject(&resource, identifier);
     NotificationCenter::defaultCenter().postNotification(VXResourceAttributesDidChangeNotification, &resource);
 }
@@ -209,12 +222,20 @@ Ref<VXResource> VXResourceController::updateCacheForResource(const ClassInfo& in
     }
     if (cached->updateWithDictionary(dictionary))
         cacheResource(*cached);
+    else if (m_options.archivedObjectsPerClass)
+        noteUse(*cached);
     return cached.releaseNonNull();
+}
+
+void VXResourceController::noteUse(VXResource& resource)
+{
+    m_lastUse.insert_or_assign(&resource, m_nextUse++);
 }
 
 void VXResourceController::clearResourceCache()
 {
     m_resourceCache = MutableDictionary::create();
+    m_lastUse.clear();
 }
 
 RefPtr<VXUser> VXResourceController::userWithUserDictionary(Dictionary* dictionary)
@@ -251,7 +272,7 @@ void VXResourceController::scheduleRefresh(String* trackIdentifier, double delay
         return;
     std::string key = trackIdentifier->str();
     double due = RunLoop::current().now() + delay;
-    if (m_mergesTrackRefreshes) {
+    if (m_options.mergesTrackRefreshes) {
         // One refresh per track: a track listed on many pages (or by many
         // lists) is asked for once, at the soonest time any listing wants.
         if (m_refreshesWaitingKeys.contains(key))
@@ -282,11 +303,11 @@ void VXResourceController::scheduleRefresh(String* trackIdentifier, double delay
 
 void VXResourceController::refreshWhenRoom(Ref<String> identifier)
 {
-    if (!m_maximumTrackRefreshesInFlight || !m_apiController) {
+    if (!m_options.maximumTrackRefreshesInFlight || !m_apiController) {
         forceRefreshTrackWithIdentfier(identifier.ptr());
         return;
     }
-    if (m_refreshesInFlight >= m_maximumTrackRefreshesInFlight) {
+    if (m_refreshesInFlight >= m_options.maximumTrackRefreshesInFlight) {
         m_refreshesWaitingKeys.insert(identifier->str());
         m_refreshesWaiting.push_back(std::move(identifier));
         return;
@@ -373,7 +394,7 @@ std::string boundedReason(const std::string& reason)
 
 RefPtr<Error> VXResourceController::readAnswer(const std::function<std::string()>& what, const std::function<void()>& convert) const
 {
-    if (m_unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise) {
+    if (m_options.unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise) {
         convert();
         return nullptr;
     }
@@ -393,7 +414,7 @@ RefPtr<Error> VXResourceController::readAnswer(const std::function<std::string()
 
 RefPtr<Error> VXResourceController::recordProblem(Object* json, const std::function<std::string()>& what) const
 {
-    if (m_unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise || is<Dictionary>(json))
+    if (m_options.unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise || is<Dictionary>(json))
         return nullptr;
     std::string kind = !json ? "not JSON, or empty" : is<Array>(json) ? "a list" : "a single value";
     return Error::create(VXResourceErrorDomain, VXResourceErrorNotARecord, "The service's answer (" + what() + ") is not a record: it is " + kind + ".");

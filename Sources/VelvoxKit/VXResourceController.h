@@ -30,6 +30,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace velvox {
@@ -75,11 +76,39 @@ public:
     // Registers the eight value transformers, in the order the models need them.
     static void registerValueTransformers();
 
+    // What the store does beyond its interface's letter, for hosts that meet
+    // any service and run long. The defaults are the interface's behaviour.
+    struct Options {
+        // At most this many objects of each class are archived, and loaded
+        // from an archive that holds more: the most recently cached or
+        // updated ones, this run's before those loaded. 0: no bound. Objects
+        // left out stay in the map for the rest of the run. The default keeps
+        // the whole identity map, which then grows with every object a run meets.
+        size_t archivedObjectsPerClass { 0 };
+        // What an answer that does not fit the models does: raise (the
+        // interface's behaviour) or end its fetch or load with an error.
+        VXUnreadableAnswerPolicy unreadableAnswerPolicy { VXUnreadableAnswerPolicy::Raise };
+        // Whether a track has at most one refresh pending: seen again before
+        // it is due, it keeps the sooner of the two. Off: every sighting of an
+        // unfinished track schedules a refresh of its own.
+        bool mergesTrackRefreshes { false };
+        // How many refreshes of unfinished tracks may wait for their answers
+        // at once; one that comes due beyond that waits, in order, for one of
+        // them to end, so that polling never crowds out what the host asks
+        // for. 0: no limit, every refresh goes out when it is due.
+        size_t maximumTrackRefreshesInFlight { 0 };
+    };
+
     // init: registers the transformers, loads the identity map, and observes
     // the application's termination to save.
     static Ref<VXResourceController> create();
     // initWithApiController:
     static Ref<VXResourceController> create(VXAPIController* apiController);
+    static Ref<VXResourceController> create(VXAPIController* apiController, const Options&);
+    const Options& options() const { return m_options; }
+    // Applies from the next answer, refresh or save on (the archive bound
+    // chose what loaded already).
+    void setOptions(const Options& options) { m_options = options; }
 
     String* meUserIdentifier() const { return m_meUserIdentifier.get(); }
     // Saves the old account's played tracks, then loads the new account's
@@ -91,19 +120,6 @@ public:
     MutableDictionary& resourceCache() const { return m_resourceCache; }
     void setResourceCache(MutableDictionary& cache) { m_resourceCache = cache; }
     MutableSet* playedTrackIdentifiers() const { return m_playedTrackIdentifiers.get(); }
-    // Whether a track has at most one refresh pending: seen again before it
-    // is due, it keeps the sooner of the two. Off by default: every sighting
-    // of an unfinished track schedules a refresh of its own.
-    bool mergesTrackRefreshes() const { return m_mergesTrackRefreshes; }
-    void setMergesTrackRefreshes(bool merges) { m_mergesTrackRefreshes = merges; }
-    // How many refreshes of unfinished tracks may wait for their answers at
-    // once; a refresh that comes due beyond that waits, in order, for one of
-    // them to end, so that polling never crowds out what the host asks for.
-    // 0 (the default) means no limit: every refresh goes out when it is due.
-    size_t maximumTrackRefreshesInFlight() const { return m_maximumTrackRefreshesInFlight; }
-    void setMaximumTrackRefreshesInFlight(size_t count) { m_maximumTrackRefreshesInFlight = count; }
-    VXUnreadableAnswerPolicy unreadableAnswerPolicy() const { return m_unreadableAnswerPolicy; }
-    void setUnreadableAnswerPolicy(VXUnreadableAnswerPolicy policy) { m_unreadableAnswerPolicy = policy; }
     MutableDictionary* lastRefreshTimestamps() const { return m_lastRefreshTimestamps.get(); }
 
     // Single fetches. A cached object is answered at once; without forceRefresh
@@ -194,8 +210,12 @@ public:
     void registerLastRefreshDate(Date*, String* identifier);
 
     // Saving: the identity map, then the signed-in account's refresh dates and
-    // played tracks.
+    // played tracks. The termination save is silent about failures.
     void applicationWillTerminate(Notification*);
+    // The same save, now, making the folder first when it is missing. Every
+    // file is attempted; the first failure is answered (null: all written).
+    // A file that cannot be written keeps its earlier contents.
+    RefPtr<Error> save();
     void applicationDidEnterBackground(Notification*);
     void serializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier);
     Ref<MutableSet> deserializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier);
@@ -248,7 +268,19 @@ private:
     static std::function<std::string()> answerAbout(std::string_view record, String* identifier);
     // Under Report, the error for an answer that should have been a record.
     RefPtr<Error> recordProblem(Object* json, const std::function<std::string()>& what) const;
-    static void loadArchive(const std::string& path, const std::function<void(RefPtr<Object>)>& take);
+    // Reads an archive's root; `take` answers false when the root is not of
+    // the expected shape, and the file is then set aside as unreadable.
+    static void loadArchive(const std::string& path, const std::function<bool(RefPtr<Object>)>& take);
+    // The identity map an archive holds, with every entry that does not
+    // belong where it is filed dropped; null when the root is not a
+    // dictionary of dictionaries.
+    RefPtr<MutableDictionary> validatedResourceCache(Object* root);
+    // The identity map as archived: all of it, or the bounded part.
+    Ref<Dictionary> archivedResourceCache() const;
+    void noteUse(VXResource&);
+    RefPtr<Error> writeArchives();
+    RefPtr<Error> writePlayedTrackIdentifiers(String* meUserIdentifier);
+    RefPtr<Error> writeLastPlayedTimestamps(String* meUserIdentifier);
 
     RefPtr<String> m_meUserIdentifier;
     RefPtr<VXAPIController> m_apiController;
@@ -264,12 +296,14 @@ private:
     };
     std::multimap<std::string, PendingRefresh, std::less<>> m_pendingRefreshes;
     uint64_t m_nextRefresh { 1 };
-    bool m_mergesTrackRefreshes { false };
-    size_t m_maximumTrackRefreshesInFlight { 0 };
     size_t m_refreshesInFlight { 0 };
     std::deque<Ref<String>> m_refreshesWaiting;
     std::set<std::string, std::less<>> m_refreshesWaitingKeys;
-    VXUnreadableAnswerPolicy m_unreadableAnswerPolicy { VXUnreadableAnswerPolicy::Raise };
+    Options m_options;
+    // With a bound on the archive: when each object was last cached or
+    // updated (loaded ones in their archived order, oldest first).
+    std::unordered_map<const Object*, uint64_t> m_lastUse;
+    uint64_t m_nextUse { 1 };
 };
 
 } // namespace velvox

@@ -12,6 +12,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 using namespace velvox;
 
@@ -177,5 +178,72 @@ TEST(Files, SavesArePrivateAndHonourTheUmask)
     EXPECT_EQ(info.st_mode & 0777, 0400u) << "the umask takes away what it takes away";
     umask(old);
     chmod(file.c_str(), 0600);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Files, OnlyRegularReadableFilesAreRead)
+{
+    auto folder = std::filesystem::temp_directory_path() / ("velvox-reads-" + std::to_string(getpid()));
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder / "directory");
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    ASSERT_TRUE(FileManager::writeFileAtomically((folder / "regular").string(), "contents"));
+    std::filesystem::create_symlink(folder / "nowhere", folder / "dangling");
+    static const struct {
+        const char* path;
+        const char* reason; // null: read
+    } cases[] = {
+        { "regular", nullptr },
+        { "pipe", "not a regular file" }, // would block a reader until a writer came
+        { "directory", "Is a directory" },
+        { "dangling", "No such file or directory" },
+        { "/proc/self/mem", "Input/output error" }, // opens, as root too, but its first byte cannot be read
+        { "/dev/null", "not a regular file" },
+    };
+    for (auto& c : cases) {
+        std::string path = c.path[0] == '/' ? c.path : (folder / c.path).string();
+        RefPtr<Error> error;
+        auto data = Data::createWithContentsOfFile(path, &error);
+        if (!c.reason) {
+            ASSERT_TRUE(data) << path;
+            EXPECT_EQ(data->view(), "contents");
+            EXPECT_FALSE(error);
+            continue;
+        }
+        EXPECT_FALSE(data) << path;
+        ASSERT_TRUE(error) << path;
+        EXPECT_EQ(error->domain()->view(), POSIXErrorDomain);
+        EXPECT_EQ(error->localizedDescription()->str(), path + ": " + c.reason);
+        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithFile(path)) << path;
+    }
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Files, FailedSavesSayWhyAndKeepTheOldFile)
+{
+    auto folder = std::filesystem::temp_directory_path() / ("velvox-failed-saves-" + std::to_string(getpid()));
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder / "occupied");
+    { std::ofstream((folder / "occupied" / "keep").string()) << "x"; }
+    std::string good = (folder / "good.archive").string();
+    ASSERT_TRUE(KeyedArchiver::archiveRootObject(String::create("old").ptr(), good));
+    static const struct {
+        const char* path;
+        int code;
+    } cases[] = {
+        { "missing/a.archive", ENOENT },
+        { "good.archive/a.archive", ENOTDIR },
+        { "occupied", EISDIR },
+    };
+    for (auto& c : cases) {
+        RefPtr<Error> error;
+        std::string path = (folder / c.path).string();
+        EXPECT_FALSE(KeyedArchiver::archiveRootObject(String::create("new").ptr(), path, &error)) << c.path;
+        ASSERT_TRUE(error) << c.path;
+        EXPECT_EQ(error->code(), c.code) << c.path << ": " << error->localizedDescription()->str();
+    }
+    auto old = KeyedUnarchiver::unarchiveObjectWithFile(good);
+    ASSERT_TRUE(old);
+    EXPECT_TRUE(old->isEqual(String::create("old").ptr()));
     std::filesystem::remove_all(folder);
 }

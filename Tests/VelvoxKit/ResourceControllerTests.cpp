@@ -154,7 +154,9 @@ TEST_F(Store, MergedRefreshesAskOncePerTrackAndAFewAtATime)
     api().finish(1, R"({"id": 1, "state": "finished"})");
 
     // Merged: one refresh per track, at the soonest time asked for.
-    store->setMergesTrackRefreshes(true);
+    auto options = store->options();
+    options.mergesTrackRefreshes = true;
+    store->setOptions(options);
     store->trackWithTrackDictionary(json(R"({"id": 2, "state": "storing", "duration": 90})").ptr());
     RunLoop::current().runFor(1);
     for (int sighting = 0; sighting < 3; ++sighting)
@@ -169,7 +171,8 @@ TEST_F(Store, MergedRefreshesAskOncePerTrackAndAFewAtATime)
 
     // At most two in flight; the rest wait their turn, and a raise out of an
     // answer gives its place back too.
-    store->setMaximumTrackRefreshesInFlight(2);
+    options.maximumTrackRefreshesInFlight = 2;
+    store->setOptions(options);
     for (int id = 10; id < 15; ++id)
         store->trackWithTrackDictionary(json(format(R"({"id": %d, "state": "stored", "duration": 1})", id)).ptr());
     RunLoop::current().runFor(2.01);
@@ -200,7 +203,9 @@ TEST_F(Store, ReportedAnswersThatDoNotFitEndInErrorsNamingRecordAndField)
     store->trackForIdentifier(text("20005").ptr(), false, nullptr);
     EXPECT_ANY_THROW(api().finish(0, R"({"id": 20005, "duration": {}})"));
 
-    store->setUnreadableAnswerPolicy(VXUnreadableAnswerPolicy::Report);
+    auto options = store->options();
+    options.unreadableAnswerPolicy = VXUnreadableAnswerPolicy::Report;
+    store->setOptions(options);
     struct Case {
         std::function<void(VXResourceController&, Fetched&)> ask;
         std::string_view answer;
