@@ -18,10 +18,11 @@ int main(int argc, char** argv)
     app.add_option("--catalogue", options.cataloguePath, "A catalogue file instead of the shipped one");
     app.add_option("--processing-seconds", options.processingSeconds, "How long an upload stays \"storing\"")->default_val(3.0);
     app.add_flag("--log", options.logRequests, "Log every request");
-    app.add_option("--max-upload", options.maximumUploadBytes, "The largest request body accepted, in bytes")->default_val(64u * 1024 * 1024);
+    app.add_option("--max-upload", options.maximumUploadBytes, "The largest request body accepted, in bytes, with a length or chunked")->default_val(64u * 1024 * 1024);
     std::vector<std::string> faults;
     app.add_option("--fault", faults,
-        "Answer requests under PATH badly: PATH=latency:SECONDS, status:CODE, not-json, cut-off, drop or no-answer (repeatable)");
+        "Answer requests under PATH badly: PATH=latency:SECONDS (finite, at most 3600 applied), status:CODE, not-json, cut-off, drop "
+        "or no-answer (at most 8 held at once; past that the connection closes) (repeatable)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

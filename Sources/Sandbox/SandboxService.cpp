@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
@@ -80,6 +81,95 @@ std::string textOf(const Dictionary& record, std::string_view key)
     return string ? string->str() : std::string();
 }
 
+// What a form field or multipart part costs beside its bytes (its node and
+// strings), counted against the body limit: a body of empty fields must not
+// grow into many times its size.
+constexpr size_t fieldOverheadBytes = 128;
+
+// Adds the fields of an application/x-www-form-urlencoded body to `params`;
+// answers false, having added only some, when their cost passes `budget`.
+bool parseForm(std::string_view body, httplib::Params& params, size_t budget)
+{
+    auto decode = [](std::string_view text) {
+        std::string spaced(text);
+        std::replace(spaced.begin(), spaced.end(), '+', ' ');
+        return percentDecode(spaced);
+    };
+    while (!body.empty()) {
+        size_t ampersand = body.find('&');
+        std::string_view field = body.substr(0, ampersand);
+        body = ampersand == std::string_view::npos ? std::string_view() : body.substr(ampersand + 1);
+        if (field.empty())
+            continue;
+        if (budget < fieldOverheadBytes)
+            return false;
+        budget -= fieldOverheadBytes;
+        size_t equals = field.find('=');
+        params.emplace(decode(field.substr(0, equals)), equals == std::string_view::npos ? std::string() : decode(field.substr(equals + 1)));
+    }
+    return true;
+}
+
+// The latency a fault really waits: faults made in code may hold any double.
+double effectiveLatency(double seconds)
+{
+    if (!(seconds > 0))
+        return 0;
+    return std::min(seconds, Fault::maximumLatencySeconds);
+}
+
+// Shuts down the sockets of this process whose local end is 127.0.0.1:port
+// and whose peer is at `peerPort` (any port when 0): the connections the
+// server accepted (a client of the same process has its own port at its end).
+void shutDownConnections(int port, int peerPort = 0)
+{
+    DIR* descriptors = opendir("/proc/self/fd");
+    if (!descriptors)
+        return;
+    while (dirent* entry = readdir(descriptors)) {
+        char* end = nullptr;
+        long fd = strtol(entry->d_name, &end, 10);
+        if (!end || *end || fd < 0 || fd == dirfd(descriptors))
+            continue;
+        sockaddr_in local {}, peer {};
+        socklen_t localLength = sizeof(local), peerLength = sizeof(peer);
+        if (getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&local), &localLength) != 0 || local.sin_family != AF_INET)
+            continue;
+        if (ntohs(local.sin_port) != port || getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
+            continue;
+        if (peerPort && ntohs(peer.sin_port) != peerPort)
+            continue;
+        shutdown(static_cast<int>(fd), SHUT_RDWR);
+    }
+    closedir(descriptors);
+}
+
+// Whether the request has a body the server has not read.
+bool carriesBody(const httplib::Request& request)
+{
+    return request.has_header("Transfer-Encoding") || std::strtoull(request.get_header_value("Content-Length").c_str(), nullptr, 10) > 0;
+}
+
+// Sends the answer, then closes the connection: what is left of an unread
+// body must not be taken for the next request. The server keeps a connection
+// whatever the answer's headers say, but not when a content provider fails,
+// so the body goes out through one that fails once it has written it.
+void closeAfterAnswer(httplib::Response& response)
+{
+    if (response.body.empty())
+        return;
+    auto body = std::make_shared<std::string>(std::move(response.body));
+    response.body.clear();
+    std::string type = response.get_header_value("Content-Type");
+    response.headers.erase("Content-Type");
+    response.set_header("Connection", "close");
+    response.set_content_provider(body->size(), type, [body](size_t offset, size_t, httplib::DataSink& sink) {
+        if (!offset)
+            sink.write(body->data(), body->size());
+        return false;
+    });
+}
+
 // The numeric group of a route's pattern.
 int64_t requestIdentifier(const httplib::Request& request, size_t group = 1)
 {
@@ -109,9 +199,12 @@ struct SandboxService::Impl {
     int64_t nextCommentIdentifier { 900000 };
     std::vector<Fault> faults;
     std::map<std::string, int> requestCounts;
+    size_t countedTargetBytes { 0 };
     int totalRequests { 0 };
+    int heldRequests { 0 };
 
     bool loadCatalogue(std::string* error);
+    void countRequest(const httplib::Request&);
     void installRoutes();
     void installAccounting();
     void installMeRoutes();
@@ -143,6 +236,20 @@ struct SandboxService::Impl {
     void sendPage(const httplib::Request&, httplib::Response&, const std::vector<int64_t>& identifiers,
         const std::function<Ref<Dictionary>(int64_t)>& build) const;
     bool authorized(const httplib::Request&) const;
+
+    // Routes whose requests may carry a body (POST, PUT, DELETE). The body is
+    // read here rather than by the server, which bounds only bodies sent with
+    // a length: whether it comes with one or in chunks, past
+    // options.maximumUploadBytes the request is answered 413 and its
+    // connection closed. The handler sees the request with its body, files and
+    // form fields filled in.
+    using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+    enum class BodyMethod { Post, Put, Patch, Delete };
+    void bodyRoute(BodyMethod, const std::string& pattern, Handler);
+    // Reads the body of `request` into `into`; answers false, with the answer
+    // in `response`, when it cannot be read or is too large.
+    bool readBody(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader&, httplib::Request& into) const;
+
     // Applies a fault, if one matches; answers whether the request is answered by it.
     bool applyFault(const httplib::Request&, httplib::Response&);
 };
@@ -373,6 +480,84 @@ bool SandboxService::Impl::authorized(const httplib::Request& request) const
     return request.has_param("oauth_token") && request.get_param_value("oauth_token") == options.token;
 }
 
+void SandboxService::Impl::bodyRoute(BodyMethod method, const std::string& pattern, Handler handler)
+{
+    auto route = [this, handler = std::move(handler)](const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& reader) {
+        httplib::Request filled = request;
+        if (readBody(request, response, reader, filled))
+            handler(filled, response);
+    };
+    switch (method) {
+    case BodyMethod::Post:
+        server.Post(pattern, std::move(route));
+        break;
+    case BodyMethod::Put:
+        server.Put(pattern, std::move(route));
+        break;
+    case BodyMethod::Patch:
+        server.Patch(pattern, std::move(route));
+        break;
+    case BodyMethod::Delete:
+        server.Delete(pattern, std::move(route));
+        break;
+    }
+}
+
+bool SandboxService::Impl::readBody(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& reader,
+    httplib::Request& into) const
+{
+    if (!carriesBody(request))
+        return true;
+    const size_t limit = options.maximumUploadBytes;
+    size_t taken = 0;
+    bool tooLarge = false;
+    auto take = [&](size_t bytes) {
+        if (bytes > limit - taken) {
+            tooLarge = true;
+            return false;
+        }
+        taken += bytes;
+        return true;
+    };
+    bool read = false;
+    if (request.is_multipart_form_data()) {
+        httplib::MultipartFormDataMap::iterator part = into.files.end();
+        read = reader(
+            [&](const httplib::MultipartFormData& header) {
+                if (!take(fieldOverheadBytes + header.name.size() + header.filename.size() + header.content_type.size()))
+                    return false;
+                part = into.files.emplace(header.name, header);
+                return true;
+            },
+            [&](const char* data, size_t length) {
+                if (part == into.files.end() || !take(length))
+                    return false;
+                part->second.content.append(data, length);
+                return true;
+            });
+    } else {
+        read = reader([&](const char* data, size_t length) {
+            if (!take(length))
+                return false;
+            into.body.append(data, length);
+            return true;
+        });
+        if (read && request.get_header_value("Content-Type").starts_with("application/x-www-form-urlencoded")
+            && !parseForm(into.body, into.params, limit - taken))
+            tooLarge = true;
+    }
+    if (read && !tooLarge)
+        return true;
+    // A body declared too large is refused by the server's reader with 413 before
+    // any of it is taken; one that grows too large in chunks is cut here.
+    if (tooLarge || response.status == 413)
+        sendError(response, 413, "413 - Request Entity Too Large");
+    else
+        sendError(response, 400, "400 - Bad Request");
+    closeAfterAnswer(response);
+    return false;
+}
+
 bool SandboxService::Impl::applyFault(const httplib::Request& request, httplib::Response& response)
 {
     Fault fault;
@@ -388,7 +573,7 @@ bool SandboxService::Impl::applyFault(const httplib::Request& request, httplib::
     switch (fault.kind) {
     case Fault::Kind::Latency: {
         std::unique_lock lock(mutex);
-        stopped.wait_for(lock, std::chrono::duration<double>(fault.seconds), [&] { return stopping.load(); });
+        stopped.wait_for(lock, std::chrono::duration<double>(effectiveLatency(fault.seconds)), [&] { return stopping.load(); });
         return false;
     }
     case Fault::Kind::Status:
@@ -413,7 +598,17 @@ bool SandboxService::Impl::applyFault(const httplib::Request& request, httplib::
         return true;
     case Fault::Kind::NoAnswer: {
         std::unique_lock lock(mutex);
+        if (heldRequests >= maximumHeldRequests) {
+            // Every held request keeps a worker: past the bound, the client
+            // still gets no answer, but the worker is free at once.
+            lock.unlock();
+            shutDownConnections(port, request.remote_port);
+            response.status = 503;
+            return true;
+        }
+        ++heldRequests;
         stopped.wait(lock, [&] { return stopping.load(); });
+        --heldRequests;
         response.status = 503;
         return true;
     }
@@ -432,8 +627,15 @@ void SandboxService::Impl::installRoutes()
     installUserRoutes();
     installTrackRoutes();
     installImageRoutes();
+    // Where no route takes a body, none is read: the answer closes the connection instead.
+    auto nowhere = [this](const httplib::Request&, httplib::Response& response, const httplib::ContentReader&) {
+        sendError(response, 404, "404 - Not Found");
+        closeAfterAnswer(response);
+    };
+    server.Post(".*", nowhere).Put(".*", nowhere).Patch(".*", nowhere).Delete(".*", nowhere);
     server.set_error_handler([this](const httplib::Request&, httplib::Response& response) {
-        if (response.status == 404 && response.body.empty())
+        // An answer that closes its connection has its body in a content provider already.
+        if (response.status == 404 && response.body.empty() && !response.has_header("Connection"))
             sendError(response, 404, "404 - Not Found");
     });
     server.set_exception_handler([this](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
@@ -441,29 +643,50 @@ void SandboxService::Impl::installRoutes()
     });
 }
 
+void SandboxService::Impl::countRequest(const httplib::Request& request)
+{
+    std::string target = request.method + " " + request.path;
+    bool first = true;
+    for (auto& [name, value] : request.params) {
+        if (request.method == "GET" || request.method == "DELETE") {
+            target += (first ? "?" : "&") + name + "=" + value;
+            first = false;
+        }
+    }
+    std::lock_guard lock(mutex);
+    ++totalRequests;
+    if (auto it = requestCounts.find(target); it != requestCounts.end())
+        ++it->second;
+    else if (requestCounts.size() < maximumCountedTargets && countedTargetBytes + target.size() <= maximumCountedTargetBytes) {
+        countedTargetBytes += target.size();
+        requestCounts.emplace(std::move(target), 1);
+    }
+}
+
 // Counts every request, logs it, checks the token and applies the fault modes.
 void SandboxService::Impl::installAccounting()
 {
     server.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
-        {
-            std::lock_guard lock(mutex);
-            std::string key = request.method + " " + request.path;
-            std::string query;
-            for (auto& [name, value] : request.params) {
-                if (request.method == "GET" || request.method == "DELETE")
-                    query += (query.empty() ? "?" : "&") + name + "=" + value;
-            }
-            ++requestCounts[key + query];
-            ++totalRequests;
+        countRequest(request);
+        // Answered here, a request's body is never read.
+        auto answered = [&] {
+            if (carriesBody(request))
+                closeAfterAnswer(response);
+            return httplib::Server::HandlerResponse::Handled;
+        };
+        // The server would read a body of this method itself, without a bound.
+        if (request.method == "PRI") {
+            sendError(response, 405, "405 - Method Not Allowed");
+            return answered();
         }
         if (options.logRequests)
             VXLog("velvox-sandbox: %s %s", request.method, request.path);
         if (!request.path.starts_with("/images/") && !authorized(request)) {
             sendError(response, 401, "401 - Unauthorized");
-            return httplib::Server::HandlerResponse::Handled;
+            return answered();
         }
         if (applyFault(request, response))
-            return httplib::Server::HandlerResponse::Handled;
+            return answered();
         return httplib::Server::HandlerResponse::Unhandled;
     });
 }
@@ -549,7 +772,7 @@ void SandboxService::Impl::installSocialRoutes()
             return sendError(response, 404, "404 - Not Found");
         sendJSON(response, fullUser(other).ptr());
     });
-    server.Put(R"(/me/followings/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
+    bodyRoute(BodyMethod::Put, R"(/me/followings/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         int64_t other = requestIdentifier(request);
         if (!users.count(other))
@@ -557,14 +780,14 @@ void SandboxService::Impl::installSocialRoutes()
         bool added = follows.emplace(me, other).second;
         sendJSON(response, fullUser(other).ptr(), added ? 201 : 200);
     });
-    server.Delete(R"(/me/followings/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
+    bodyRoute(BodyMethod::Delete, R"(/me/followings/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         int64_t other = requestIdentifier(request);
         if (!follows.erase({ me, other }))
             return sendError(response, 404, "404 - Not Found");
         sendJSON(response, Dictionary::create({ { "status", String::create("200 - OK").ptr() } }).ptr());
     });
-    server.Put(R"(/me/favorites/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
+    bodyRoute(BodyMethod::Put, R"(/me/favorites/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         int64_t track = requestIdentifier(request);
         if (!tracks.count(track))
@@ -572,7 +795,7 @@ void SandboxService::Impl::installSocialRoutes()
         bool added = favorites.emplace(me, track).second;
         sendJSON(response, Dictionary::create({ { "status", String::create(added ? "201 - Created" : "200 - OK").ptr() } }).ptr(), added ? 201 : 200);
     });
-    server.Delete(R"(/me/favorites/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
+    bodyRoute(BodyMethod::Delete, R"(/me/favorites/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         if (!favorites.erase({ me, requestIdentifier(request) }))
             return sendError(response, 404, "404 - Not Found");
@@ -706,7 +929,7 @@ void SandboxService::Impl::installTrackRoutes()
         }
         sendPage(request, response, favoriters, userBuilder());
     });
-    server.Post(R"(/tracks/(\d+)/comments)", [this](const httplib::Request& request, httplib::Response& response) {
+    bodyRoute(BodyMethod::Post, R"(/tracks/(\d+)/comments)", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         int64_t track = requestIdentifier(request);
         if (!tracks.count(track))
@@ -734,7 +957,7 @@ void SandboxService::Impl::installTrackRoutes()
     });
 
     // Uploads: a multipart (or form) POST makes a track that is "storing" for a while.
-    server.Post("/tracks", [this](const httplib::Request& request, httplib::Response& response) {
+    bodyRoute(BodyMethod::Post, "/tracks", [this](const httplib::Request& request, httplib::Response& response) {
         std::lock_guard lock(mutex);
         auto field = [&](const std::string& name) -> std::string {
             if (request.has_file(name))
@@ -782,34 +1005,6 @@ void SandboxService::Impl::installImageRoutes()
 }
 
 // MARK: Life cycle
-
-namespace {
-
-// The sockets of this process whose local end is 127.0.0.1:port and that have
-// a peer: the connections the server accepted (a client of the same process
-// has its own port at its end).
-void shutDownAcceptedConnections(int port)
-{
-    DIR* descriptors = opendir("/proc/self/fd");
-    if (!descriptors)
-        return;
-    while (dirent* entry = readdir(descriptors)) {
-        char* end = nullptr;
-        long fd = strtol(entry->d_name, &end, 10);
-        if (!end || *end || fd < 0 || fd == dirfd(descriptors))
-            continue;
-        sockaddr_in local {}, peer {};
-        socklen_t localLength = sizeof(local), peerLength = sizeof(peer);
-        if (getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&local), &localLength) != 0 || local.sin_family != AF_INET)
-            continue;
-        if (ntohs(local.sin_port) != port || getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
-            continue;
-        shutdown(static_cast<int>(fd), SHUT_RDWR);
-    }
-    closedir(descriptors);
-}
-
-} // namespace
 
 bool SandboxService::start(std::string* error)
 {
@@ -867,7 +1062,7 @@ void SandboxService::stop()
     // Workers finish the request they are reading before they look at the
     // stop; a client that sends slowly (or not at all) would hold stop() for as
     // long as it likes. Cut the server's side of every open connection instead.
-    shutDownAcceptedConnections(impl.port);
+    shutDownConnections(impl.port);
     impl.thread.join();
 }
 
@@ -933,11 +1128,24 @@ int SandboxService::totalRequestCount() const
     return m_impl->totalRequests;
 }
 
+size_t SandboxService::countedTargetCount() const
+{
+    std::lock_guard lock(m_impl->mutex);
+    return m_impl->requestCounts.size();
+}
+
 void SandboxService::resetRequestCounts()
 {
     std::lock_guard lock(m_impl->mutex);
     m_impl->requestCounts.clear();
+    m_impl->countedTargetBytes = 0;
     m_impl->totalRequests = 0;
+}
+
+int SandboxService::heldRequestCount() const
+{
+    std::lock_guard lock(m_impl->mutex);
+    return m_impl->heldRequests;
 }
 
 bool parseFault(std::string_view text, Fault& fault, std::string* problem)
@@ -965,9 +1173,13 @@ bool parseFault(std::string_view text, Fault& fault, std::string* problem)
         return !digits.empty() && end && !*end && out >= 0;
     };
     double value = 0;
-    if (mode == "latency" && number(value))
-        fault.kind = Fault::Kind::Latency, fault.seconds = value;
-    else if (mode == "status" && number(value) && value >= 100 && value <= 599)
+    if (mode == "latency") {
+        // strtod takes "inf", "nan" and 1e308, none of which a clock can wait.
+        if (!number(value) || !std::isfinite(value))
+            return fail("latency:SECONDS needs a finite number of seconds, 0 or more, not \"" + std::string(argument) + "\"");
+        fault.kind = Fault::Kind::Latency;
+        fault.seconds = std::min(value, Fault::maximumLatencySeconds);
+    } else if (mode == "status" && number(value) && value >= 100 && value <= 599)
         fault.kind = Fault::Kind::Status, fault.status = static_cast<int>(value);
     else if (mode == "not-json" && argument.empty())
         fault.kind = Fault::Kind::NotJSON;

@@ -21,18 +21,26 @@ namespace velvox::sandbox {
 // A fault injected into the answers of paths that start with `pathPrefix`.
 // Parses "PATH=MODE" as the command line gives a fault: MODE is one of
 // latency:SECONDS, status:CODE, not-json, cut-off, drop, no-answer. Answers
-// false, with the reason, for anything else.
+// false, with the reason, for anything else (a latency that is negative or not
+// a finite number included); a latency above Fault::maximumLatencySeconds is
+// cut to it.
 struct Fault;
 bool parseFault(std::string_view text, Fault& fault, std::string* problem);
 
 struct Fault {
+    // The longest latency applied (an hour); a longer one, or an infinite one
+    // given through addFault(), waits this long.
+    static constexpr double maximumLatencySeconds = 3600;
+
     enum class Kind {
         Latency,  // answer normally, `seconds` late
         Status,   // answer with `status` and a JSON error body
         NotJSON,  // answer 200 with a body that is not JSON
         CutOff,   // announce the whole body, send half of it, close
         Drop,     // send the headers, then close the connection
-        NoAnswer, // accept the request and never answer (until the service stops)
+        NoAnswer, // accept the request and never answer (until the service stops);
+                  // beyond SandboxService::maximumHeldRequests held at once, the
+                  // connection is closed without an answer
     };
     Kind kind { Kind::Latency };
     std::string pathPrefix { "/" };
@@ -55,7 +63,8 @@ public:
         // How many activities one page of a feed holds.
         int activityPageSize { 10 };
         bool logRequests { false };
-        // The largest request body (an upload) it reads; a larger one is answered 413.
+        // The largest request body (an upload) it reads, sent with a length or
+        // in chunks; a larger one is answered 413 and its connection closed.
         size_t maximumUploadBytes { 64u * 1024 * 1024 };
     };
 
@@ -78,9 +87,23 @@ public:
     void clearFaults();
 
     // How many requests reached a handler, by "METHOD /path?query" as sent.
+    // Only the first maximumCountedTargets distinct targets (and no more than
+    // maximumCountedTargetBytes of them) are counted one by one, so that
+    // clients sending ever new targets cannot grow the table without bound;
+    // later new targets count only in the total.
     int requestCount(const std::string& methodAndPathWithQuery) const;
     int totalRequestCount() const;
+    // How many distinct targets requestCount() holds.
+    size_t countedTargetCount() const;
     void resetRequestCounts();
+    static constexpr size_t maximumCountedTargets = 4096;
+    static constexpr size_t maximumCountedTargetBytes = 1024 * 1024;
+
+    // Requests a no-answer fault holds take a worker each; at most this many
+    // are held at once, so that the other paths keep workers to answer them.
+    static constexpr int maximumHeldRequests = 8;
+    // How many requests a no-answer fault holds now.
+    int heldRequestCount() const;
 
     // One track record of the shipped catalogue as the service sends it in
     // lists (without the embedded user), its URLs pointing at `baseURL`. Null
