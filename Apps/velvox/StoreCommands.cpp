@@ -529,8 +529,15 @@ int view(Session& session, const StoreCommand& command)
         auto track = fetchTrack(session, command.arguments[1], code, true);
         if (!track)
             return code;
-        track->user();
-        session.waitFor([&] { return track->user().get() != nullptr; }, 10);
+        // The comments' path needs the track's id, and its owner needs one too.
+        if (!track->resourceIdentifier()) {
+            fprintf(stderr, "velvox view: the service's answer (track %s) has no \"id\"\n", command.arguments[1].c_str());
+            return ExitService;
+        }
+        if (track->userIdentifier()) {
+            track->user();
+            session.waitFor([&] { return track->user().get() != nullptr; }, 10);
+        }
         auto comments = store.commentsForTrackIdentifier(track->resourceIdentifier());
         if (int code = session.loadCollection("view", comments))
             return code;

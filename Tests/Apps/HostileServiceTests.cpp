@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -283,7 +284,15 @@ TEST_F(HostileService, RecordsOfTheWrongShapeAreServiceErrorsNotCrashes)
         { "GET /me/activities/tracks", R"({"collection": [{"type": 5, "created_at": "2024/01/02 03:04:05 +0000"}]})", "dashboard", "\"type\"" },
         { "GET /me/activities/tracks", R"({"collection": [], "next_href": "http://service.test/x?cursor"})", "dashboard", "" },
         { "GET /me/activities/tracks", "[]", "dashboard", "unexpected result" },
+        { "GET /tracks/20005", R"({"title": "no id", "state": "finished"})", "view track 20005 -o view.html", "\"id\"" },
+        { "GET /tracks/20005", trackRecord("id", "null"), "view track 20005 -o view.html", "\"id\"" },
+        { "POST /tracks", trackRecord("id", R"({"a": 1})"), "upload sound.wav --title Hostile", "\"id\"" },
+        { "POST /tracks", "[]", "upload sound.wav --title Hostile", "not a record" },
     };
+    {
+        std::ofstream sound(folder.path() + "/sound.wav", std::ios::binary);
+        sound << std::string(1024, 'x');
+    }
     for (auto& c : cases) {
         answer(c.request, { c.status, c.body });
         auto outcome = velvox(c.command);
@@ -292,6 +301,11 @@ TEST_F(HostileService, RecordsOfTheWrongShapeAreServiceErrorsNotCrashes)
         EXPECT_FALSE(contains(outcome, "Exception reached")) << outcome.output;
         answer(c.request, c.request == "GET /me" ? Answer { 200, meRecord } : Answer { 404, "{}" });
     }
+    // A track without an owner still has its view.
+    answer("GET /tracks/20005", { 200, R"({"id": 20005, "title": "Orphan", "state": "finished"})" });
+    answer("GET /tracks/20005/comments", { 200, "[]" });
+    auto orphan = velvox("view track 20005 -o orphan.html");
+    EXPECT_EQ(orphan.status, 0) << orphan.output;
     // The archives of those runs are whole: the next run works.
     answer("GET /tracks/20005", { 200, trackRecord() });
     EXPECT_EQ(velvox("track 20005 --refresh").status, 0);
