@@ -7,6 +7,8 @@
 // saved again. No crash, leak, hang or exception may come out.
 
 #include <Platform/Platform.h>
+
+#include "ArchiveFraming.h"
 #include <VelvoxKit/VXResourceController.h>
 
 #include <cstdint>
@@ -17,16 +19,6 @@
 using namespace velvox;
 
 namespace {
-
-uint64_t fnv1a(const std::string& bytes)
-{
-    uint64_t hash = 0xcbf29ce484222325ull;
-    for (unsigned char c : bytes) {
-        hash ^= c;
-        hash *= 0x100000001b3ull;
-    }
-    return hash;
-}
 
 std::string& dataFolder()
 {
@@ -59,11 +51,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    std::string archive("VXKA\x01", 5);
-    archive.append(reinterpret_cast<const char*>(data), size);
-    uint64_t checksum = fnv1a(archive);
-    for (int i = 0; i < 8; ++i)
-        archive.push_back(static_cast<char>(checksum >> (8 * i)));
+    std::string archive = fuzz::framedArchive(data, size);
     std::string folder = stringByAppendingPathComponent(dataFolder(), "Velvox");
     FileManager::defaultManager().removeItemAtPath(folder);
     FileManager::defaultManager().createDirectoryAtPath(folder, true);

@@ -5,6 +5,8 @@
 
 #include <Platform/Platform.h>
 
+#include "ArchiveFraming.h"
+
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -12,16 +14,6 @@
 using namespace velvox;
 
 namespace {
-
-uint64_t fnv1a(const std::string& bytes)
-{
-    uint64_t hash = 0xcbf29ce484222325ull;
-    for (unsigned char c : bytes) {
-        hash ^= c;
-        hash *= 0x100000001b3ull;
-    }
-    return hash;
-}
 
 // A coded class, so that the coded-object path is reached too.
 bool registerSample()
@@ -43,11 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static bool registered = registerSample();
     (void)registered;
-    std::string archive("VXKA\x01", 5);
-    archive.append(reinterpret_cast<const char*>(data), size);
-    uint64_t checksum = fnv1a(archive);
-    for (int i = 0; i < 8; ++i)
-        archive.push_back(static_cast<char>(checksum >> (8 * i)));
+    std::string archive = fuzz::framedArchive(data, size);
     auto root = KeyedUnarchiver::unarchiveObjectWithData(*Data::create(archive));
     if (root) {
         // What was read can be described, compared, hashed and written again.

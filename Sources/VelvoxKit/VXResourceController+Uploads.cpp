@@ -23,12 +23,8 @@ void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, Uploa
         progressBlock(uploading.ptr(), value);
     };
     auto completion = [protectedThis, completionBlock = std::move(completionBlock)](VXAPIController*, Object* json, Error* error) {
-        RefPtr<Error> failure = error;
-        auto what = [] { return std::string("the uploaded track"); };
-        if (!failure)
-            failure = protectedThis->recordProblem(json, what);
-        if (!failure)
-            failure = protectedThis->readAnswer(what, [&] { protectedThis->updateCacheForResource<VXTrack>(nullptr, dynamicDowncast<Dictionary>(json)); });
+        auto failure = protectedThis->readRecord(json, error, [] { return std::string("the uploaded track"); },
+            [&](Dictionary* record) { protectedThis->updateCacheForResource<VXTrack>(nullptr, record); });
         if (completionBlock)
             completionBlock(failure && !error ? nullptr : json, failure.get());
     };
@@ -63,12 +59,8 @@ void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifie
     Ref protectedThis { *this };
     m_apiController->postCommentForTrackIdentifer(trackIdentifier, parameters, [protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
         RefPtr<VXComment> comment;
-        RefPtr<Error> failure = error;
-        auto what = [] { return std::string("the posted comment"); };
-        if (!failure)
-            failure = protectedThis->recordProblem(json, what);
-        if (!failure)
-            failure = protectedThis->readAnswer(what, [&] { comment = protectedThis->updateCacheForResource<VXComment>(nullptr, dynamicDowncast<Dictionary>(json)); });
+        auto failure = protectedThis->readRecord(json, error, [] { return std::string("the posted comment"); },
+            [&](Dictionary* record) { comment = protectedThis->updateCacheForResource<VXComment>(nullptr, record); });
         if (block)
             block(comment.get(), failure.get());
     });

@@ -354,11 +354,7 @@ RefPtr<VXResource> VXResourceController::fetch(VXResource* cached, bool forceRef
         Ref protectedThis { *this };
         send([protectedThis, what = std::move(what), convert = std::move(convert), block = std::move(block)](VXAPIController*, Object* json, Error* error) {
             RefPtr<VXResource> resource;
-            RefPtr<Error> failure = error;
-            if (!failure)
-                failure = protectedThis->recordProblem(json, what);
-            if (!failure)
-                failure = protectedThis->readAnswer(what, [&] { resource = convert(dynamicDowncast<Dictionary>(json)); });
+            auto failure = protectedThis->readRecord(json, error, what, [&](Dictionary* record) { resource = convert(record); });
             block(resource.get(), failure.get());
         });
     }
@@ -412,12 +408,17 @@ RefPtr<Error> VXResourceController::readAnswer(const std::function<std::string()
     }
 }
 
-RefPtr<Error> VXResourceController::recordProblem(Object* json, const std::function<std::string()>& what) const
+RefPtr<Error> VXResourceController::readRecord(Object* json, Error* error, const std::function<std::string()>& what,
+    const std::function<void(Dictionary*)>& convert) const
 {
-    if (m_options.unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Raise || is<Dictionary>(json))
-        return nullptr;
-    std::string kind = !json ? "not JSON, or empty" : is<Array>(json) ? "a list" : "a single value";
-    return Error::create(VXResourceErrorDomain, VXResourceErrorNotARecord, "The service's answer (" + what() + ") is not a record: it is " + kind + ".");
+    if (error)
+        return error;
+    auto* record = dynamicDowncast<Dictionary>(json);
+    if (!record && m_options.unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Report) {
+        std::string kind = !json ? "not JSON, or empty" : is<Array>(json) ? "a list" : "a single value";
+        return Error::create(VXResourceErrorDomain, VXResourceErrorNotARecord, "The service's answer (" + what() + ") is not a record: it is " + kind + ".");
+    }
+    return readAnswer(what, [&] { convert(record); });
 }
 
 std::function<std::string()> VXResourceController::answerAbout(std::string_view record, String* identifier)
@@ -474,12 +475,8 @@ RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserB
         Ref protectedThis { *this };
         m_apiController->meUserRessouce([protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
             RefPtr<VXUser> user;
-            RefPtr<Error> failure = error;
-            auto what = [] { return std::string("the signed-in user"); };
-            if (!failure)
-                failure = protectedThis->recordProblem(json, what);
-            if (!failure)
-                failure = protectedThis->readAnswer(what, [&] { user = protectedThis->updateCacheForResource<VXUser>(nullptr, dynamicDowncast<Dictionary>(json)); });
+            auto failure = protectedThis->readRecord(json, error, [] { return std::string("the signed-in user"); },
+                [&](Dictionary* record) { user = protectedThis->updateCacheForResource<VXUser>(nullptr, record); });
             if (block)
                 block(user.get(), failure.get());
             // A failed "/me" forgets the signed-in user.

@@ -266,8 +266,11 @@ private:
     RefPtr<Error> readAnswer(const std::function<std::string()>& what, const std::function<void()>& convert) const;
     // What an answer was about, for messages: "track 20005".
     static std::function<std::string()> answerAbout(std::string_view record, String* identifier);
-    // Under Report, the error for an answer that should have been a record.
-    RefPtr<Error> recordProblem(Object* json, const std::function<std::string()>& what) const;
+    // An answer that should be a record, handed to `convert` (as null when it
+    // is not a record, under Raise): the request's error, the error of an
+    // answer that is not a record (under Report), readAnswer's, or null.
+    RefPtr<Error> readRecord(Object* json, Error* error, const std::function<std::string()>& what,
+        const std::function<void(Dictionary*)>& convert) const;
     // Reads an archive's root; `take` answers false when the root is not of
     // the expected shape, and the file is then set aside as unreadable.
     static void loadArchive(const std::string& path, const std::function<bool(RefPtr<Object>)>& take);
