@@ -2,7 +2,8 @@
 
 #include "VXAPITimestampValueTransformer.h"
 #include "VXActivityTypeValueTransformer.h"
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
+#include "VXTrack.h"
 #include "VXStringToArrayValueTransformer.h"
 
 #include <Platform/ValueTransformer.h>
@@ -33,7 +34,7 @@ bool VXActivity::updateWithDictionary(Dictionary* dictionary)
     if (auto* note = origin ? origin->objectForKey<Dictionary>("sharing_note") : nullptr)
         setSharingNote(VXSharingNote::create(note).ptr());
 
-    auto& store = VXResourceController::sharedResourceController();
+    auto& store = VXResourceStore::shared();
     switch (type()) {
     case VXActivityTypeUnknown:
         VXAssert(false, "Invalid Activity type");

@@ -2,7 +2,9 @@
 
 #include "VXAPITimestampValueTransformer.h"
 #include "VXNumberToStringValueTransformer.h"
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
+#include "VXUser.h"
+#include "VXTrack.h"
 #include "VXTimeIntervalValueTransformer.h"
 #include "VXURLStringValueTransformer.h"
 
@@ -40,7 +42,7 @@ RefPtr<VXTrack> VXComment::track(bool forceRefresh)
 {
     if (!trackIdentifier())
         return nullptr;
-    return VXResourceController::sharedResourceController().trackForIdentifier(trackIdentifier(), forceRefresh,
+    return VXResourceStore::shared().trackForIdentifier(trackIdentifier(), forceRefresh,
         relatedResourceHandler("VXComment - Track fetch error: %@", Posting::Plain));
 }
 
@@ -54,7 +56,7 @@ RefPtr<VXUser> VXComment::user(bool forceRefresh)
     if (!userIdentifier())
         return nullptr;
     // The track model's text, kept for the comment too.
-    return VXResourceController::sharedResourceController().userForIdentifier(userIdentifier(), forceRefresh,
+    return VXResourceStore::shared().userForIdentifier(userIdentifier(), forceRefresh,
         relatedResourceHandler("VXTrack - User fetch error: %@", Posting::Plain));
 }
 

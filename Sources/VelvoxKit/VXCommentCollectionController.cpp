@@ -1,6 +1,7 @@
 #include "VXCommentCollectionController.h"
 
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
+#include "VXComment.h"
 
 #include <Platform/Platform.h>
 
@@ -15,7 +16,7 @@ Ref<VXCommentCollectionController> VXCommentCollectionController::create(const S
 
 Ref<Object> VXCommentCollectionController::itemFromDictionary(Object* dictionary)
 {
-    auto item = VXResourceController::sharedResourceController().commentWithCommentDictionary(dynamicDowncast<Dictionary>(dictionary));
+    auto item = VXResourceStore::shared().commentWithCommentDictionary(dynamicDowncast<Dictionary>(dictionary));
     VXAssert(item, "a page holds an item that is not a record");
     return item.releaseNonNull();
 }

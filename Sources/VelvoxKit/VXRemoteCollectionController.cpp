@@ -1,6 +1,6 @@
 #include "VXRemoteCollectionController.h"
 
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
 
 #include <Platform/Platform.h>
 
@@ -25,7 +25,7 @@ void VXRemoteCollectionController::loadMoreItemsForReloadOperationType(ZURemoteC
         return;
     Ref protectedThis { *this };
     ZURemoteCollectionController::loadMoreItemsForReloadOperationType(operation, forEnd);
-    VXResourceController::sharedResourceController().loadForCollectionController(*this);
+    VXResourceStore::shared().loadForCollectionController(*this);
 }
 
 RefPtr<Dictionary> VXRemoteCollectionController::requestParameters() const

@@ -71,13 +71,31 @@ void VXResourceController::registerValueTransformers()
 
 VXResourceController::VXResourceController()
     : m_resourceCache(MutableDictionary::create())
+    , m_poller([this](String* identifier, std::shared_ptr<void> slot) {
+        if (!slot) {
+            forceRefreshTrackWithIdentfier(identifier);
+            return;
+        }
+        trackForIdentifier(identifier, true, [slot = std::move(slot)](VXTrack*, Error*) { });
+    })
 {
+}
+
+VXResourceStore& VXResourceStore::shared()
+{
+    return VXResourceController::sharedResourceController();
+}
+
+void VXResourceController::setOptions(const Options& options)
+{
+    m_options = options;
+    m_poller.setLimits({ options.mergesTrackRefreshes, options.maximumTrackRefreshesInFlight });
 }
 
 VXResourceController::~VXResourceController()
 {
     m_terminationObserver.cancel();
-    m_pendingRefreshes.clear();
+    m_poller.stop();
 }
 
 Ref<VXResourceController> VXResourceController::create()
@@ -88,7 +106,7 @@ Ref<VXResourceController> VXResourceController::create()
 Ref<VXResourceController> VXResourceController::create(VXAPIController* apiController, const Options& options)
 {
     auto store = adoptRef(*new VXResourceController);
-    store->m_options = options;
+    store->setOptions(options);
     registerValueTransformers();
     // The archive holds model objects; their classes must be known to read it.
     VXRegisterArchiveClasses();
@@ -252,7 +270,7 @@ RefPtr<VXTrack> VXResourceController::trackWithTrackDictionary(Dictionary* dicti
     auto track = updateCacheForResource<VXTrack>(nullptr, dictionary);
     // Still being processed (or in no known state): look again later.
     if (track->state() != VXTrackStateFailed && track->state() != VXTrackStateFinished)
-        scheduleRefresh(track->resourceIdentifier(), std::max(2 * track->duration(), 2.0));
+        m_poller.schedule(track->resourceIdentifier(), std::max(2 * track->duration(), 2.0));
     userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary->objectForKey(&userKey())));
     return track;
 }
@@ -264,78 +282,6 @@ RefPtr<VXComment> VXResourceController::commentWithCommentDictionary(Dictionary*
     auto comment = updateCacheForResource<VXComment>(nullptr, dictionary);
     userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary->objectForKey(&userKey())));
     return comment;
-}
-
-void VXResourceController::scheduleRefresh(String* trackIdentifier, double delay)
-{
-    if (!trackIdentifier)
-        return;
-    std::string key = trackIdentifier->str();
-    double due = RunLoop::current().now() + delay;
-    if (m_options.mergesTrackRefreshes) {
-        // One refresh per track: a track listed on many pages (or by many
-        // lists) is asked for once, at the soonest time any listing wants.
-        if (m_refreshesWaitingKeys.contains(key))
-            return;
-        if (auto pending = m_pendingRefreshes.find(key); pending != m_pendingRefreshes.end()) {
-            if (pending->second.due <= due)
-                return;
-            m_pendingRefreshes.erase(pending);
-        }
-    }
-    Ref<String> identifier = *trackIdentifier;
-    uint64_t serial = m_nextRefresh++;
-    // The store stops its timers when it goes, so the timer may use it bare.
-    auto timer = RunLoop::current().performAfterDelay(delay, [this, key, serial, identifier] {
-        Ref protectedThis { *this };
-        auto [first, last] = m_pendingRefreshes.equal_range(key);
-        for (auto entry = first; entry != last; ++entry) {
-            if (entry->second.serial == serial) {
-                // Kept until the call ends: erasing it cancels this very timer.
-                auto finished = m_pendingRefreshes.extract(entry);
-                refreshWhenRoom(identifier);
-                return;
-            }
-        }
-    });
-    m_pendingRefreshes.emplace(std::move(key), PendingRefresh { due, serial, std::move(timer) });
-}
-
-void VXResourceController::refreshWhenRoom(Ref<String> identifier)
-{
-    if (!m_options.maximumTrackRefreshesInFlight || !m_apiController) {
-        forceRefreshTrackWithIdentfier(identifier.ptr());
-        return;
-    }
-    if (m_refreshesInFlight >= m_options.maximumTrackRefreshesInFlight) {
-        m_refreshesWaitingKeys.insert(identifier->str());
-        m_refreshesWaiting.push_back(std::move(identifier));
-        return;
-    }
-    // The slot is given back when the block goes, whether it ran or a raise
-    // under VXUnreadableAnswerPolicy::Raise dropped it; later, from the loop,
-    // since that may be in the middle of unwinding.
-    struct Slot {
-        Ref<VXResourceController> store;
-        ~Slot()
-        {
-            RunLoop::current().post([store = store] { store->refreshDidEnd(); });
-        }
-    };
-    ++m_refreshesInFlight;
-    std::shared_ptr<Slot> slot(new Slot { *this });
-    trackForIdentifier(identifier.ptr(), true, [slot](VXTrack*, Error*) { });
-}
-
-void VXResourceController::refreshDidEnd()
-{
-    --m_refreshesInFlight;
-    if (m_refreshesWaiting.empty())
-        return;
-    auto next = std::move(m_refreshesWaiting.front());
-    m_refreshesWaiting.pop_front();
-    m_refreshesWaitingKeys.erase(next->str());
-    refreshWhenRoom(std::move(next));
 }
 
 void VXResourceController::forceRefreshTrackWithIdentfier(String* identifier)
@@ -538,7 +484,7 @@ VXResourceController::Statistics VXResourceController::resourceCacheStatistics()
         statistics.classes.push_back(std::move(perClass));
     }
     std::sort(statistics.classes.begin(), statistics.classes.end(), [](auto& a, auto& b) { return a.className < b.className; });
-    statistics.pendingTrackRefreshes = m_pendingRefreshes.size() + m_refreshesWaiting.size() + m_refreshesInFlight;
+    statistics.pendingTrackRefreshes = m_poller.pendingCount();
     return statistics;
 }
 

@@ -18,6 +18,8 @@
 #include "VXUserCollectionController.h"
 #include "VXTrack.h"
 #include "VXUser.h"
+#include "VXResourceStore.h"
+#include "VXTrackPoller.h"
 
 #include <Platform/Collections.h>
 #include <Platform/NotificationCenter.h>
@@ -25,9 +27,7 @@
 #include <Platform/Values.h>
 
 #include <functional>
-#include <deque>
 #include <map>
-#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -56,16 +56,14 @@ enum : int64_t {
 enum class VXUnreadableAnswerPolicy { Raise, Report };
 
 // A ZUObject for its key-value observing: "meUserIdentifier" is announced.
-class VXResourceController final : public ZUObject {
+class VXResourceController final : public ZUObject, public VXResourceStore {
     VX_OBJECT(VXResourceController)
 public:
-    using UserBlock = std::function<void(VXUser* user, Error* error)>;
-    using TrackBlock = std::function<void(VXTrack* track, Error* error)>;
+    using VXResourceStore::FollowCheckBlock;
+    using VXResourceStore::ResultBlock;
+    using VXResourceStore::TrackBlock;
+    using VXResourceStore::UserBlock;
     using CommentBlock = std::function<void(VXComment* comment, Error* error)>;
-    // Follow checks: a number 1 (yes), 0 (no) or -1 (other error).
-    using FollowCheckBlock = std::function<void(Number* result, Error* error)>;
-    // Follow changes and uploads: the decoded answer as it came.
-    using ResultBlock = std::function<void(Object* result, Error* error)>;
 
     // The shared store, made on first use with plain create() (which loads
     // the identity map) and kept for the life of the process.
@@ -108,9 +106,9 @@ public:
     const Options& options() const { return m_options; }
     // Applies from the next answer, refresh or save on (the archive bound
     // chose what loaded already).
-    void setOptions(const Options& options) { m_options = options; }
+    void setOptions(const Options&);
 
-    String* meUserIdentifier() const { return m_meUserIdentifier.get(); }
+    String* meUserIdentifier() const override { return m_meUserIdentifier.get(); }
     // Saves the old account's played tracks, then loads the new account's
     // played tracks and refresh dates; announced to observers of
     // "meUserIdentifier". The current identifier again changes nothing.
@@ -126,21 +124,21 @@ public:
     // the block is then not called. Otherwise the request goes out, the cached
     // object (or null) is answered, and the block gets the fresh object.
     RefPtr<VXUser> meUserForceRefresh(bool forceRefresh, UserBlock block);
-    RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block);
-    RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block);
+    RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block) override;
+    RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block) override;
     RefPtr<VXComment> commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block);
 
     // JSON into the identity map.
-    RefPtr<VXUser> userWithUserDictionary(Dictionary*);
+    RefPtr<VXUser> userWithUserDictionary(Dictionary*) override;
     // Also caches the embedded "user", and schedules a refresh of a track the
     // service has not finished (or failed) after max(2 × duration, 2) seconds
     // (each time it is seen, unless mergesTrackRefreshes()).
-    RefPtr<VXTrack> trackWithTrackDictionary(Dictionary*);
-    RefPtr<VXComment> commentWithCommentDictionary(Dictionary*);
+    RefPtr<VXTrack> trackWithTrackDictionary(Dictionary*) override;
+    RefPtr<VXComment> commentWithCommentDictionary(Dictionary*) override;
     void forceRefreshTrackWithIdentfier(String* identifier);
 
     // The identity map: class name, then identifier.
-    RefPtr<VXResource> cachedResource(std::string_view className, String* identifier) const;
+    RefPtr<VXResource> cachedResource(std::string_view className, String* identifier) const override;
     RefPtr<VXResource> cachedResource(std::string_view className, std::string_view identifier) const;
     template<typename T>
     RefPtr<T> cachedResource(String* identifier) const
@@ -182,7 +180,7 @@ public:
     Ref<VXCommentCollectionController> commentsForTrackIdentifier(String* trackIdentifier);
     // The loader of every collection: one GET of its resource and request
     // parameters; the page reaches the collection, or the error does.
-    void loadForCollectionController(VXRemoteCollectionController&);
+    void loadForCollectionController(VXRemoteCollectionController&) override;
 
     // Uploads: the progress block gets the track made from the upload's own
     // fields and the progress; the completion block gets the decoded answer
@@ -196,14 +194,14 @@ public:
     void postCommentWithTrackIdentifier(String* trackIdentifier, Dictionary* parameters, CommentBlock block);
 
     // Follow checks answer -2 (pending) at once; the block gets 1, 0 or -1.
-    int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block);
-    int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block);
-    void startFollowingUserForIdentifier(String* identifier, ResultBlock block);
-    void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block);
+    int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block) override;
+    int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block) override;
+    void startFollowingUserForIdentifier(String* identifier, ResultBlock block) override;
+    void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block) override;
 
     // Play history and refresh dates of the signed-in account.
-    void registerTrackPlayedForIdentifier(String* trackIdentifier);
-    bool hasTrackBeenPlayedForTrackIdentifier(String* trackIdentifier) const;
+    void registerTrackPlayedForIdentifier(String* trackIdentifier) override;
+    bool hasTrackBeenPlayedForTrackIdentifier(String* trackIdentifier) const override;
     // The distant past for an identifier never registered.
     Ref<Date> lastRefreshTimeStampForIdentifier(String* identifier) const;
     // A null date means now.
@@ -257,10 +255,6 @@ private:
     // the request, whose answer is converted and handed to the block.
     RefPtr<VXResource> fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
         std::function<std::string()> what, std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block);
-    void scheduleRefresh(String* trackIdentifier, double delay);
-    // A due refresh: sent now, or queued behind the refreshes in flight.
-    void refreshWhenRoom(Ref<String> trackIdentifier);
-    void refreshDidEnd();
     // Runs the conversion of an answer about `what`. Under Report a raise in
     // it becomes the error answered; under Raise it goes on.
     RefPtr<Error> readAnswer(const std::function<std::string()>& what, const std::function<void()>& convert) const;
@@ -291,17 +285,8 @@ private:
     RefPtr<MutableSet> m_playedTrackIdentifiers;
     RefPtr<MutableDictionary> m_lastRefreshTimestamps;
     Subscription m_terminationObserver;
-    // The delayed refreshes of unfinished tracks by track, each stopped with the store.
-    struct PendingRefresh {
-        double due;
-        uint64_t serial;
-        Subscription timer;
-    };
-    std::multimap<std::string, PendingRefresh, std::less<>> m_pendingRefreshes;
-    uint64_t m_nextRefresh { 1 };
-    size_t m_refreshesInFlight { 0 };
-    std::deque<Ref<String>> m_refreshesWaiting;
-    std::set<std::string, std::less<>> m_refreshesWaitingKeys;
+    // The refreshes of unfinished tracks, stopped with the store.
+    VXTrackPoller m_poller;
     Options m_options;
     // With a bound on the archive: when each object was last cached or
     // updated (loaded ones in their archived order, oldest first).

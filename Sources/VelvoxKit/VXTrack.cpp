@@ -2,7 +2,8 @@
 
 #include "VXAPITimestampValueTransformer.h"
 #include "VXNumberToStringValueTransformer.h"
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
+#include "VXUser.h"
 #include "VXTagListValueTransformer.h"
 #include "VXTimeIntervalValueTransformer.h"
 #include "VXTrackStateValueTransformer.h"
@@ -22,13 +23,13 @@ bool VXTrack::isPrivateTrack() const
 
 bool VXTrack::isOwnTrack() const
 {
-    auto* me = VXResourceController::sharedResourceController().meUserIdentifier();
+    auto* me = VXResourceStore::shared().meUserIdentifier();
     return me && userIdentifier() && me->isEqualToString(userIdentifier()->view());
 }
 
 bool VXTrack::isUnplayed() const
 {
-    return !VXResourceController::sharedResourceController().hasTrackBeenPlayedForTrackIdentifier(resourceIdentifier());
+    return !VXResourceStore::shared().hasTrackBeenPlayedForTrackIdentifier(resourceIdentifier());
 }
 
 void VXTrack::setUnplayed(bool unplayed)
@@ -37,7 +38,7 @@ void VXTrack::setUnplayed(bool unplayed)
         return;
     Ref protectedThis { *this };
     willChangeValueForKey("unplayed");
-    VXResourceController::sharedResourceController().registerTrackPlayedForIdentifier(resourceIdentifier());
+    VXResourceStore::shared().registerTrackPlayedForIdentifier(resourceIdentifier());
     didChangeValueForKey("unplayed");
 }
 
@@ -48,7 +49,7 @@ RefPtr<VXUser> VXTrack::user()
 
 RefPtr<VXUser> VXTrack::user(bool forceRefresh)
 {
-    auto& store = VXResourceController::sharedResourceController();
+    auto& store = VXResourceStore::shared();
     // A cached owner is answered without a fetch (and so without a block).
     if (!forceRefresh) {
         if (auto cached = store.cachedResource<VXUser>(userIdentifier()))

@@ -1,6 +1,7 @@
 #include "VXTrackCollectionController.h"
 
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
+#include "VXTrack.h"
 
 #include <Platform/Platform.h>
 
@@ -15,7 +16,7 @@ Ref<VXTrackCollectionController> VXTrackCollectionController::create(const Strin
 
 Ref<Object> VXTrackCollectionController::itemFromDictionary(Object* dictionary)
 {
-    auto item = VXResourceController::sharedResourceController().trackWithTrackDictionary(dynamicDowncast<Dictionary>(dictionary));
+    auto item = VXResourceStore::shared().trackWithTrackDictionary(dynamicDowncast<Dictionary>(dictionary));
     VXAssert(item, "a page holds an item that is not a record");
     return item.releaseNonNull();
 }

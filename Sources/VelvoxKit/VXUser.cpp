@@ -1,6 +1,6 @@
 #include "VXUser.h"
 
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
 #include "VXURLStringValueTransformer.h"
 
 
@@ -36,7 +36,7 @@ int32_t VXUser::isFollowingMe(bool forceRefresh)
     if (!forceRefresh && m_followingMe != -1)
         return m_followingMe;
     Ref protectedThis { *this };
-    auto& store = VXResourceController::sharedResourceController();
+    auto& store = VXResourceStore::shared();
     m_followingMe = store.meIsFollowedByUserForIdentifier(resourceIdentifier(), [protectedThis](Number* result, Error*) {
         protectedThis->setValue(result, "followingMe");
     });
@@ -48,7 +48,7 @@ int32_t VXUser::isFollowedByMe(bool forceRefresh)
     if (!forceRefresh && m_followedByMe != -1)
         return m_followedByMe;
     Ref protectedThis { *this };
-    auto& store = VXResourceController::sharedResourceController();
+    auto& store = VXResourceStore::shared();
     m_followedByMe = store.meIsFollowingUserForIdentifier(resourceIdentifier(), [protectedThis](Number* result, Error*) {
         int32_t value = result ? static_cast<int32_t>(result->intValue()) : -1;
         if (value == protectedThis->m_followedByMe)
@@ -74,7 +74,7 @@ void VXUser::setFollowedByMe(int32_t followedByMe)
         protectedThis->m_followedByMe = followedByMe;
         protectedThis->didChangeValueForKey("followedByMe");
     };
-    auto& store = VXResourceController::sharedResourceController();
+    auto& store = VXResourceStore::shared();
     if (followedByMe == 1)
         store.startFollowingUserForIdentifier(resourceIdentifier(), done);
     else

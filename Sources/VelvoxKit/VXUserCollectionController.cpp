@@ -1,6 +1,7 @@
 #include "VXUserCollectionController.h"
 
-#include "VXResourceController.h"
+#include "VXResourceStore.h"
+#include "VXUser.h"
 
 #include <Platform/Platform.h>
 
@@ -15,7 +16,7 @@ Ref<VXUserCollectionController> VXUserCollectionController::create(const String&
 
 Ref<Object> VXUserCollectionController::itemFromDictionary(Object* dictionary)
 {
-    auto item = VXResourceController::sharedResourceController().userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary));
+    auto item = VXResourceStore::shared().userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary));
     VXAssert(item, "a page holds an item that is not a record");
     return item.releaseNonNull();
 }
