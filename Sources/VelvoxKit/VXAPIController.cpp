@@ -175,12 +175,52 @@ void VXAPIController::velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64
 
 // MARK: Endpoints
 
+// One endpoint of the service: its verb, its path ("%@" stands for the
+// identifier, which goes in as exactly one segment, whatever a service sent
+// as an id), and what a call without its identifier (or query) raises.
+struct VXAPIEndpoint {
+    const char* method;
+    const char* path;
+    const char* missing { nullptr }; // null: the call takes no identifier
+};
+
 namespace {
 
-// An identifier goes into a path as exactly one segment, whatever a service sent as an id.
-Ref<String> segment(Object* identifier)
+using Endpoint = VXAPIEndpoint;
+
+// The paths keep their leading "/" or its absence exactly: the request
+// identifiers of the coalescing tell "/me/followings/1" and "me/followings/1" apart.
+constexpr Endpoint meUser { "GET", "/me" };
+constexpr Endpoint meFavorites { "GET", "/me/favorites" };
+constexpr Endpoint meIncoming { "GET", "/me/activities/tracks" };
+constexpr Endpoint meExclusive { "GET", "/me/activities/tracks/exclusive" };
+constexpr Endpoint meTracks { "GET", "/me/tracks" };
+constexpr Endpoint meIsFollowing { "GET", "/me/followings/%@", "userIdentifier required for following check" };
+constexpr Endpoint meIsFollowedBy { "GET", "/me/followers/%@", "userIdentifier required for follower check" };
+constexpr Endpoint startFollowing { "PUT", "/me/followings/%@", "userIdentifier required to start following a user" };
+constexpr Endpoint stopFollowing { "DELETE", "/me/followings/%@", "userIdentifier required to stop following a user" };
+constexpr Endpoint userFavorites { "GET", "/users/%@/favorites", "You need to give a userID" };
+constexpr Endpoint userFollowers { "GET", "/users/%@/followers", "You need to give a userID" };
+constexpr Endpoint userFollowings { "GET", "/users/%@/followings", "You need to give a userID" };
+constexpr Endpoint userConnections { "GET", "/users/%@/connections", "You need to give a userID" };
+constexpr Endpoint userTracks { "GET", "/users/%@/tracks", "You need to give a userID" };
+constexpr Endpoint user { "GET", "/users/%@", "You need to give a userID" };
+constexpr Endpoint follow { "PUT", "me/followings/%@", "You need to give a userID" };
+constexpr Endpoint unfollow { "DELETE", "me/followings/%@", "You need to give a userID" };
+constexpr Endpoint usersSearch { "GET", "users", "You need to provide a query to search for users" };
+constexpr Endpoint track { "GET", "tracks/%@", "You need to give a trackId" };
+constexpr Endpoint favorite { "PUT", "me/favorites/%@", "You need to give a trackID" };
+constexpr Endpoint unfavorite { "DELETE", "me/favorites/%@", "You need to give a trackID" };
+constexpr Endpoint trackComments { "GET", "tracks/%@/comments", "You need to give a trackID" };
+constexpr Endpoint postComment { "POST", "tracks/%@/comments", "You need to provide a trackId to comment on" };
+constexpr Endpoint tracksSearch { "GET", "tracks", "You need to provide a query to search for tracks" };
+
+// The search endpoints send their query as "q", beside (and over) the parameters.
+Ref<Dictionary> withQuery(Dictionary* parameters, String& query)
 {
-    return VXVelvoxAPI::pathSegment(identifier);
+    auto copy = parameters ? parameters->mutableCopy() : MutableDictionary::create();
+    copy->setObject(&query, "q");
+    return copy;
 }
 
 } // namespace
@@ -192,125 +232,46 @@ void VXAPIController::send(std::string_view method, std::string_view resource, D
     performMethod(*String::create(method), *String::create(resource), parameters, nullptr, userInfo.ptr());
 }
 
-void VXAPIController::meUserRessouce(VXAPICallbackBlock block)
+void VXAPIController::call(const VXAPIEndpoint& endpoint, Object* identifier, Dictionary* parameters, VXAPICallbackBlock block)
 {
-    send("GET", "/me", nullptr, std::move(block));
+    if (!endpoint.missing) {
+        send(endpoint.method, endpoint.path, parameters, std::move(block));
+        return;
+    }
+    VXAssert(identifier, "%s", endpoint.missing);
+    send(endpoint.method, format(endpoint.path, VXVelvoxAPI::pathSegment(identifier)), parameters, std::move(block));
 }
 
-void VXAPIController::favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
+void VXAPIController::search(const VXAPIEndpoint& endpoint, String* query, Dictionary* parameters, VXAPICallbackBlock block)
 {
-    send("GET", "/me/favorites", parameters, std::move(block));
+    VXAssert(query, "%s", endpoint.missing);
+    send(endpoint.method, endpoint.path, withQuery(parameters, *query).ptr(), std::move(block));
 }
 
-void VXAPIController::incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
-{
-    send("GET", "/me/activities/tracks", parameters, std::move(block));
-}
-
-void VXAPIController::exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
-{
-    send("GET", "/me/activities/tracks/exclusive", parameters, std::move(block));
-}
-
-void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block)
-{
-    send("GET", "/me/tracks", parameters, std::move(block));
-}
-
-void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "userIdentifier required for following check");
-    send("GET", format("/me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "userIdentifier required for follower check");
-    send("GET", format("/me/followers/%@", segment(userIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "userIdentifier required to start following a user");
-    send("PUT", format("/me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "userIdentifier required to stop following a user");
-    send("DELETE", format("/me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/favorites", segment(userIdentifier)), parameters, std::move(block));
-}
-
-void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/followers", segment(userIdentifier)), parameters, std::move(block));
-}
-
-void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/followings", segment(userIdentifier)), parameters, std::move(block));
-}
-
-void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/connections", segment(userIdentifier)), parameters, std::move(block));
-}
-
-void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@/tracks", segment(userIdentifier)), parameters, std::move(block));
-}
-
-void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("GET", format("/users/%@", segment(userIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("PUT", format("me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(userIdentifier, "You need to give a userID");
-    send("DELETE", format("me/followings/%@", segment(userIdentifier)), nullptr, std::move(block));
-}
-
-namespace {
-
-Ref<Dictionary> withQuery(Dictionary* parameters, String& query)
-{
-    auto copy = parameters ? parameters->mutableCopy() : MutableDictionary::create();
-    copy->setObject(&query, "q");
-    return copy;
-}
-
-} // namespace
-
-void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(query, "You need to provide a query to search for users");
-    send("GET", "users", withQuery(parameters, *query).ptr(), std::move(block));
-}
-
-void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(trackIdentifier, "You need to give a trackId");
-    send("GET", format("tracks/%@", segment(trackIdentifier)), nullptr, std::move(block));
-}
+void VXAPIController::meUserRessouce(VXAPICallbackBlock block) { call(meUser, nullptr, nullptr, std::move(block)); }
+void VXAPIController::favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meFavorites, nullptr, parameters, std::move(block)); }
+void VXAPIController::incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meIncoming, nullptr, parameters, std::move(block)); }
+void VXAPIController::exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meExclusive, nullptr, parameters, std::move(block)); }
+void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meTracks, nullptr, parameters, std::move(block)); }
+void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(meIsFollowing, userIdentifier, nullptr, std::move(block)); }
+void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(meIsFollowedBy, userIdentifier, nullptr, std::move(block)); }
+void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(startFollowing, userIdentifier, nullptr, std::move(block)); }
+void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(stopFollowing, userIdentifier, nullptr, std::move(block)); }
+void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userFavorites, userIdentifier, parameters, std::move(block)); }
+void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userFollowers, userIdentifier, parameters, std::move(block)); }
+void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userFollowings, userIdentifier, parameters, std::move(block)); }
+void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userConnections, userIdentifier, parameters, std::move(block)); }
+void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userTracks, userIdentifier, parameters, std::move(block)); }
+void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block) { call(user, userIdentifier, nullptr, std::move(block)); }
+void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block) { call(follow, userIdentifier, nullptr, std::move(block)); }
+void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block) { call(unfollow, userIdentifier, nullptr, std::move(block)); }
+void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block) { search(usersSearch, query, parameters, std::move(block)); }
+void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(track, trackIdentifier, nullptr, std::move(block)); }
+void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(favorite, trackIdentifier, nullptr, std::move(block)); }
+void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(unfavorite, trackIdentifier, nullptr, std::move(block)); }
+void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(trackComments, trackIdentifier, nullptr, std::move(block)); }
+void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(postComment, trackIdentifier, parameters, std::move(block)); }
+void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block) { search(tracksSearch, query, parameters, std::move(block)); }
 
 void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock)
 {
@@ -323,36 +284,6 @@ void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBl
             userInfo->setObject(progress.get(), VXAPIProgressBlockKey);
     }
     performMethod(*String::create("POST"), *String::create("tracks"), track, nullptr, userInfo->copy().ptr());
-}
-
-void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(trackIdentifier, "You need to give a trackID");
-    send("PUT", format("me/favorites/%@", segment(trackIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(trackIdentifier, "You need to give a trackID");
-    send("DELETE", format("me/favorites/%@", segment(trackIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block)
-{
-    VXAssert(trackIdentifier, "You need to give a trackID");
-    send("GET", format("tracks/%@/comments", segment(trackIdentifier)), nullptr, std::move(block));
-}
-
-void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(trackIdentifier, "You need to provide a trackId to comment on");
-    send("POST", format("tracks/%@/comments", segment(trackIdentifier)), parameters, std::move(block));
-}
-
-void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block)
-{
-    VXAssert(query, "You need to provide a query to search for tracks");
-    send("GET", "tracks", withQuery(parameters, *query).ptr(), std::move(block));
 }
 
 } // namespace velvox

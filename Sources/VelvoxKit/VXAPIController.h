@@ -21,6 +21,8 @@
 
 namespace velvox {
 
+struct VXAPIEndpoint;
+
 inline constexpr std::string_view VXAPICallbackBlockKey = "VXAPICallbackBlockKey";
 inline constexpr std::string_view VXAPIProgressBlockKey = "VXAPIProgressBlockKey";
 inline constexpr std::string_view VXAPIRequestIdentifierKey = "VXAPIRequestIdentifierKey";
@@ -112,6 +114,10 @@ private:
 
     // The endpoint methods' common road.
     void send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block);
+    // An endpoint of the table in the source: its identifier checked and put in its path.
+    void call(const VXAPIEndpoint&, Object* identifier, Dictionary* parameters, VXAPICallbackBlock block);
+    // A search endpoint: the query checked and sent as "q".
+    void search(const VXAPIEndpoint&, String* query, Dictionary* parameters, VXAPICallbackBlock block);
 
     RefPtr<VXVelvoxAPI> m_api;
     mutable Ref<MutableDictionary> m_runningConnections;
