@@ -9,70 +9,41 @@ namespace velvox {
 
 namespace {
 
+// The lists the store makes: each one's resource path ("%@" stands for the
+// identifier, as one segment) and what a call without its identifier
+// raises. The paths keep their leading "/" or its absence as the service's
+// interface gives them.
 template<typename Collection>
-Ref<Collection> collectionOn(std::string_view resource, Dictionary* parameters = nullptr)
+struct List {
+    const char* path;
+    const char* missing { nullptr }; // null: no identifier
+};
+
+constexpr List<VXActivityCollectionController> incoming { "me/activities/tracks" };
+constexpr List<VXActivityCollectionController> exclusive { "me/activities/tracks/exclusive" };
+constexpr List<VXTrackCollectionController> meFavorites { "me/favorites" };
+constexpr List<VXUserCollectionController> meFollowers { "me/followers" };
+constexpr List<VXUserCollectionController> meFollowings { "me/followings" };
+constexpr List<VXTrackCollectionController> meTracks { "me/tracks" };
+constexpr List<VXUserCollectionController> userFollowers { "/users/%@/followers", "A userIdentifier is required to retrieve followers" };
+constexpr List<VXUserCollectionController> userFollowings { "/users/%@/followings", "A userIdentifier is required to retrieve followings" };
+constexpr List<VXTrackCollectionController> userTracks { "/users/%@/tracks", "A userIdentifier is required to retrieve tracks by user" };
+constexpr List<VXTrackCollectionController> userFavorites { "/users/%@/favorites", "A userIdentifier is required to retrieve favorites by user" };
+constexpr List<VXUserCollectionController> trackFavoriters { "/tracks/%@/favoriters", "trackIdentifier needed find out which users have favorites" };
+constexpr List<VXCommentCollectionController> trackComments { "/tracks/%@/comments", "A trackIdentifier is required to comments on a track." };
+constexpr List<VXTrackCollectionController> searchedUserTracks { "/users/%@/tracks" };
+constexpr List<VXTrackCollectionController> searchedTracks { "/tracks" };
+constexpr List<VXUserCollectionController> searchedUsers { "/users" };
+
+template<typename Collection>
+Ref<Collection> make(const List<Collection>& list, String* identifier = nullptr, Dictionary* parameters = nullptr)
 {
-    auto path = String::create(resource);
-    return Collection::create(path, parameters);
+    if (!list.missing && !identifier)
+        return Collection::create(*String::create(list.path), parameters);
+    if (list.missing)
+        VXAssert(identifier, "%s", list.missing);
+    return Collection::create(*String::create(format(list.path, VXVelvoxAPI::pathSegment(identifier))), parameters);
 }
-
-} // namespace
-
-Ref<VXActivityCollectionController> VXResourceController::incomingActivities()
-{
-    return collectionOn<VXActivityCollectionController>("me/activities/tracks");
-}
-
-Ref<VXActivityCollectionController> VXResourceController::exclusiveActivities()
-{
-    return collectionOn<VXActivityCollectionController>("me/activities/tracks/exclusive");
-}
-
-Ref<VXTrackCollectionController> VXResourceController::favoriteTracks()
-{
-    return collectionOn<VXTrackCollectionController>("me/favorites");
-}
-
-Ref<VXUserCollectionController> VXResourceController::usersFollowingMe()
-{
-    return collectionOn<VXUserCollectionController>("me/followers");
-}
-
-Ref<VXUserCollectionController> VXResourceController::usersFollowedByMe()
-{
-    return collectionOn<VXUserCollectionController>("me/followings");
-}
-
-Ref<VXTrackCollectionController> VXResourceController::meUserTracks()
-{
-    return collectionOn<VXTrackCollectionController>("me/tracks");
-}
-
-Ref<VXUserCollectionController> VXResourceController::usersFollowingUserForIdentifier(String* userIdentifier)
-{
-    VXAssert(userIdentifier, "A userIdentifier is required to retrieve followers");
-    return collectionOn<VXUserCollectionController>(format("/users/%@/followers", VXVelvoxAPI::pathSegment(userIdentifier)));
-}
-
-Ref<VXUserCollectionController> VXResourceController::usersFollowedByUserForIdentifier(String* userIdentifier)
-{
-    VXAssert(userIdentifier, "A userIdentifier is required to retrieve followings");
-    return collectionOn<VXUserCollectionController>(format("/users/%@/followings", VXVelvoxAPI::pathSegment(userIdentifier)));
-}
-
-Ref<VXTrackCollectionController> VXResourceController::tracksForUserIdentifier(String* userIdentifier)
-{
-    VXAssert(userIdentifier, "A userIdentifier is required to retrieve tracks by user");
-    return collectionOn<VXTrackCollectionController>(format("/users/%@/tracks", VXVelvoxAPI::pathSegment(userIdentifier)));
-}
-
-Ref<VXTrackCollectionController> VXResourceController::favoritesForUserIdentifier(String* userIdentifier)
-{
-    VXAssert(userIdentifier, "A userIdentifier is required to retrieve favorites by user");
-    return collectionOn<VXTrackCollectionController>(format("/users/%@/favorites", VXVelvoxAPI::pathSegment(userIdentifier)));
-}
-
-namespace {
 
 // "q" first, then the options, which win.
 Ref<Dictionary> searchParameters(String& query, Dictionary* options)
@@ -88,36 +59,37 @@ Ref<Dictionary> searchParameters(String& query, Dictionary* options)
 
 } // namespace
 
+Ref<VXActivityCollectionController> VXResourceController::incomingActivities() { return make(incoming); }
+Ref<VXActivityCollectionController> VXResourceController::exclusiveActivities() { return make(exclusive); }
+Ref<VXTrackCollectionController> VXResourceController::favoriteTracks() { return make(meFavorites); }
+Ref<VXUserCollectionController> VXResourceController::usersFollowingMe() { return make(meFollowers); }
+Ref<VXUserCollectionController> VXResourceController::usersFollowedByMe() { return make(meFollowings); }
+Ref<VXTrackCollectionController> VXResourceController::meUserTracks() { return make(meTracks); }
+Ref<VXUserCollectionController> VXResourceController::usersFollowingUserForIdentifier(String* userIdentifier) { return make(userFollowers, userIdentifier); }
+Ref<VXUserCollectionController> VXResourceController::usersFollowedByUserForIdentifier(String* userIdentifier) { return make(userFollowings, userIdentifier); }
+Ref<VXTrackCollectionController> VXResourceController::tracksForUserIdentifier(String* userIdentifier) { return make(userTracks, userIdentifier); }
+Ref<VXTrackCollectionController> VXResourceController::favoritesForUserIdentifier(String* userIdentifier) { return make(userFavorites, userIdentifier); }
+Ref<VXUserCollectionController> VXResourceController::favoritersForTrackIdentifier(String* trackIdentifier) { return make(trackFavoriters, trackIdentifier); }
+Ref<VXCommentCollectionController> VXResourceController::commentsForTrackIdentifier(String* trackIdentifier) { return make(trackComments, trackIdentifier); }
+
 Ref<VXTrackCollectionController> VXResourceController::tracksForUserIdentifier(String* userIdentifier, String* searchQuery, Dictionary* searchOptions)
 {
     // The query is checked first, although the interface names it second.
     VXAssert(searchQuery, "Invalid parameter not satisfying: %s", "query");
     VXAssert(userIdentifier, "Invalid parameter not satisfying: %s", "userIdentifier");
-    return collectionOn<VXTrackCollectionController>(format("/users/%@/tracks", VXVelvoxAPI::pathSegment(userIdentifier)), searchParameters(*searchQuery, searchOptions).ptr());
+    return make(searchedUserTracks, userIdentifier, searchParameters(*searchQuery, searchOptions).ptr());
 }
 
 Ref<VXTrackCollectionController> VXResourceController::tracksForSearchQuery(String* query, Dictionary* searchOptions)
 {
     VXAssert(query, "Invalid parameter not satisfying: %s", "query");
-    return collectionOn<VXTrackCollectionController>("/tracks", searchParameters(*query, searchOptions).ptr());
+    return make(searchedTracks, nullptr, searchParameters(*query, searchOptions).ptr());
 }
 
 Ref<VXUserCollectionController> VXResourceController::usersForSearchQuery(String* query)
 {
     VXAssert(query, "Invalid parameter not satisfying: %s", "query");
-    return collectionOn<VXUserCollectionController>("/users", searchParameters(*query, nullptr).ptr());
-}
-
-Ref<VXUserCollectionController> VXResourceController::favoritersForTrackIdentifier(String* trackIdentifier)
-{
-    VXAssert(trackIdentifier, "trackIdentifier needed find out which users have favorites");
-    return collectionOn<VXUserCollectionController>(format("/tracks/%@/favoriters", VXVelvoxAPI::pathSegment(trackIdentifier)));
-}
-
-Ref<VXCommentCollectionController> VXResourceController::commentsForTrackIdentifier(String* trackIdentifier)
-{
-    VXAssert(trackIdentifier, "A trackIdentifier is required to comments on a track.");
-    return collectionOn<VXCommentCollectionController>(format("/tracks/%@/comments", VXVelvoxAPI::pathSegment(trackIdentifier)));
+    return make(searchedUsers, nullptr, searchParameters(*query, nullptr).ptr());
 }
 
 void VXResourceController::loadForCollectionController(VXRemoteCollectionController& collection)
