@@ -61,74 +61,6 @@ void VXResourceController::loadArchive(const std::string& path, const std::funct
         ::rename(path.c_str(), (path + ".corrupt").c_str());
 }
 
-RefPtr<MutableDictionary> VXResourceController::validatedResourceCache(Object* root)
-{
-    auto* archived = dynamicDowncast<Dictionary>(root);
-    if (!archived)
-        return nullptr;
-    for (auto& entry : *archived) {
-        if (!is<String>(entry.key) || !is<Dictionary>(entry.object))
-            return nullptr;
-    }
-    // Only what cacheResource() itself would have filed there is kept: an
-    // object of exactly that class, under its own identifier. Anything else
-    // would surface later as an object of an unexpected class.
-    size_t limit = m_options.archivedObjectsPerClass;
-    auto cache = MutableDictionary::create();
-    for (auto& entry : *archived) {
-        auto& className = downcast<String>(*entry.key);
-        auto& archivedClass = downcast<Dictionary>(*entry.object);
-        std::vector<VXResource*> kept;
-        for (auto& item : archivedClass) {
-            auto* identifier = dynamicDowncast<String>(item.key);
-            auto* resource = dynamicDowncast<VXResource>(item.object);
-            if (!identifier || !resource || resource->className() != className.view() || !resource->resourceIdentifier()
-                || !resource->resourceIdentifier()->isEqual(identifier))
-                continue;
-            kept.push_back(resource);
-        }
-        // Archives list each class oldest first: the last ones are the most recent.
-        size_t skipped = limit && kept.size() > limit ? kept.size() - limit : 0;
-        if (kept.size() == skipped)
-            continue;
-        auto classCache = MutableDictionary::create(kept.size() - skipped);
-        for (size_t i = skipped; i < kept.size(); ++i) {
-            classCache->setObject(kept[i], kept[i]->resourceIdentifier());
-            if (limit)
-                noteUse(*kept[i]);
-        }
-        cache->setObject(classCache, &className);
-    }
-    return cache;
-}
-
-Ref<Dictionary> VXResourceController::archivedResourceCache() const
-{
-    size_t limit = m_options.archivedObjectsPerClass;
-    if (!limit)
-        return m_resourceCache;
-    auto archived = MutableDictionary::create();
-    for (auto& entry : *m_resourceCache) {
-        auto* classCache = dynamicDowncast<Dictionary>(entry.object);
-        if (!classCache)
-            continue;
-        std::vector<std::pair<uint64_t, Object*>> byUse;
-        byUse.reserve(classCache->count());
-        for (auto& item : *classCache) {
-            auto found = m_lastUse.find(item.object);
-            byUse.emplace_back(found == m_lastUse.end() ? 0 : found->second, item.object);
-        }
-        // The most recent last, so that the next load knows the order.
-        std::stable_sort(byUse.begin(), byUse.end(), [](auto& a, auto& b) { return a.first < b.first; });
-        size_t skipped = byUse.size() > limit ? byUse.size() - limit : 0;
-        auto bounded = MutableDictionary::create(byUse.size() - skipped);
-        for (size_t i = skipped; i < byUse.size(); ++i)
-            bounded->setObject(byUse[i].second, downcast<VXResource>(*byUse[i].second).resourceIdentifier());
-        archived->setObject(bounded, entry.key);
-    }
-    return archived;
-}
-
 std::string VXResourceController::applicationSupportDirectory() const
 {
     std::string path = stringByAppendingPathComponent(stringByExpandingTildeInPath(velvox::applicationSupportDirectory()), "Velvox");
@@ -216,7 +148,7 @@ Ref<MutableDictionary> VXResourceController::deserializeLastPlayedTimestampsForM
 
 RefPtr<Error> VXResourceController::writeArchives()
 {
-    RefPtr<Error> first = archive(archivedResourceCache().ptr(), resourceCacheFilePath());
+    RefPtr<Error> first = archive(m_identityMap.archivedDictionary().ptr(), resourceCacheFilePath());
     if (m_meUserIdentifier) {
         auto timestamps = writeLastPlayedTimestamps(m_meUserIdentifier.get());
         auto played = writePlayedTrackIdentifiers(m_meUserIdentifier.get());

@@ -26,23 +26,6 @@ const String& userKey()
     return key;
 }
 
-const String& classKey(std::string_view className)
-{
-    // Class names are few and live as long as the process.
-    static std::unordered_map<std::string_view, Ref<String>>* keys = new std::unordered_map<std::string_view, Ref<String>>;
-    auto found = keys->find(className);
-    if (found == keys->end())
-        found = keys->emplace(className, String::create(className)).first;
-    return found->second;
-}
-
-// The descriptor through which a resource takes its identifier from "id".
-const ZUPropertyDescriptor& identifierDescriptor()
-{
-    static const ZUPropertyTable table(VXResource::propertyDescriptors());
-    return *table.descriptorForKeyPath("resourceIdentifier");
-}
-
 RefPtr<VXResourceController>& sharedStore()
 {
     static RefPtr<VXResourceController>* store = new RefPtr<VXResourceController>;
@@ -70,8 +53,7 @@ void VXResourceController::registerValueTransformers()
 }
 
 VXResourceController::VXResourceController()
-    : m_resourceCache(MutableDictionary::create())
-    , m_poller([this](String* identifier, std::shared_ptr<void> slot) {
+    : m_poller([this](String* identifier, std::shared_ptr<void> slot) {
         if (!slot) {
             forceRefreshTrackWithIdentfier(identifier);
             return;
@@ -89,6 +71,7 @@ VXResourceStore& VXResourceStore::shared()
 void VXResourceController::setOptions(const Options& options)
 {
     m_options = options;
+    m_identityMap.setArchivedObjectsPerClass(options.archivedObjectsPerClass);
     m_poller.setLimits({ options.mergesTrackRefreshes, options.maximumTrackRefreshesInFlight });
 }
 
@@ -110,13 +93,7 @@ Ref<VXResourceController> VXResourceController::create(VXAPIController* apiContr
     registerValueTransformers();
     // The archive holds model objects; their classes must be known to read it.
     VXRegisterArchiveClasses();
-    loadArchive(store->resourceCacheFilePath(), [&store](RefPtr<Object> root) {
-        auto cache = store->validatedResourceCache(root.get());
-        if (!cache)
-            return false;
-        store->m_resourceCache = cache.releaseNonNull();
-        return true;
-    });
+    loadArchive(store->resourceCacheFilePath(), [&store](RefPtr<Object> root) { return store->m_identityMap.adoptArchivedRoot(root.get()); });
     store->setApiController(apiController);
     VXResourceController* self = store.ptr();
     store->m_terminationObserver = NotificationCenter::defaultCenter().addObserver(ApplicationWillTerminateNotification, nullptr,
@@ -150,7 +127,7 @@ RefPtr<Object> VXResourceController::valueForKey(std::string_view key) const
     if (key == "apiController")
         return m_apiController;
     if (key == "resourceCache")
-        return m_resourceCache.ptr();
+        return &m_identityMap.dictionary();
     if (key == "playedTrackIdentifiers")
         return m_playedTrackIdentifiers;
     if (key == "lastRefreshTimestamps")
@@ -162,98 +139,27 @@ RefPtr<Object> VXResourceController::valueForKey(std::string_view key) const
 
 RefPtr<VXResource> VXResourceController::cachedResource(std::string_view className, String* identifier) const
 {
-    if (!identifier)
-        return nullptr;
-    return cachedResource(className, identifier->view());
+    return m_identityMap.cachedResource(className, identifier);
 }
 
 RefPtr<VXResource> VXResourceController::cachedResource(std::string_view className, std::string_view identifier) const
 {
-    auto* classCache = dynamicDowncast<Dictionary>(m_resourceCache->objectForKey(&classKey(className)));
-    if (!classCache)
-        return nullptr;
-    return dynamicDowncast<VXResource>(classCache->objectForKey(identifier));
+    return m_identityMap.cachedResource(className, identifier);
 }
 
 void VXResourceController::cacheResource(VXResource& resource)
 {
-    Ref protectedResource { resource };
-    auto* identifier = resource.resourceIdentifier();
-    VXParameterAssert(identifier);
-    auto* classCache = m_resourceCache->objectForKey<MutableDictionary>(resource.className());
-    if (!classCache) {
-        auto created = MutableDictionary::create();
-        m_resourceCache->setObject(created, resource.className());
-        classCache = created.ptr();
-    }
-    if (m_options.archivedObjectsPerClass) {
-        if (auto* replaced = classCache->objectForKey(identifier); replaced && replaced != &resource)
-            m_lastUse.erase(replaced);
-        noteUse(resource);
-    }
-    classCache->setObject(&resource, identifier);
-    NotificationCenter::defaultCenter().postNotification(VXResourceAttributesDidChangeNotification, &resource);
+    m_identityMap.cacheResource(resource);
 }
 
 Ref<VXResource> VXResourceController::updateCacheForResource(const ClassInfo& info, Ref<VXResource> (*make)(Dictionary*), String* identifier, Dictionary* dictionary)
 {
-    RefPtr<String> key = identifier;
-    RefPtr<VXResource> cached;
-    if (!key) {
-        // The identifier a temporary instance would take from the dictionary:
-        // the "id" through the resource's own descriptor and transformer.
-        auto& descriptor = identifierDescriptor();
-        auto* raw = dictionary ? dictionary->objectForKey(&descriptor.source()) : nullptr;
-        auto* number = dynamicDowncast<Number>(raw);
-        bool builtInTransformer = is<VXNumberToStringValueTransformer>(descriptor.cachedTransformer());
-        if (builtInTransformer && number && !number->isBoolean() && (number->objCType() == 'q' || number->objCType() == 'Q')) {
-            // The service's usual integer id: its decimal text, as the
-            // transformer gives it, looked up without making a string.
-            char digits[24];
-            auto end = number->objCType() == 'q' ? std::to_chars(digits, digits + sizeof(digits), number->longLongValue()).ptr
-                                                 : std::to_chars(digits, digits + sizeof(digits), number->unsignedLongLongValue()).ptr;
-            cached = cachedResource(info.name, std::string_view(digits, end - digits));
-        }
-        if (!cached && raw && !is<Null>(raw)) {
-            auto* transformer = descriptor.cachedTransformer();
-            RefPtr<Object> value = raw;
-            if (transformer) {
-                try {
-                    value = transformer->transformedValue(raw);
-                } catch (...) {
-                    ZUObject::noteUnreadableValue(info.name, descriptor.source().view());
-                    throw;
-                }
-            }
-            key = dynamicDowncast<String>(std::move(value));
-        }
-    }
-    if (!cached)
-        cached = cachedResource(info.name, key.get());
-    if (!cached) {
-        auto created = make(dictionary);
-        // A record without an identifier (an upload's own fields, say) makes
-        // an object that cannot be shared, so it is not cached.
-        if (created->resourceIdentifier())
-            cacheResource(created);
-        return created;
-    }
-    if (cached->updateWithDictionary(dictionary))
-        cacheResource(*cached);
-    else if (m_options.archivedObjectsPerClass)
-        noteUse(*cached);
-    return cached.releaseNonNull();
-}
-
-void VXResourceController::noteUse(VXResource& resource)
-{
-    m_lastUse.insert_or_assign(&resource, m_nextUse++);
+    return m_identityMap.updateCacheForResource(info, make, identifier, dictionary);
 }
 
 void VXResourceController::clearResourceCache()
 {
-    m_resourceCache = MutableDictionary::create();
-    m_lastUse.clear();
+    m_identityMap.clear();
 }
 
 RefPtr<VXUser> VXResourceController::userWithUserDictionary(Dictionary* dictionary)
@@ -434,58 +340,10 @@ RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserB
 
 // MARK: Statistics
 
-namespace {
-
-// A rough size of what a value holds beyond the pointer to it.
-size_t estimatedBytes(const Object* value, int depth = 0)
-{
-    if (!value || depth > 4)
-        return 0;
-    if (auto* string = dynamicDowncast<String>(value))
-        return 32 + string->view().size();
-    if (auto* url = dynamicDowncast<URL>(value))
-        return 48 + url->absoluteString()->view().size();
-    if (auto* array = dynamicDowncast<Array>(value)) {
-        size_t bytes = 32 + 8 * array->count();
-        for (auto* element : *array)
-            bytes += estimatedBytes(element, depth + 1);
-        return bytes;
-    }
-    return 32;
-}
-
-} // namespace
-
 VXResourceController::Statistics VXResourceController::resourceCacheStatistics() const
 {
-    Statistics statistics;
-    for (auto& entry : *m_resourceCache) {
-        auto* classCache = dynamicDowncast<Dictionary>(entry.object);
-        auto* name = dynamicDowncast<String>(entry.key);
-        if (!classCache || !name)
-            continue;
-        ClassStatistics perClass { name->str(), 0, 0 };
-        for (auto& item : *classCache) {
-            auto* object = dynamicDowncast<ZUObject>(item.object);
-            if (!object)
-                continue;
-            ++perClass.objectCount;
-            size_t bytes = 64 + 48; // the object and its map entry
-            for (auto* descriptor : object->propertyTable().descriptors()) {
-                bytes += 8;
-                auto value = descriptor->accessor().get(*object);
-                if (value && !is<Number>(value.get()))
-                    bytes += estimatedBytes(value.get());
-            }
-            perClass.estimatedBytes += bytes;
-        }
-        statistics.objectCount += perClass.objectCount;
-        statistics.estimatedBytes += perClass.estimatedBytes;
-        statistics.classes.push_back(std::move(perClass));
-    }
-    std::sort(statistics.classes.begin(), statistics.classes.end(), [](auto& a, auto& b) { return a.className < b.className; });
-    statistics.pendingTrackRefreshes = m_poller.pendingCount();
-    return statistics;
+    auto map = m_identityMap.statistics();
+    return { std::move(map.classes), map.objectCount, map.estimatedBytes, m_poller.pendingCount() };
 }
 
 } // namespace velvox

@@ -18,6 +18,7 @@
 #include "VXUserCollectionController.h"
 #include "VXTrack.h"
 #include "VXUser.h"
+#include "VXIdentityMap.h"
 #include "VXResourceStore.h"
 #include "VXTrackPoller.h"
 
@@ -30,7 +31,6 @@
 #include <map>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace velvox {
@@ -115,8 +115,8 @@ public:
     void setMeUserIdentifier(String*);
     VXAPIController* apiController() const { return m_apiController.get(); }
     void setApiController(VXAPIController* controller) { m_apiController = controller; }
-    MutableDictionary& resourceCache() const { return m_resourceCache; }
-    void setResourceCache(MutableDictionary& cache) { m_resourceCache = cache; }
+    MutableDictionary& resourceCache() const { return m_identityMap.dictionary(); }
+    void setResourceCache(MutableDictionary& cache) { m_identityMap.setDictionary(cache); }
     MutableSet* playedTrackIdentifiers() const { return m_playedTrackIdentifiers.get(); }
     MutableDictionary* lastRefreshTimestamps() const { return m_lastRefreshTimestamps.get(); }
 
@@ -230,11 +230,7 @@ public:
     std::string lastPlayedTimestampsStoragePathForMeUserIdentifer(String* meUserIdentifier) const;
 
     // How large the identity map has grown, for a host to watch.
-    struct ClassStatistics {
-        std::string className;
-        size_t objectCount { 0 };
-        size_t estimatedBytes { 0 };
-    };
+    using ClassStatistics = VXIdentityMap::ClassStatistics;
     struct Statistics {
         std::vector<ClassStatistics> classes; // by class name
         size_t objectCount { 0 };
@@ -268,30 +264,19 @@ private:
     // Reads an archive's root; `take` answers false when the root is not of
     // the expected shape, and the file is then set aside as unreadable.
     static void loadArchive(const std::string& path, const std::function<bool(RefPtr<Object>)>& take);
-    // The identity map an archive holds, with every entry that does not
-    // belong where it is filed dropped; null when the root is not a
-    // dictionary of dictionaries.
-    RefPtr<MutableDictionary> validatedResourceCache(Object* root);
-    // The identity map as archived: all of it, or the bounded part.
-    Ref<Dictionary> archivedResourceCache() const;
-    void noteUse(VXResource&);
     RefPtr<Error> writeArchives();
     RefPtr<Error> writePlayedTrackIdentifiers(String* meUserIdentifier);
     RefPtr<Error> writeLastPlayedTimestamps(String* meUserIdentifier);
 
     RefPtr<String> m_meUserIdentifier;
     RefPtr<VXAPIController> m_apiController;
-    mutable Ref<MutableDictionary> m_resourceCache;
+    VXIdentityMap m_identityMap;
     RefPtr<MutableSet> m_playedTrackIdentifiers;
     RefPtr<MutableDictionary> m_lastRefreshTimestamps;
     Subscription m_terminationObserver;
     // The refreshes of unfinished tracks, stopped with the store.
     VXTrackPoller m_poller;
     Options m_options;
-    // With a bound on the archive: when each object was last cached or
-    // updated (loaded ones in their archived order, oldest first).
-    std::unordered_map<const Object*, uint64_t> m_lastUse;
-    uint64_t m_nextUse { 1 };
 };
 
 } // namespace velvox

@@ -1,0 +1,254 @@
+#include "VXIdentityMap.h"
+
+#include "VXNumberToStringValueTransformer.h"
+
+#include <Platform/Platform.h>
+#include <ZUKit/ZUPropertyTable.h>
+
+#include <algorithm>
+#include <charconv>
+#include <unordered_map>
+
+namespace velvox {
+
+namespace {
+
+const String& classKey(std::string_view className)
+{
+    // Class names are few and live as long as the process.
+    static std::unordered_map<std::string_view, Ref<String>>* keys = new std::unordered_map<std::string_view, Ref<String>>;
+    auto found = keys->find(className);
+    if (found == keys->end())
+        found = keys->emplace(className, String::create(className)).first;
+    return found->second;
+}
+
+// The descriptor through which a resource takes its identifier from "id".
+const ZUPropertyDescriptor& identifierDescriptor()
+{
+    static const ZUPropertyTable table(VXResource::propertyDescriptors());
+    return *table.descriptorForKeyPath("resourceIdentifier");
+}
+
+size_t estimatedBytes(const Object* value, int depth = 0)
+{
+    if (!value || depth > 4)
+        return 0;
+    if (auto* string = dynamicDowncast<String>(value))
+        return 32 + string->view().size();
+    if (auto* url = dynamicDowncast<URL>(value))
+        return 48 + url->absoluteString()->view().size();
+    if (auto* array = dynamicDowncast<Array>(value)) {
+        size_t bytes = 32 + 8 * array->count();
+        for (auto* element : *array)
+            bytes += estimatedBytes(element, depth + 1);
+        return bytes;
+    }
+    return 32;
+}
+
+} // namespace
+
+VXIdentityMap::VXIdentityMap()
+    : m_dictionary(MutableDictionary::create())
+{
+}
+
+RefPtr<VXResource> VXIdentityMap::cachedResource(std::string_view className, String* identifier) const
+{
+    if (!identifier)
+        return nullptr;
+    return cachedResource(className, identifier->view());
+}
+
+RefPtr<VXResource> VXIdentityMap::cachedResource(std::string_view className, std::string_view identifier) const
+{
+    auto* classCache = dynamicDowncast<Dictionary>(m_dictionary->objectForKey(&classKey(className)));
+    if (!classCache)
+        return nullptr;
+    return dynamicDowncast<VXResource>(classCache->objectForKey(identifier));
+}
+
+void VXIdentityMap::cacheResource(VXResource& resource)
+{
+    Ref protectedResource { resource };
+    auto* identifier = resource.resourceIdentifier();
+    VXParameterAssert(identifier);
+    auto* classCache = m_dictionary->objectForKey<MutableDictionary>(resource.className());
+    if (!classCache) {
+        auto created = MutableDictionary::create();
+        m_dictionary->setObject(created, resource.className());
+        classCache = created.ptr();
+    }
+    if (m_bound) {
+        if (auto* replaced = classCache->objectForKey(identifier); replaced && replaced != &resource)
+            m_lastUse.erase(replaced);
+        noteUse(resource);
+    }
+    classCache->setObject(&resource, identifier);
+    NotificationCenter::defaultCenter().postNotification(VXResourceAttributesDidChangeNotification, &resource);
+}
+
+Ref<VXResource> VXIdentityMap::updateCacheForResource(const ClassInfo& info, Ref<VXResource> (*make)(Dictionary*), String* identifier, Dictionary* dictionary)
+{
+    RefPtr<String> key = identifier;
+    RefPtr<VXResource> cached;
+    if (!key) {
+        // The identifier a temporary instance would take from the dictionary:
+        // the "id" through the resource's own descriptor and transformer.
+        auto& descriptor = identifierDescriptor();
+        auto* raw = dictionary ? dictionary->objectForKey(&descriptor.source()) : nullptr;
+        auto* number = dynamicDowncast<Number>(raw);
+        bool builtInTransformer = is<VXNumberToStringValueTransformer>(descriptor.cachedTransformer());
+        if (builtInTransformer && number && !number->isBoolean() && (number->objCType() == 'q' || number->objCType() == 'Q')) {
+            // The service's usual integer id: its decimal text, as the
+            // transformer gives it, looked up without making a string.
+            char digits[24];
+            auto end = number->objCType() == 'q' ? std::to_chars(digits, digits + sizeof(digits), number->longLongValue()).ptr
+                                                 : std::to_chars(digits, digits + sizeof(digits), number->unsignedLongLongValue()).ptr;
+            cached = cachedResource(info.name, std::string_view(digits, end - digits));
+        }
+        if (!cached && raw && !is<Null>(raw)) {
+            auto* transformer = descriptor.cachedTransformer();
+            RefPtr<Object> value = raw;
+            if (transformer) {
+                try {
+                    value = transformer->transformedValue(raw);
+                } catch (...) {
+                    ZUObject::noteUnreadableValue(info.name, descriptor.source().view());
+                    throw;
+                }
+            }
+            key = dynamicDowncast<String>(std::move(value));
+        }
+    }
+    if (!cached)
+        cached = cachedResource(info.name, key.get());
+    if (!cached) {
+        auto created = make(dictionary);
+        // A record without an identifier (an upload's own fields, say) makes
+        // an object that cannot be shared, so it is not cached.
+        if (created->resourceIdentifier())
+            cacheResource(created);
+        return created;
+    }
+    if (cached->updateWithDictionary(dictionary))
+        cacheResource(*cached);
+    else if (m_bound)
+        noteUse(*cached);
+    return cached.releaseNonNull();
+}
+
+void VXIdentityMap::noteUse(VXResource& resource)
+{
+    m_lastUse.insert_or_assign(&resource, m_nextUse++);
+}
+
+void VXIdentityMap::clear()
+{
+    m_dictionary = MutableDictionary::create();
+    m_lastUse.clear();
+}
+
+bool VXIdentityMap::adoptArchivedRoot(Object* root)
+{
+    auto* archived = dynamicDowncast<Dictionary>(root);
+    if (!archived)
+        return false;
+    for (auto& entry : *archived) {
+        if (!is<String>(entry.key) || !is<Dictionary>(entry.object))
+            return false;
+    }
+    // Only what cacheResource() itself would have filed there is kept: an
+    // object of exactly that class, under its own identifier. Anything else
+    // would surface later as an object of an unexpected class.
+    size_t limit = m_bound;
+    m_lastUse.clear();
+    auto cache = MutableDictionary::create();
+    for (auto& entry : *archived) {
+        auto& className = downcast<String>(*entry.key);
+        auto& archivedClass = downcast<Dictionary>(*entry.object);
+        std::vector<VXResource*> kept;
+        for (auto& item : archivedClass) {
+            auto* identifier = dynamicDowncast<String>(item.key);
+            auto* resource = dynamicDowncast<VXResource>(item.object);
+            if (!identifier || !resource || resource->className() != className.view() || !resource->resourceIdentifier()
+                || !resource->resourceIdentifier()->isEqual(identifier))
+                continue;
+            kept.push_back(resource);
+        }
+        // Archives list each class oldest first: the last ones are the most recent.
+        size_t skipped = limit && kept.size() > limit ? kept.size() - limit : 0;
+        if (kept.size() == skipped)
+            continue;
+        auto classCache = MutableDictionary::create(kept.size() - skipped);
+        for (size_t i = skipped; i < kept.size(); ++i) {
+            classCache->setObject(kept[i], kept[i]->resourceIdentifier());
+            if (limit)
+                noteUse(*kept[i]);
+        }
+        cache->setObject(classCache, &className);
+    }
+    m_dictionary = cache;
+    return true;
+}
+
+Ref<Dictionary> VXIdentityMap::archivedDictionary() const
+{
+    size_t limit = m_bound;
+    if (!limit)
+        return m_dictionary;
+    auto archived = MutableDictionary::create();
+    for (auto& entry : *m_dictionary) {
+        auto* classCache = dynamicDowncast<Dictionary>(entry.object);
+        if (!classCache)
+            continue;
+        std::vector<std::pair<uint64_t, Object*>> byUse;
+        byUse.reserve(classCache->count());
+        for (auto& item : *classCache) {
+            auto found = m_lastUse.find(item.object);
+            byUse.emplace_back(found == m_lastUse.end() ? 0 : found->second, item.object);
+        }
+        // The most recent last, so that the next load knows the order.
+        std::stable_sort(byUse.begin(), byUse.end(), [](auto& a, auto& b) { return a.first < b.first; });
+        size_t skipped = byUse.size() > limit ? byUse.size() - limit : 0;
+        auto bounded = MutableDictionary::create(byUse.size() - skipped);
+        for (size_t i = skipped; i < byUse.size(); ++i)
+            bounded->setObject(byUse[i].second, downcast<VXResource>(*byUse[i].second).resourceIdentifier());
+        archived->setObject(bounded, entry.key);
+    }
+    return archived;
+}
+
+VXIdentityMap::Statistics VXIdentityMap::statistics() const
+{
+    Statistics statistics;
+    for (auto& entry : *m_dictionary) {
+        auto* classCache = dynamicDowncast<Dictionary>(entry.object);
+        auto* name = dynamicDowncast<String>(entry.key);
+        if (!classCache || !name)
+            continue;
+        ClassStatistics perClass { name->str(), 0, 0 };
+        for (auto& item : *classCache) {
+            auto* object = dynamicDowncast<ZUObject>(item.object);
+            if (!object)
+                continue;
+            ++perClass.objectCount;
+            size_t bytes = 64 + 48; // the object and its map entry
+            for (auto* descriptor : object->propertyTable().descriptors()) {
+                bytes += 8;
+                auto value = descriptor->accessor().get(*object);
+                if (value && !is<Number>(value.get()))
+                    bytes += estimatedBytes(value.get());
+            }
+            perClass.estimatedBytes += bytes;
+        }
+        statistics.objectCount += perClass.objectCount;
+        statistics.estimatedBytes += perClass.estimatedBytes;
+        statistics.classes.push_back(std::move(perClass));
+    }
+    std::sort(statistics.classes.begin(), statistics.classes.end(), [](auto& a, auto& b) { return a.className < b.className; });
+    return statistics;
+}
+
+} // namespace velvox

@@ -1,0 +1,77 @@
+#pragma once
+
+// The identity map: one model object per class and identifier, so that every
+// view of the host shares one object per remote resource. JSON enters it by
+// one road, updateCacheForResource(): the cached object refreshed in place,
+// or a new one filed. It also knows what it may keep across runs: an
+// archive's map checked entry by entry, and, under a bound per class, the
+// most recently used objects of each class.
+
+#include "VXResource.h"
+
+#include <Platform/Collections.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace velvox {
+
+class VXIdentityMap {
+public:
+    VXIdentityMap();
+
+    // Class name, then identifier, then the object.
+    MutableDictionary& dictionary() const { return m_dictionary; }
+    void setDictionary(MutableDictionary& dictionary) { m_dictionary = dictionary; }
+
+    RefPtr<VXResource> cachedResource(std::string_view className, String* identifier) const;
+    RefPtr<VXResource> cachedResource(std::string_view className, std::string_view identifier) const;
+    // Files the resource under its class and identifier and posts
+    // VXResourceAttributesDidChangeNotification.
+    void cacheResource(VXResource&);
+    // The cached object refreshed in place from the dictionary (announced only
+    // when something changed), or a new one made by `make` and filed. A null
+    // identifier is taken from the dictionary's "id"; a dictionary without one
+    // gives an object that is not filed.
+    Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*make)(Dictionary*), String* identifier, Dictionary*);
+    void clear();
+
+    // With a bound per class (0: none), the map remembers the order in which
+    // objects were last filed or updated, so that the bounded part can be chosen.
+    void setArchivedObjectsPerClass(size_t bound) { m_bound = bound; }
+    // Takes an archive's root as the map: only what cacheResource() would have
+    // filed there is kept (an object of exactly that class, under its own
+    // identifier), at most the bound's last of each class. False, with the
+    // map unchanged, when the root is not a dictionary of dictionaries.
+    bool adoptArchivedRoot(Object* root);
+    // What to archive: the whole map, or under a bound the most recently used
+    // objects of each class, oldest first.
+    Ref<Dictionary> archivedDictionary() const;
+
+    struct ClassStatistics {
+        std::string className;
+        size_t objectCount { 0 };
+        size_t estimatedBytes { 0 };
+    };
+    struct Statistics {
+        std::vector<ClassStatistics> classes; // by class name
+        size_t objectCount { 0 };
+        size_t estimatedBytes { 0 };
+    };
+    Statistics statistics() const;
+
+private:
+    void noteUse(VXResource&);
+
+    mutable Ref<MutableDictionary> m_dictionary;
+    size_t m_bound { 0 };
+    // Under a bound: when each object was last filed or updated (loaded ones
+    // in their archived order, oldest first).
+    std::unordered_map<const Object*, uint64_t> m_lastUse;
+    uint64_t m_nextUse { 1 };
+};
+
+} // namespace velvox
