@@ -190,3 +190,43 @@ TEST(TemplateEngine, AnyTextRendersOrFailsWithoutCrashing)
         EXPECT_TRUE(result || error) << text;
     }
 }
+
+TEST(TemplateEngine, ParsedTextsAreKeptByTheirWholeTextAndEvictedOnesParseAgain)
+{
+    auto engine = makeEngine();
+    auto vars = variables();
+    auto renderText = [&](std::string_view text, Dictionary* variables) {
+        RefPtr<Error> error;
+        auto result = engine->processTemplate(text, variables, &error);
+        return result ? result->str() : "error: " + error->localizedDescription()->str();
+    };
+
+    // A kept text renders with the variables of each call.
+    auto other = Dictionary::create({ { "track", Dictionary::create({ { "plays", Number::create(9).ptr() } }).ptr() } });
+    EXPECT_EQ(renderText("plays {{ track.plays }}", vars.ptr()), "plays 3");
+    EXPECT_EQ(renderText("plays {{ track.plays }}", other.ptr()), "plays 9");
+
+    // More texts than are kept, alike but for their ends, in two rounds: the
+    // first ones are evicted and parsed again, none answers for another.
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 48; ++i) {
+            std::string text = std::string(100, 'x') + "{{ track.plays }}#" + std::to_string(i);
+            EXPECT_EQ(renderText(text, vars.ptr()), std::string(100, 'x') + "3#" + std::to_string(i)) << round << " " << i;
+        }
+    }
+
+    // Texts on either side of the largest one kept, each twice; a NUL byte
+    // makes a text of its own.
+    for (size_t size : { size_t(64 * 1024), size_t(64 * 1024 + 1), size_t(200 * 1024) }) {
+        std::string text = "{{ track.user.username }}" + std::string(size - 25, '.');
+        ASSERT_EQ(text.size(), size);
+        for (int time = 0; time < 2; ++time)
+            EXPECT_EQ(renderText(text, vars.ptr()), "ines" + std::string(size - 25, '.')) << size;
+    }
+    EXPECT_EQ(renderText(std::string_view("a\0{{ zero }}", 12), vars.ptr()), std::string("a\0" "0", 3));
+    EXPECT_EQ(renderText("a", vars.ptr()), "a");
+
+    // A text that fails to parse fails again with the same message.
+    for (int time = 0; time < 2; ++time)
+        EXPECT_EQ(renderText("{% if yes %}open", vars.ptr()), "error: line 1: {% if %} is not closed with {% /if %}");
+}
