@@ -69,7 +69,7 @@ bool JCParser::jc_objectStack_resize(JCObjectStack* stack, size_t newCount)
     return true;
 }
 
-bool JCParser::jc_objectStack_makeRoom(JCParseState* state, std::string_view failureFormat, long line)
+bool JCParser::makeObjectStackRoom(JCParseState* state, std::string_view failureFormat, long line)
 {
     auto& stack = state->objectStack;
     if (stack.index <= stack.count - 4 || jc_objectStack_resize(&stack, stack.count + 128))

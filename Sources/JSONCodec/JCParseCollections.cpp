@@ -52,7 +52,7 @@ Object* JCParser::jc_parse_array(JCParseState* state)
 
     while (!state->error && state->atIndex < state->stringLength) {
         if (stack.index > stack.count - 4
-            && !jc_objectStack_makeRoom(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", __LINE__))
+            && !makeObjectStackRoom(state, "Internal error: [array] objectsIndex > %zu, resize failed? %@ line %#ld", __LINE__))
             break;
         if (!nextToken(state))
             break;
@@ -114,7 +114,7 @@ Object* JCParser::jc_parse_dictionary(JCParseState* state)
 
     while (!state->error && state->atIndex < state->stringLength) {
         if (stack.index > stack.count - 4
-            && !jc_objectStack_makeRoom(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", __LINE__))
+            && !makeObjectStackRoom(state, "Internal error: [dictionary] objectsIndex > %zu, resize failed? %@ line #%ld", __LINE__))
             break;
         Object* key = nullptr;
         if ((acceptMask & JCAcceptValue) && plainWhiteSpace) {

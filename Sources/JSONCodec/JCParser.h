@@ -263,8 +263,9 @@ struct JCParseState {
     }
 };
 
-// The parser's functions; a friend of the collection factories. Each group
-// lives in the file named.
+// The parser's functions; a friend of the collection factories. The names in
+// snake_case are the ones the decoder's documentation gives its parts; the
+// helpers around them are camelCase. Each group lives in the file named.
 class JCParser {
 public:
     // One parse from start to end (JCParseCollections.cpp).
@@ -327,7 +328,7 @@ private:
     static void jc_objectStack_setToStackBuffer(JCObjectStack*, Object** objects, Object** keys, size_t* hashes, size_t count);
     static bool jc_objectStack_resize(JCObjectStack*, size_t newCount);
     // Grows the stack by 128 entries when fewer than 4 are left; records the error when it cannot.
-    static bool jc_objectStack_makeRoom(JCParseState*, std::string_view failureFormat, long line);
+    static bool makeObjectStackRoom(JCParseState*, std::string_view failureFormat, long line);
     static void jc_objectStack_release(JCObjectStack*);
     static bool growTokenBuffer(JCParseState*, size_t needed);
 };
