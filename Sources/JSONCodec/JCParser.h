@@ -255,6 +255,9 @@ struct JCParseState {
     // keep their now dangling pointers (the caller resets or frees them).
     void releaseCachedObjects()
     {
+        // A decoder whose cache could not be allocated holds nothing.
+        if (!cache.items)
+            return;
         cache.applyPendingRefs();
         for (size_t i = 0; i < cache.count; ++i) {
             if (Object* object = cache.items[i].object)
