@@ -175,10 +175,11 @@ void RunLoop::setClock(Clock* clock)
 
 void RunLoop::post(std::function<void()> task)
 {
-    {
-        std::lock_guard lock(m_impl->taskMutex);
-        m_impl->tasks.push_back(std::move(task));
-    }
+    // The wake-up is written before the task can be seen: a loop that runs the
+    // task then also drains its wake-up in the same pass, instead of leaving
+    // the descriptor readable with nothing to do.
+    std::lock_guard lock(m_impl->taskMutex);
+    m_impl->tasks.push_back(std::move(task));
     wake();
 }
 
