@@ -4,154 +4,59 @@
 
 #include "VXResourceController.h"
 
-#include <Platform/Platform.h>
+#include "VXArchiveStore.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <vector>
+#include <Platform/Platform.h>
 
 namespace velvox {
 
-namespace {
-
-// An identifier as it may stand in a file name: the service's identifiers are
-// decimal, but one that a server sent as text must not reach another folder.
-std::string fileNameComponent(String* identifier)
-{
-    std::string text = format("%@", identifier);
-    std::string safe;
-    for (char c : text) {
-        if (c == '/' || c == '%' || c == '\0')
-            safe += format("%%%02X", static_cast<unsigned char>(c));
-        else
-            safe.push_back(c);
-    }
-    return safe;
-}
-
-void createParentFolder(const std::string& path)
-{
-    std::string folder = stringByDeletingLastPathComponent(path);
-    if (!FileManager::defaultManager().fileExistsAtPath(folder))
-        FileManager::defaultManager().createDirectoryAtPath(folder, true, nullptr, 0700);
-}
-
-RefPtr<Error> archive(Object* root, const std::string& path)
-{
-    RefPtr<Error> error;
-    if (KeyedArchiver::archiveRootObject(root, path, &error))
-        return nullptr;
-    if (!error)
-        error = Error::create(POSIXErrorDomain, EIO, format("%s: cannot be written", path)).ptr();
-    return error;
-}
-
-} // namespace
-
-void VXResourceController::loadArchive(const std::string& path, const std::function<bool(RefPtr<Object>)>& take)
-{
-    if (!FileManager::defaultManager().fileExistsAtPath(path))
-        return;
-    auto root = KeyedUnarchiver::unarchiveObjectWithFile(path);
-    // Unreadable (damaged, not a regular file, not of the expected shape):
-    // start empty, as when there is none, but keep the file aside instead of
-    // letting the next save overwrite it unseen.
-    if (!root || !take(std::move(root)))
-        ::rename(path.c_str(), (path + ".corrupt").c_str());
-}
-
 std::string VXResourceController::applicationSupportDirectory() const
 {
-    std::string path = stringByAppendingPathComponent(stringByExpandingTildeInPath(velvox::applicationSupportDirectory()), "Velvox");
-    // Only a folder that exists is "created" here; a missing one comes into
-    // being when an account's files are first saved.
-    if (FileManager::defaultManager().fileExistsAtPath(path))
-        FileManager::defaultManager().createDirectoryAtPath(path, true);
-    return path;
+    return VXArchiveStore::folder();
 }
 
 std::string VXResourceController::resourceCacheFilePath() const
 {
-    return stringByAppendingPathComponent(applicationSupportDirectory(), "ressources.archive");
+    return VXArchiveStore::identityMapPath();
 }
 
 std::string VXResourceController::playedTrackIdentifiersStoragePathForMeUserIdentifer(String* meUserIdentifier) const
 {
-    return stringByAppendingPathComponent(applicationSupportDirectory(), fileNameComponent(meUserIdentifier) + "-playedTracks.archive");
+    return VXArchiveStore::playedTracksPath(meUserIdentifier);
 }
 
 std::string VXResourceController::lastPlayedTimestampsStoragePathForMeUserIdentifer(String* meUserIdentifier) const
 {
-    return stringByAppendingPathComponent(applicationSupportDirectory(), fileNameComponent(meUserIdentifier) + "-lastPlayedTimestamps.archive");
+    return VXArchiveStore::refreshDatesPath(meUserIdentifier);
 }
 
 void VXResourceController::serializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier)
 {
-    writePlayedTrackIdentifiers(meUserIdentifier);
-}
-
-RefPtr<Error> VXResourceController::writePlayedTrackIdentifiers(String* meUserIdentifier)
-{
-    std::string path = playedTrackIdentifiersStoragePathForMeUserIdentifer(meUserIdentifier);
-    createParentFolder(path);
-    return archive(m_playedTrackIdentifiers.get(), path);
+    VXArchiveStore::write(m_playedTrackIdentifiers.get(), VXArchiveStore::playedTracksPath(meUserIdentifier), VXArchiveStore::Folder::MadeWhenMissing);
 }
 
 Ref<MutableSet> VXResourceController::deserializePlayedTrackIdentifiersForMeUserIdentifer(String* meUserIdentifier)
 {
-    RefPtr<MutableSet> played;
-    loadArchive(playedTrackIdentifiersStoragePathForMeUserIdentifer(meUserIdentifier), [&played](RefPtr<Object> root) {
-        auto* set = dynamicDowncast<Set>(root.get());
-        if (!set)
-            return false;
-        // Identifiers are strings; anything else in the set is dropped.
-        played = MutableSet::create();
-        for (auto* member : *set) {
-            if (is<String>(member))
-                played->addObject(member);
-        }
-        return true;
-    });
-    return played ? played.releaseNonNull() : MutableSet::create();
+    return VXArchiveStore::readPlayedTracks(meUserIdentifier);
 }
 
 void VXResourceController::serializeLastPlayedTimestampsForMeUserIdentifer(String* meUserIdentifier)
 {
-    writeLastPlayedTimestamps(meUserIdentifier);
-}
-
-RefPtr<Error> VXResourceController::writeLastPlayedTimestamps(String* meUserIdentifier)
-{
-    std::string path = lastPlayedTimestampsStoragePathForMeUserIdentifer(meUserIdentifier);
-    createParentFolder(path);
-    return archive(m_lastRefreshTimestamps.get(), path);
+    VXArchiveStore::write(m_lastRefreshTimestamps.get(), VXArchiveStore::refreshDatesPath(meUserIdentifier), VXArchiveStore::Folder::MadeWhenMissing);
 }
 
 Ref<MutableDictionary> VXResourceController::deserializeLastPlayedTimestampsForMeUserIdentifer(String* meUserIdentifier)
 {
-    RefPtr<MutableDictionary> timestamps;
-    loadArchive(lastPlayedTimestampsStoragePathForMeUserIdentifer(meUserIdentifier), [&timestamps](RefPtr<Object> root) {
-        auto* dictionary = dynamicDowncast<Dictionary>(root.get());
-        if (!dictionary)
-            return false;
-        // Dates under identifiers; anything else is dropped.
-        timestamps = MutableDictionary::create();
-        for (auto& entry : *dictionary) {
-            if (is<String>(entry.key) && is<Date>(entry.object))
-                timestamps->setObject(entry.object, entry.key);
-        }
-        return true;
-    });
-    return timestamps ? timestamps.releaseNonNull() : MutableDictionary::create();
+    return VXArchiveStore::readRefreshDates(meUserIdentifier);
 }
 
 RefPtr<Error> VXResourceController::writeArchives()
 {
-    RefPtr<Error> first = archive(m_identityMap.archivedDictionary().ptr(), resourceCacheFilePath());
-    if (m_meUserIdentifier) {
-        auto timestamps = writeLastPlayedTimestamps(m_meUserIdentifier.get());
-        auto played = writePlayedTrackIdentifiers(m_meUserIdentifier.get());
+    using Folder = VXArchiveStore::Folder;
+    RefPtr<Error> first = VXArchiveStore::write(m_identityMap.archivedDictionary().ptr(), VXArchiveStore::identityMapPath(), Folder::AsItIs);
+    if (auto* account = m_meUserIdentifier.get()) {
+        auto timestamps = VXArchiveStore::write(m_lastRefreshTimestamps.get(), VXArchiveStore::refreshDatesPath(account), Folder::MadeWhenMissing);
+        auto played = VXArchiveStore::write(m_playedTrackIdentifiers.get(), VXArchiveStore::playedTracksPath(account), Folder::MadeWhenMissing);
         if (!first)
             first = timestamps ? timestamps : played;
     }
@@ -165,10 +70,9 @@ void VXResourceController::applicationWillTerminate(Notification*)
 
 RefPtr<Error> VXResourceController::save()
 {
-    RefPtr<Error> folderError;
-    bool folder = FileManager::defaultManager().createDirectoryAtPath(applicationSupportDirectory(), true, &folderError, 0700);
+    auto folderError = VXArchiveStore::makeFolder();
     auto written = writeArchives();
-    return folder ? written : folderError;
+    return folderError ? folderError : written;
 }
 
 void VXResourceController::applicationDidEnterBackground(Notification* notification)

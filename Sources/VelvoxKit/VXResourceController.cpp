@@ -1,6 +1,7 @@
 #include "VXResourceController.h"
 
 #include "VXActivity.h"
+#include "VXArchiveStore.h"
 #include "VXFramework.h"
 #include "VXNumberToStringValueTransformer.h"
 #include "VXSharingNote.h"
@@ -93,7 +94,7 @@ Ref<VXResourceController> VXResourceController::create(VXAPIController* apiContr
     registerValueTransformers();
     // The archive holds model objects; their classes must be known to read it.
     VXRegisterArchiveClasses();
-    loadArchive(store->resourceCacheFilePath(), [&store](RefPtr<Object> root) { return store->m_identityMap.adoptArchivedRoot(root.get()); });
+    VXArchiveStore::read(VXArchiveStore::identityMapPath(), [&store](RefPtr<Object> root) { return store->m_identityMap.adoptArchivedRoot(root.get()); });
     store->setApiController(apiController);
     VXResourceController* self = store.ptr();
     store->m_terminationObserver = NotificationCenter::defaultCenter().addObserver(ApplicationWillTerminateNotification, nullptr,

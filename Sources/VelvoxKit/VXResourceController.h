@@ -261,12 +261,9 @@ private:
     // answer that is not a record (under Report), readAnswer's, or null.
     RefPtr<Error> readRecord(Object* json, Error* error, const std::function<std::string()>& what,
         const std::function<void(Dictionary*)>& convert) const;
-    // Reads an archive's root; `take` answers false when the root is not of
-    // the expected shape, and the file is then set aside as unreadable.
-    static void loadArchive(const std::string& path, const std::function<bool(RefPtr<Object>)>& take);
+    // The identity map, then the signed-in account's refresh dates and played
+    // tracks; the first failure.
     RefPtr<Error> writeArchives();
-    RefPtr<Error> writePlayedTrackIdentifiers(String* meUserIdentifier);
-    RefPtr<Error> writeLastPlayedTimestamps(String* meUserIdentifier);
 
     RefPtr<String> m_meUserIdentifier;
     RefPtr<VXAPIController> m_apiController;
