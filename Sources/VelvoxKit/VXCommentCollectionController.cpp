@@ -16,9 +16,7 @@ Ref<VXCommentCollectionController> VXCommentCollectionController::create(const S
 
 Ref<Object> VXCommentCollectionController::itemFromDictionary(Object* dictionary)
 {
-    auto item = VXResourceStore::shared().commentWithCommentDictionary(dynamicDowncast<Dictionary>(dictionary));
-    VXAssert(item, "a page holds an item that is not a record");
-    return item.releaseNonNull();
+    return storedItem(VXResourceStore::shared().commentWithCommentDictionary(dynamicDowncast<Dictionary>(dictionary)));
 }
 
 } // namespace velvox

@@ -93,4 +93,10 @@ RefPtr<Object> VXRemoteCollectionController::valueForKey(std::string_view key) c
     return ZURemoteCollectionController::valueForKey(key);
 }
 
+Ref<Object> VXRemoteCollectionController::storedItem(RefPtr<Object> item)
+{
+    VXAssert(item, "a page holds an item that is not a record");
+    return item.releaseNonNull();
+}
+
 } // namespace velvox

@@ -52,6 +52,9 @@ public:
     RefPtr<Object> valueForKey(std::string_view key) const override;
 
 protected:
+    // The item a typed list makes of a record through the store: the store's
+    // object, or a raise when the page held something that is not a record.
+    static Ref<Object> storedItem(RefPtr<Object> item);
     VXRemoteCollectionController(const String& resource, Dictionary* parameters);
 
 private:

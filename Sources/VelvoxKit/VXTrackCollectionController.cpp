@@ -16,9 +16,7 @@ Ref<VXTrackCollectionController> VXTrackCollectionController::create(const Strin
 
 Ref<Object> VXTrackCollectionController::itemFromDictionary(Object* dictionary)
 {
-    auto item = VXResourceStore::shared().trackWithTrackDictionary(dynamicDowncast<Dictionary>(dictionary));
-    VXAssert(item, "a page holds an item that is not a record");
-    return item.releaseNonNull();
+    return storedItem(VXResourceStore::shared().trackWithTrackDictionary(dynamicDowncast<Dictionary>(dictionary)));
 }
 
 } // namespace velvox

@@ -16,9 +16,7 @@ Ref<VXUserCollectionController> VXUserCollectionController::create(const String&
 
 Ref<Object> VXUserCollectionController::itemFromDictionary(Object* dictionary)
 {
-    auto item = VXResourceStore::shared().userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary));
-    VXAssert(item, "a page holds an item that is not a record");
-    return item.releaseNonNull();
+    return storedItem(VXResourceStore::shared().userWithUserDictionary(dynamicDowncast<Dictionary>(dictionary)));
 }
 
 } // namespace velvox
