@@ -13,14 +13,21 @@ namespace velvox {
 
 namespace {
 
-const String& classKey(std::string_view className)
+// The key of a class's table, kept so that its hash is computed once. The
+// model classes are few; names from elsewhere (an archive, a host's lookup)
+// are not kept beyond a small bound, so that they cannot grow the table.
+const String* classKey(std::string_view className)
 {
-    // Class names are few and live as long as the process.
-    static std::unordered_map<std::string_view, Ref<String>>* keys = new std::unordered_map<std::string_view, Ref<String>>;
-    auto found = keys->find(className);
-    if (found == keys->end())
-        found = keys->emplace(className, String::create(className)).first;
-    return found->second;
+    constexpr size_t kept = 64;
+    // The views point into the kept strings, which live as long as the process.
+    static auto* keys = new std::unordered_map<std::string_view, Ref<String>>;
+    if (auto found = keys->find(className); found != keys->end())
+        return found->second.ptr();
+    if (keys->size() >= kept)
+        return nullptr;
+    auto key = String::create(className);
+    std::string_view stable = key->view();
+    return keys->emplace(stable, std::move(key)).first->second.ptr();
 }
 
 // The descriptor through which a resource takes its identifier from "id".
@@ -63,7 +70,8 @@ RefPtr<VXResource> VXIdentityMap::cachedResource(std::string_view className, Str
 
 RefPtr<VXResource> VXIdentityMap::cachedResource(std::string_view className, std::string_view identifier) const
 {
-    auto* classCache = dynamicDowncast<Dictionary>(m_dictionary->objectForKey(&classKey(className)));
+    auto* key = classKey(className);
+    auto* classCache = dynamicDowncast<Dictionary>(key ? m_dictionary->objectForKey(key) : m_dictionary->objectForKey(className));
     if (!classCache)
         return nullptr;
     return dynamicDowncast<VXResource>(classCache->objectForKey(identifier));

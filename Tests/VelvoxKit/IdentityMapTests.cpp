@@ -54,6 +54,13 @@ TEST_F(IdentityMap, OneObjectPerClassAndIdentifierRefreshedInPlace)
     EXPECT_EQ(map.cachedResource("VXUser", "7").get(), user.ptr());
     auto loose = file<VXTrack>(R"({"title": "no id"})");
     EXPECT_EQ(map.statistics().objectCount, 2u);
+    // Class names from elsewhere (an archive's, say) are looked up without
+    // being kept past their life.
+    for (int i = 0; i < 200; ++i) {
+        std::string name = "VXCrafted" + std::to_string(i) + std::string(40, 'x');
+        EXPECT_FALSE(map.cachedResource(name, "7"));
+    }
+    EXPECT_EQ(map.cachedResource("VXTrack", "7").get(), track.ptr());
     map.clear();
     EXPECT_FALSE(map.cachedResource("VXTrack", "7"));
 }
