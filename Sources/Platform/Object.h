@@ -53,7 +53,7 @@ enum class ObjectTag : uint8_t {
     String,
     Number,
     Null,
-    FirstLayerTag = 16,
+    FirstLayerTag,
 };
 
 constexpr ObjectTag layerObjectTag(uint8_t index)
