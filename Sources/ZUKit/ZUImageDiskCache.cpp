@@ -1,3 +1,5 @@
+// The disk tier of the loading image cache (see ZUImageDiskCache.h).
+
 #include "ZUImageDiskCache.h"
 
 #include <Platform/Data.h>

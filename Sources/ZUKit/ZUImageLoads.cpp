@@ -1,3 +1,5 @@
+// The loads in flight of the loading image cache (see ZUImageLoads.h).
+
 #include "ZUImageLoads.h"
 
 #include <Platform/RunLoop.h>

@@ -1,3 +1,5 @@
+// The memory tier of the loading image cache (see ZUImageMemoryCache.h).
+
 #include "ZUImageMemoryCache.h"
 
 #include <Platform/Data.h>
