@@ -82,7 +82,7 @@ void walkVelvox(const Object* object, WalkResult& result)
     ++result.nodes;
     // The codec's collections are walked in place; the tag says what an object is without a virtual call.
     switch (object->tag()) {
-    case ObjectTag::JCArray: {
+    case JCArray::s_tag: {
         auto* array = static_cast<const JCArray*>(object);
         size_t count = array->count();
         Object* const* elements = array->objects();
@@ -90,7 +90,7 @@ void walkVelvox(const Object* object, WalkResult& result)
             walkVelvox(elements[i], result);
         return;
     }
-    case ObjectTag::JCDictionary: {
+    case JCDictionary::s_tag: {
         auto* dictionary = static_cast<const JCDictionary*>(object);
         const JCHashTableEntry* entries = dictionary->entries();
         for (size_t i = 0, capacity = dictionary->capacity(); i < capacity; ++i) {

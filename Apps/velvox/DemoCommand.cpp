@@ -5,7 +5,7 @@
 #include "Session.h"
 
 #include <VelvoxKit/VXActivity.h>
-#include <VelvoxKit/VXViewRenderer.h>
+#include <Views/VXViewRenderer.h>
 
 #include <cstdio>
 

@@ -35,8 +35,11 @@ struct JCArrayStorage {
     void releaseAll();
 };
 
+// The codec's immutable results carry tags of their own, so that walkers and
+// the encoder tell them by a load (the codec's block of the layers' tags).
 class JCArray final : public Array {
     VX_OBJECT(JCArray)
+    VX_OBJECT_TAG(JCArray, layerObjectTag(0))
 public:
     size_t count() const override { return m_storage.count; }
     Object* objectAtIndex(size_t index) const override { return m_storage.objectAtIndex(*this, index); }
@@ -48,7 +51,7 @@ public:
 
 private:
     friend class detail::JCArrayFactory;
-    JCArray() { setTag(ObjectTag::JCArray); }
+    JCArray() { setTag(s_tag); }
     ~JCArray() override;
     JCArrayStorage m_storage;
 };
@@ -125,12 +128,14 @@ size_t JCDictionaryCapacityIndexForCount(size_t count);
 
 class JCDictionary final : public Dictionary {
     VX_OBJECT(JCDictionary)
+    VX_OBJECT_TAG(JCDictionary, layerObjectTag(1))
 public:
     size_t count() const override { return m_storage.count; }
     Object* objectForKey(const Object* key) const override;
     using Dictionary::objectForKey;
     bool nextEntry(size_t& state, Entry& entry) const override { return m_storage.nextEntry(state, entry); }
     size_t nextEntries(size_t& state, HashedEntry* buffer, size_t capacity) const override { return m_storage.nextEntries(state, buffer, capacity); }
+    bool walkFindsWhatLookupsFind() const override { return true; }
     Ref<Enumerator> keyEnumerator() const override;
     size_t getObjects(size_t arrayLength, Object** objects, Object** keys) const { return m_storage.getKeysAndObjects(arrayLength, keys, objects); }
     size_t capacity() const { return m_storage.capacity; }
@@ -142,7 +147,7 @@ public:
 private:
     friend class detail::JCDictionaryFactory;
     friend class JCDictionaryEnumerator;
-    JCDictionary() { setTag(ObjectTag::JCDictionary); }
+    JCDictionary() { setTag(s_tag); }
     ~JCDictionary() override;
     JCDictionaryStorage m_storage;
 };

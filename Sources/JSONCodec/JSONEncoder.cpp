@@ -303,7 +303,7 @@ bool encodeArray(JCEncodeState* state, const Array& array)
             return false;
         return jc_encode_add_atom_to_buffer(state, element);
     };
-    if (array.tag() == ObjectTag::JCArray) {
+    if (array.tag() == JCArray::s_tag) {
         // An immutable codec array: its elements stay where they are.
         auto& codecArray = static_cast<const JCArray&>(array);
         Object* const* elements = codecArray.objects();
@@ -348,7 +348,7 @@ bool encodeDictionary(JCEncodeState* state, const Dictionary& dictionary)
         }
         return jc_encode_add_atom_to_buffer(state, key) && state->write1(0, ':') && jc_encode_add_atom_to_buffer(state, object);
     };
-    if (dictionary.tag() == ObjectTag::JCDictionary) {
+    if (dictionary.tag() == JCDictionary::s_tag) {
         // An immutable codec dictionary: its table in enumeration order.
         auto& codecDictionary = static_cast<const JCDictionary&>(dictionary);
         const JCHashTableEntry* entries = codecDictionary.entries();
@@ -399,8 +399,8 @@ bool jc_encode_add_atom_to_buffer(JCEncodeState* state, Object* object)
         ok = encodeString(state, *static_cast<String*>(object));
     else if (tag == ObjectTag::Number)
         ok = encodeNumber(state, *static_cast<Number*>(object));
-    else if (bool isDictionary = tag == ObjectTag::JCDictionary || (tag != ObjectTag::JCArray && is<Dictionary>(object));
-             isDictionary || tag == ObjectTag::JCArray || is<Array>(object)) {
+    else if (bool isDictionary = tag == JCDictionary::s_tag || (tag != JCArray::s_tag && is<Dictionary>(object));
+             isDictionary || tag == JCArray::s_tag || is<Array>(object)) {
         // Bounded, so that a hostile tree cannot exhaust the stack.
         if (++state->nesting > maximumDepth) {
             jc_encode_error(state, "Nesting is deeper than %zu levels.", maximumDepth);

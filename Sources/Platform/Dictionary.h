@@ -41,6 +41,10 @@ public:
     // dictionary has at hand): up to `capacity` entries into `buffer`,
     // answering how many (0 at the end).
     virtual size_t nextEntries(size_t& state, HashedEntry* buffer, size_t capacity) const;
+    // Whether that walk finds exactly what lookups find, so that a reader
+    // after many keys may gather them in one walk instead of one lookup each.
+    // Only classes that promise it say so.
+    virtual bool walkFindsWhatLookupsFind() const { return false; }
     virtual uint64_t mutations() const { return 0; }
     virtual Ref<Enumerator> keyEnumerator() const;
 

@@ -15,6 +15,7 @@ namespace velvox {
 
 class Number final : public Object {
     VX_OBJECT(Number)
+    VX_OBJECT_TAG(Number, ObjectTag::Number)
 public:
     static Ref<Number> withInteger(int64_t);
     static Ref<Number> withUnsignedInteger(uint64_t);
@@ -67,7 +68,7 @@ private:
     Number(char type, T value)
         : m_type(type)
     {
-        setTag(ObjectTag::Number);
+        setTag(s_tag);
         if constexpr (std::is_same_v<T, double>)
             m_double = value;
         else if constexpr (std::is_same_v<T, uint64_t>)
@@ -87,12 +88,13 @@ private:
 // The null value, which stands for nil inside collections and JSON.
 class Null final : public Object {
     VX_OBJECT(Null)
+    VX_OBJECT_TAG(Null, ObjectTag::Null)
 public:
     static Null& null();
     Ref<String> description() const override;
 
 private:
-    Null() { setTag(ObjectTag::Null); }
+    Null() { setTag(s_tag); }
 };
 
 namespace detail {

@@ -44,8 +44,31 @@ public:                                                            \
 
 // A one-byte tag for the few classes that hot loops dispatch on (the
 // encoder, tree walkers): a load from the object instead of a virtual call.
+// Each tagged class declares its value where it lives (VX_OBJECT_TAG): the
+// platform's own are named here, and a layer above the platform numbers its
+// classes' tags from FirstLayerTag on (layerObjectTag), one value per class.
 // Other classes answer Other; a subclass keeps its base's tag.
-enum class ObjectTag : uint8_t { Other, String, Number, Null, JCArray, JCDictionary };
+enum class ObjectTag : uint8_t {
+    Other,
+    String,
+    Number,
+    Null,
+    FirstLayerTag,
+};
+
+constexpr ObjectTag layerObjectTag(uint8_t index)
+{
+    return static_cast<ObjectTag>(static_cast<uint8_t>(ObjectTag::FirstLayerTag) + index);
+}
+
+// Gives a class its own tag: its constructors set it (setTag(s_tag)), and
+// kind tests of exactly this class answer from the tag alone (a subclass that
+// keeps the tag is still told by its class info). Leaves the access level at
+// public.
+#define VX_OBJECT_TAG(ClassName, Value)                      \
+public:                                                      \
+    static constexpr ::velvox::ObjectTag s_tag { Value };    \
+    using TaggedClass = ClassName;
 
 class Object {
 public:
@@ -146,37 +169,26 @@ private:
     ObjectTag m_tag { ObjectTag::Other };
 };
 
-class Number;
-class Null;
-class JCArray;
-class JCDictionary;
-
 namespace detail {
 
 // The tag that every object of exactly this class (or of a subclass that
-// keeps it) carries, for classes where the tag alone decides the kind test.
+// keeps it) carries, for classes where the tag alone decides the kind test:
+// those that declare it themselves, not those that inherit it.
 template<typename T>
 constexpr ObjectTag exactTagOf()
 {
     using U = std::remove_cv_t<T>;
-    if constexpr (std::is_same_v<U, String>)
-        return ObjectTag::String;
-    else if constexpr (std::is_same_v<U, Number>)
-        return ObjectTag::Number;
-    else if constexpr (std::is_same_v<U, Null>)
-        return ObjectTag::Null;
-    else if constexpr (std::is_same_v<U, JCArray>)
-        return ObjectTag::JCArray;
-    else if constexpr (std::is_same_v<U, JCDictionary>)
-        return ObjectTag::JCDictionary;
-    else
-        return ObjectTag::Other;
+    if constexpr (requires { typename U::TaggedClass; }) {
+        if constexpr (std::is_same_v<typename U::TaggedClass, U>)
+            return U::s_tag;
+    }
+    return ObjectTag::Other;
 }
 
 } // namespace detail
 
-// Kind tests. A null object is of no kind. Strings, numbers, null and the
-// codec's immutable collections answer from their tag, without a virtual call.
+// Kind tests. A null object is of no kind. Classes with a tag of their own
+// answer from it, without a virtual call.
 template<typename T>
 inline bool is(const Object* object)
 {

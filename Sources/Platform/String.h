@@ -19,6 +19,7 @@ class Array;
 
 class String : public Object {
     VX_OBJECT(String)
+    VX_OBJECT_TAG(String, ObjectTag::String)
 public:
     static Ref<String> create(std::string_view);
     static Ref<String> create(const char* bytes, size_t length) { return create(std::string_view(bytes, length)); }
@@ -103,7 +104,7 @@ protected:
         : m_chars(chars)
         , m_length(length)
     {
-        setTag(ObjectTag::String);
+        setTag(s_tag);
     }
 
 private:

@@ -1,45 +1,18 @@
 #include "ZULoadingImageCache.h"
 
+#include "ZUImageDiskCache.h"
+#include "ZUImageLoads.h"
+#include "ZUImageMemoryCache.h"
+
 #include <Platform/Platform.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cctype>
-#include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
-#include <fcntl.h>
-#include <list>
-#include <sys/stat.h>
-#include <unordered_map>
-#include <vector>
 
 namespace velvox {
 
 namespace {
-
-constexpr std::string_view diskMagic = "VXIMG1\n";
-constexpr std::string_view diskSuffix = ".img";
-// Room for the header lines of a disk entry beyond its body.
-constexpr size_t diskHeaderAllowance = 64 * 1024;
-
-uint64_t fnv1a64(std::string_view bytes)
-{
-    uint64_t hash = 0xcbf29ce484222325ull;
-    for (unsigned char c : bytes) {
-        hash ^= c;
-        hash *= 0x100000001b3ull;
-    }
-    return hash;
-}
-
-std::string hex64(uint64_t value)
-{
-    char buffer[17];
-    snprintf(buffer, sizeof(buffer), "%016" PRIx64, value);
-    return buffer;
-}
 
 // Whether a URL's text names http or https, without parsing it again.
 bool isWebURL(std::string_view text)
@@ -53,261 +26,39 @@ bool isWebURL(std::string_view text)
     return scheme == "http" || scheme == "https";
 }
 
-// Lookups by std::string_view in maps keyed by std::string, without a copy.
-struct TextHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
-};
-
-bool isOneLine(std::string_view text)
-{
-    return text.find_first_of("\r\n") == std::string_view::npos;
-}
-
 std::string headerValue(URLResponse& response, std::string_view name)
 {
     auto* value = response.headers().objectForKey<String>(name);
     return value ? value->str() : std::string();
 }
 
-// Disk entries age by the system's clock, as their files' times do (not by a
-// run loop's clock, which tests may have stopped).
-double fileTimeNow()
-{
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-}
-
 } // namespace
 
+// The two tiers and the loads in flight, which the loads' ends reach through
+// a weak reference (a load may end after the cache went).
 struct ZULoadingImageCache::State : std::enable_shared_from_this<State> {
+    explicit State(Configuration configuration)
+        : configuration(configuration)
+        , memory(configuration.memoryCapacity)
+        , disk(configuration.diskPath, configuration.diskCapacity, configuration.maximumImageSize, configuration.usesDisk)
+    {
+    }
+
+    // The loads' limits; the tiers keep their own capacities.
     Configuration configuration;
     Statistics statistics;
+    ZUImageMemoryCache memory;
+    ZUImageDiskCache disk;
+    ZUImageLoads loads;
 
-    // Memory tier: most recently used first.
-    struct MemoryEntry {
-        std::string url;
-        Ref<Image> image;
-        std::string etag;
-        std::string lastModified;
-    };
-    std::list<MemoryEntry> memoryOrder;
-    std::unordered_map<std::string, std::list<MemoryEntry>::iterator, TextHash, std::equal_to<>> memoryByURL;
-    size_t memoryBytes { 0 };
-
-    // Disk tier index, read from the folder at first use.
-    struct DiskEntry {
-        size_t size;
-        double lastUse;
-    };
-    std::unordered_map<std::string, DiskEntry> diskByFile;
-    size_t diskBytes { 0 };
-    bool diskIndexed { false };
-
-    // Loads in flight, one per URL.
-    struct Waiter {
-        uint64_t identifier;
-        Block block;
-    };
-    struct Load {
-        RefPtr<URLTask> task;
-        std::vector<Waiter> waiters;
-        bool conditional { false };
-    };
-    std::unordered_map<std::string, Load> loads;
-    uint64_t nextWaiter { 1 };
-
-    // Memory.
-    MemoryEntry* memoryEntry(std::string_view url, bool touch)
-    {
-        auto it = memoryByURL.find(url);
-        if (it == memoryByURL.end())
-            return nullptr;
-        if (touch)
-            memoryOrder.splice(memoryOrder.begin(), memoryOrder, it->second);
-        return &*it->second;
-    }
-    void storeInMemory(const std::string& url, Image& image, std::string etag, std::string lastModified)
-    {
-        removeFromMemory(url);
-        size_t bytes = image.data().length();
-        if (bytes > configuration.memoryCapacity)
-            return;
-        memoryOrder.push_front(MemoryEntry { url, image, std::move(etag), std::move(lastModified) });
-        memoryByURL.emplace(url, memoryOrder.begin());
-        memoryBytes += bytes;
-        trimMemory();
-    }
-    void removeFromMemory(const std::string& url)
-    {
-        auto it = memoryByURL.find(url);
-        if (it == memoryByURL.end())
-            return;
-        memoryBytes -= it->second->image->data().length();
-        memoryOrder.erase(it->second);
-        memoryByURL.erase(it);
-    }
-    void trimMemory()
-    {
-        while (memoryBytes > configuration.memoryCapacity && !memoryOrder.empty())
-            removeFromMemory(memoryOrder.back().url);
-    }
-
-    // Disk.
-    static std::string fileNameForURL(std::string_view url) { return hex64(fnv1a64(url)) + std::string(diskSuffix); }
-    std::string pathOfFile(const std::string& file) const { return stringByAppendingPathComponent(configuration.diskPath, file); }
-
-    void indexDisk()
-    {
-        if (diskIndexed)
-            return;
-        diskIndexed = true;
-        DIR* folder = opendir(configuration.diskPath.c_str());
-        if (!folder)
-            return;
-        while (auto* item = readdir(folder)) {
-            std::string_view name = item->d_name;
-            if (name.size() != 16 + diskSuffix.size() || !name.ends_with(diskSuffix))
-                continue;
-            struct stat info {};
-            if (stat(pathOfFile(std::string(name)).c_str(), &info) != 0 || !S_ISREG(info.st_mode))
-                continue;
-            double lastUse = static_cast<double>(info.st_mtim.tv_sec) + info.st_mtim.tv_nsec / 1e9;
-            diskByFile[std::string(name)] = DiskEntry { static_cast<size_t>(info.st_size), lastUse };
-            diskBytes += static_cast<size_t>(info.st_size);
-        }
-        closedir(folder);
-    }
-    void forgetDiskFile(const std::string& file, bool remove)
-    {
-        auto it = diskByFile.find(file);
-        if (it != diskByFile.end()) {
-            diskBytes -= it->second.size;
-            diskByFile.erase(it);
-        }
-        if (remove)
-            ::unlink(pathOfFile(file).c_str());
-    }
-
-    struct DiskRead {
-        RefPtr<Image> image;
-        std::string etag;
-        std::string lastModified;
-    };
-    // The entry of a URL, checked whole; a damaged one is removed.
-    std::optional<DiskRead> readFromDisk(const std::string& url)
-    {
-        if (!configuration.usesDisk)
-            return std::nullopt;
-        indexDisk();
-        std::string file = fileNameForURL(url);
-        auto indexed = diskByFile.find(file);
-        if (indexed == diskByFile.end())
-            return std::nullopt;
-        auto damaged = [&] {
-            ++statistics.corruptDiskEntries;
-            forgetDiskFile(file, true);
-            return std::nullopt;
-        };
-        if (indexed->second.size > configuration.maximumImageSize + diskHeaderAllowance)
-            return damaged();
-        auto contents = Data::createWithContentsOfFile(pathOfFile(file));
-        if (!contents)
-            return damaged();
-        std::string_view rest = contents->view();
-        auto line = [&rest]() -> std::optional<std::string_view> {
-            size_t end = rest.find('\n');
-            if (end == std::string_view::npos)
-                return std::nullopt;
-            auto text = rest.substr(0, end);
-            rest.remove_prefix(end + 1);
-            return text;
-        };
-        if (!rest.starts_with(diskMagic))
-            return damaged();
-        rest.remove_prefix(diskMagic.size());
-        auto storedURL = line();
-        auto etag = line();
-        auto lastModified = line();
-        auto length = line();
-        auto checksum = line();
-        if (!checksum)
-            return damaged();
-        if (*storedURL != url)
-            return std::nullopt; // another URL with the same file name: a miss, not damage
-        char* end = nullptr;
-        std::string lengthText(*length);
-        unsigned long long bodyLength = strtoull(lengthText.c_str(), &end, 10);
-        if (lengthText.empty() || *end || bodyLength != rest.size() || hex64(fnv1a64(rest)) != *checksum)
-            return damaged();
-        auto bytes = Data::create(rest);
-        auto image = Image::create(bytes);
-        if (!image)
-            return damaged();
-        // The file's time is its last use, so that the order survives a restart.
-        indexed->second.lastUse = fileTimeNow();
-        utimensat(AT_FDCWD, pathOfFile(file).c_str(), nullptr, 0);
-        return DiskRead { image, std::string(*etag), std::string(*lastModified) };
-    }
-    void writeToDisk(const std::string& url, Image& image, const std::string& etag, const std::string& lastModified)
-    {
-        if (!configuration.usesDisk || !isOneLine(url) || !isOneLine(etag) || !isOneLine(lastModified))
-            return;
-        auto body = image.data().view();
-        if (body.size() + diskHeaderAllowance > configuration.diskCapacity)
-            return;
-        indexDisk();
-        if (!FileManager::defaultManager().createDirectoryAtPath(configuration.diskPath, true, nullptr, 0700))
-            return;
-        std::string contents;
-        contents.reserve(body.size() + url.size() + 128);
-        contents.append(diskMagic);
-        for (auto* field : { &url, &etag, &lastModified }) {
-            contents.append(*field);
-            contents.push_back('\n');
-        }
-        contents.append(std::to_string(body.size()));
-        contents.push_back('\n');
-        contents.append(hex64(fnv1a64(body)));
-        contents.push_back('\n');
-        contents.append(body);
-        std::string file = fileNameForURL(url);
-        if (!FileManager::writeFileAtomically(pathOfFile(file), contents))
-            return;
-        forgetDiskFile(file, false);
-        diskByFile[file] = DiskEntry { contents.size(), fileTimeNow() };
-        diskBytes += contents.size();
-        trimDisk();
-    }
-    void trimDisk()
-    {
-        if (diskBytes <= configuration.diskCapacity)
-            return;
-        // Down to nine tenths, so that the sort is not paid at every write.
-        size_t goal = configuration.diskCapacity / 10 * 9;
-        std::vector<std::pair<double, std::string>> byAge;
-        byAge.reserve(diskByFile.size());
-        for (auto& [file, entry] : diskByFile)
-            byAge.emplace_back(entry.lastUse, file);
-        std::sort(byAge.begin(), byAge.end());
-        for (auto& [lastUse, file] : byAge) {
-            if (diskBytes <= goal)
-                break;
-            forgetDiskFile(file, true);
-        }
-    }
-
-    // Loading.
-    void startLoad(const std::string& url, bool forceReload, Waiter&& waiter);
+    void startLoad(const std::string& url, bool forceReload, ZUImageLoads::Waiter&& waiter);
     void finishLoad(const std::string& url, URLResponse* response, Error* error);
-    void deliver(std::vector<Waiter>&& waiters, Image* image, Error* error);
-    void cancelWaiter(const std::string& url, uint64_t identifier);
 };
 
-void ZULoadingImageCache::State::startLoad(const std::string& url, bool forceReload, Waiter&& waiter)
+void ZULoadingImageCache::State::startLoad(const std::string& url, bool forceReload, ZUImageLoads::Waiter&& waiter)
 {
-    auto existing = loads.find(url);
-    if (existing != loads.end()) {
-        existing->second.waiters.push_back(std::move(waiter));
+    if (auto* existing = loads.find(url)) {
+        existing->waiters.push_back(std::move(waiter));
         return;
     }
     URLRequest request;
@@ -319,10 +70,10 @@ void ZULoadingImageCache::State::startLoad(const std::string& url, bool forceRel
     bool conditional = false;
     if (forceReload) {
         std::string etag, lastModified;
-        if (auto* entry = memoryEntry(url, false)) {
+        if (auto* entry = memory.find(url, false)) {
             etag = entry->etag;
             lastModified = entry->lastModified;
-        } else if (auto stored = readFromDisk(url)) {
+        } else if (auto stored = disk.read(url)) {
             etag = stored->etag;
             lastModified = stored->lastModified;
         }
@@ -332,7 +83,7 @@ void ZULoadingImageCache::State::startLoad(const std::string& url, bool forceRel
             request.headers.emplace_back("If-Modified-Since", lastModified);
         conditional = !etag.empty() || !lastModified.empty();
     }
-    auto& load = loads[url];
+    auto& load = loads.add(url);
     load.conditional = conditional;
     load.waiters.push_back(std::move(waiter));
     ++statistics.requestsSent;
@@ -347,29 +98,28 @@ void ZULoadingImageCache::State::startLoad(const std::string& url, bool forceRel
 
 void ZULoadingImageCache::State::finishLoad(const std::string& url, URLResponse* response, Error* error)
 {
-    auto it = loads.find(url);
-    if (it == loads.end())
+    auto taken = loads.take(url);
+    if (!taken)
         return;
-    Load load = std::move(it->second);
-    loads.erase(it);
+    auto& load = *taken;
 
     if (error) {
         ++statistics.failures;
-        deliver(std::move(load.waiters), nullptr, error);
+        ZUImageLoads::deliver(std::move(load.waiters), nullptr, error);
         return;
     }
     long status = response->statusCode();
     if (status == 304) {
         ++statistics.notModified;
         RefPtr<Image> image;
-        if (auto* entry = memoryEntry(url, true)) {
+        if (auto* entry = memory.find(url, true)) {
             image = entry->image.ptr();
-        } else if (auto stored = readFromDisk(url)) {
+        } else if (auto stored = disk.read(url)) {
             image = stored->image;
-            storeInMemory(url, *image, stored->etag, stored->lastModified);
+            memory.store(url, *image, stored->etag, stored->lastModified);
         }
         if (image) {
-            deliver(std::move(load.waiters), image.get(), nullptr);
+            ZUImageLoads::deliver(std::move(load.waiters), image.get(), nullptr);
             return;
         }
         if (load.conditional) {
@@ -384,7 +134,7 @@ void ZULoadingImageCache::State::finishLoad(const std::string& url, URLResponse*
         ++statistics.failures;
         auto failure = Error::create(ZULoadingImageCacheErrorDomain, status,
             String::format("The image server answered with status %ld.", status)->view());
-        deliver(std::move(load.waiters), nullptr, failure.ptr());
+        ZUImageLoads::deliver(std::move(load.waiters), nullptr, failure.ptr());
         return;
     }
     auto image = Image::create(response->body());
@@ -392,66 +142,36 @@ void ZULoadingImageCache::State::finishLoad(const std::string& url, URLResponse*
         ++statistics.failures;
         auto failure = Error::create(ZULoadingImageCacheErrorDomain, ZULoadingImageCacheErrorNotAnImage,
             "The answer is not an image of a known kind.");
-        deliver(std::move(load.waiters), nullptr, failure.ptr());
+        ZUImageLoads::deliver(std::move(load.waiters), nullptr, failure.ptr());
         return;
     }
     std::string etag = headerValue(*response, "etag");
     std::string lastModified = headerValue(*response, "last-modified");
-    storeInMemory(url, *image, etag, lastModified);
+    memory.store(url, *image, etag, lastModified);
     if (headerValue(*response, "cache-control").find("no-store") == std::string::npos)
-        writeToDisk(url, *image, etag, lastModified);
-    deliver(std::move(load.waiters), image.get(), nullptr);
+        disk.write(url, *image, etag, lastModified);
+    ZUImageLoads::deliver(std::move(load.waiters), image.get(), nullptr);
 }
 
-void ZULoadingImageCache::State::deliver(std::vector<Waiter>&& waiters, Image* image, Error* error)
-{
-    RefPtr<Image> protectedImage = image;
-    RefPtr<Error> protectedError = error;
-    for (size_t i = 0; i < waiters.size(); ++i) {
-        try {
-            waiters[i].block(image, error);
-        } catch (...) {
-            // The run loop's rule: the exception leaves this turn, and the
-            // callers not served yet are served on the next one.
-            for (size_t j = i + 1; j < waiters.size(); ++j) {
-                RunLoop::current().post([block = std::move(waiters[j].block), protectedImage, protectedError] {
-                    block(protectedImage.get(), protectedError.get());
-                });
-            }
-            throw;
-        }
-    }
-}
+namespace {
 
-void ZULoadingImageCache::State::cancelWaiter(const std::string& url, uint64_t identifier)
-{
-    auto it = loads.find(url);
-    if (it == loads.end())
-        return;
-    auto& waiters = it->second.waiters;
-    std::erase_if(waiters, [identifier](const Waiter& waiter) { return waiter.identifier == identifier; });
-    if (waiters.empty()) {
-        if (it->second.task)
-            it->second.task->cancel();
-        loads.erase(it);
-    }
-}
-
-ZULoadingImageCache::ZULoadingImageCache(Configuration configuration)
-    : m_state(std::make_shared<State>())
+ZULoadingImageCache::Configuration withDiskPath(ZULoadingImageCache::Configuration configuration)
 {
     if (configuration.diskPath.empty())
-        configuration.diskPath = defaultDiskPath();
-    m_state->configuration = std::move(configuration);
+        configuration.diskPath = ZULoadingImageCache::defaultDiskPath();
+    return configuration;
+}
+
+} // namespace
+
+ZULoadingImageCache::ZULoadingImageCache(Configuration configuration)
+    : m_state(std::make_shared<State>(withDiskPath(std::move(configuration))))
+{
 }
 
 ZULoadingImageCache::~ZULoadingImageCache()
 {
-    for (auto& [url, load] : m_state->loads) {
-        if (load.task)
-            load.task->cancel();
-    }
-    m_state->loads.clear();
+    m_state->loads.cancelAll();
 }
 
 ZULoadingImageCache& ZULoadingImageCache::sharedLoadingImageCache()
@@ -497,7 +217,7 @@ RefPtr<Image> ZULoadingImageCache::cachedImageForURL(URL* url, bool forceReload,
         return nullptr;
     }
     if (!forceReload) {
-        if (auto* entry = state.memoryEntry(url->absoluteString()->view(), true)) {
+        if (auto* entry = state.memory.find(url->absoluteString()->view(), true)) {
             ++state.statistics.memoryHits;
             return entry->image.ptr();
         }
@@ -505,21 +225,21 @@ RefPtr<Image> ZULoadingImageCache::cachedImageForURL(URL* url, bool forceReload,
     }
     std::string key = url->absoluteString()->str();
     if (!forceReload) {
-        if (auto stored = state.readFromDisk(key)) {
+        if (auto stored = state.disk.read(key)) {
             ++state.statistics.diskHits;
-            state.storeInMemory(key, *stored->image, std::move(stored->etag), std::move(stored->lastModified));
+            state.memory.store(key, *stored->image, std::move(stored->etag), std::move(stored->lastModified));
             return stored->image;
         }
-        if (state.configuration.usesDisk)
+        if (state.disk.enabled())
             ++state.statistics.diskMisses;
     }
-    uint64_t identifier = state.nextWaiter++;
-    state.startLoad(key, forceReload, State::Waiter { identifier, block ? std::move(block) : Block([](Image*, Error*) { }) });
+    uint64_t identifier = state.loads.nextIdentifier();
+    state.startLoad(key, forceReload, ZUImageLoads::Waiter { identifier, block ? std::move(block) : Block([](Image*, Error*) { }) });
     if (subscription) {
         std::weak_ptr<State> weakState = m_state;
         *subscription = Subscription([weakState, key, identifier] {
             if (auto state = weakState.lock())
-                state->cancelWaiter(key, identifier);
+                state->loads.cancelWaiter(key, identifier);
         });
     }
     return nullptr;
@@ -527,48 +247,38 @@ RefPtr<Image> ZULoadingImageCache::cachedImageForURL(URL* url, bool forceReload,
 
 void ZULoadingImageCache::setMemoryCapacity(size_t bytes)
 {
-    m_state->configuration.memoryCapacity = bytes;
-    m_state->trimMemory();
+    m_state->memory.setCapacity(bytes);
 }
 
 void ZULoadingImageCache::setDiskCapacity(size_t bytes)
 {
-    m_state->configuration.diskCapacity = bytes;
-    m_state->indexDisk();
-    m_state->trimDisk();
+    m_state->disk.setCapacity(bytes);
 }
 
-size_t ZULoadingImageCache::memoryCapacity() const { return m_state->configuration.memoryCapacity; }
-size_t ZULoadingImageCache::diskCapacity() const { return m_state->configuration.diskCapacity; }
-const std::string& ZULoadingImageCache::diskPath() const { return m_state->configuration.diskPath; }
+size_t ZULoadingImageCache::memoryCapacity() const { return m_state->memory.capacity(); }
+size_t ZULoadingImageCache::diskCapacity() const { return m_state->disk.capacity(); }
+const std::string& ZULoadingImageCache::diskPath() const { return m_state->disk.path(); }
 
 void ZULoadingImageCache::removeAllImagesFromMemory()
 {
-    m_state->memoryOrder.clear();
-    m_state->memoryByURL.clear();
-    m_state->memoryBytes = 0;
+    m_state->memory.removeAll();
 }
 
 void ZULoadingImageCache::removeAllImages()
 {
     removeAllImagesFromMemory();
-    m_state->indexDisk();
-    std::vector<std::string> files;
-    for (auto& [file, entry] : m_state->diskByFile)
-        files.push_back(file);
-    for (auto& file : files)
-        m_state->forgetDiskFile(file, true);
+    m_state->disk.removeAll();
 }
 
 ZULoadingImageCache::Statistics ZULoadingImageCache::statistics() const
 {
     auto& state = *m_state;
-    state.indexDisk();
     Statistics statistics = state.statistics;
-    statistics.memoryBytes = state.memoryBytes;
-    statistics.memoryImageCount = state.memoryByURL.size();
-    statistics.diskBytes = state.diskBytes;
-    statistics.diskImageCount = state.diskByFile.size();
+    statistics.corruptDiskEntries = state.disk.corruptEntries();
+    statistics.memoryBytes = state.memory.bytes();
+    statistics.memoryImageCount = state.memory.count();
+    statistics.diskBytes = state.disk.bytes();
+    statistics.diskImageCount = state.disk.count();
     return statistics;
 }
 

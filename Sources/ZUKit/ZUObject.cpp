@@ -157,10 +157,10 @@ void ZUObject::forEachDescribedValue(const Dictionary& dictionary, Apply&& apply
 {
     auto& table = propertyTable();
     auto descriptors = table.descriptors();
-    // A decoded record (the codec's immutable dictionary, whose walk finds
-    // what its lookups find) is walked once; anything else is asked per key.
+    // A dictionary whose walk finds what its lookups find (a decoded record)
+    // is walked once; anything else is asked per key.
     constexpr size_t gatherLimit = 128;
-    if (dictionary.tag() == ObjectTag::JCDictionary && descriptors.size() <= gatherLimit) {
+    if (descriptors.size() <= gatherLimit && dictionary.walkFindsWhatLookupsFind()) {
         Object* values[gatherLimit];
         table.gatherValues(dictionary, values);
         for (size_t i = 0; i < descriptors.size(); ++i) {

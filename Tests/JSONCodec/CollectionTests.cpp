@@ -204,6 +204,40 @@ TEST(JCCollections, CopyRules)
     EXPECT_TRUE(frozenDictionary->isEqual(mutableDictionary.get()));
 }
 
+TEST(JCCollections, TheCodecsTagsAreItsOwn)
+{
+    // The immutable results are told by their tags alone, so each tag must be
+    // theirs: apart from each other and from the platform's, and carried by
+    // nothing else (mutable results, copies, the platform's collections).
+    static_assert(JCArray::s_tag != JCDictionary::s_tag);
+    for (ObjectTag tag : { JCArray::s_tag, JCDictionary::s_tag })
+        EXPECT_GE(static_cast<int>(tag), static_cast<int>(ObjectTag::FirstLayerTag));
+
+    auto decoder = JSONDecoder::decoder();
+    auto tree = decoder->objectWithUTF8String(std::string_view(R"([{"a":[1]}])"));
+    auto* array = downcast<Array>(tree.get());
+    auto* record = downcast<Dictionary>(array->objectAtIndex(0));
+    EXPECT_EQ(array->tag(), JCArray::s_tag);
+    EXPECT_EQ(record->tag(), JCDictionary::s_tag);
+    EXPECT_TRUE(is<JCArray>(array) && array->isKindOf(JCArray::s_info));
+    EXPECT_TRUE(is<JCDictionary>(record) && record->isKindOf(JCDictionary::s_info));
+    EXPECT_FALSE(is<JCDictionary>(array) || is<JCArray>(record));
+    // A decoded record may be gathered in one walk; other dictionaries are asked per key.
+    EXPECT_TRUE(record->walkFindsWhatLookupsFind());
+
+    auto changeable = decodeMutable(R"([{"a":1}])");
+    auto* mutableArray = downcast<Array>(changeable.get());
+    std::vector<Ref<Object>> others { *changeable, *mutableArray->objectAtIndex(0), array->mutableCopy(), record->mutableCopy(),
+        Array::create(), Dictionary::create({ { "a", Number::withInteger(1).ptr() } }) };
+    for (auto& other : others) {
+        EXPECT_EQ(other->tag(), ObjectTag::Other) << other->className();
+        EXPECT_FALSE(is<JCArray>(other) || is<JCDictionary>(other)) << other->className();
+        if (auto* dictionary = dynamicDowncast<Dictionary>(other.ptr())) {
+            EXPECT_FALSE(dictionary->walkFindsWhatLookupsFind()) << other->className();
+        }
+    }
+}
+
 TEST(JCCollections, MutatingDuringWalkRaises)
 {
     auto result = decodeMutable("[1,2,3]");

@@ -5,7 +5,7 @@
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXActivity.h>
 #include <VelvoxKit/VXResourceController.h>
-#include <VelvoxKit/VXViewRenderer.h>
+#include <Views/VXViewRenderer.h>
 
 #include <Browser.h>
 #include <StoreFixture.h>

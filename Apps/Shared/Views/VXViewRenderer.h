@@ -9,6 +9,10 @@
 // every other address in an attribute that loads (src, srcset, a link's
 // href...) becomes a transparent pixel. Text from the records is only ever
 // text, whatever addresses it holds.
+//
+// It belongs to the host programs, not to the framework: it blocks on the run
+// loop and reads the programs' own pages, so it lives in a library that only
+// they (and the tests of their pages) link, and is not installed.
 
 #include <Platform/Collections.h>
 #include <Platform/Values.h>

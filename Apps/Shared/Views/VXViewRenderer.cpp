@@ -1,10 +1,9 @@
 #include "VXViewRenderer.h"
 
-#include "VXTemplateFilters.h"
-
 #include <Platform/Platform.h>
 #include <TemplateEngine/RegexTemplateMatcher.h>
 #include <TemplateEngine/TemplateEngine.h>
+#include <VelvoxKit/VXTemplateFilters.h>
 #include <ZUKit/ZUImageDataURI.h>
 #include <ZUKit/ZULoadingImageCache.h>
 

@@ -1,0 +1,129 @@
+// velvox follow, unfollow, favorite, unfavorite and comment: the changes a
+// listener makes to the service.
+
+#include "StoreCommands.h"
+
+#include <VelvoxAPI/VXVelvoxAPI.h>
+
+#include <cstdio>
+
+namespace velvox::app::store {
+
+namespace {
+
+// Whether a failed request may be asked again: no answer at all, "too many
+// requests", or a failure of the service itself.
+bool worthRetrying(Error* error)
+{
+    if (!error)
+        return false;
+    if (error->domain()->isEqualToString(URLErrorDomain))
+        return true;
+    return error->domain()->isEqualToString(VXVelvoxAPIErrorDomain) && (error->code() == 429 || error->code() >= 500);
+}
+
+// Whether the signed-in user follows the user: 1 or 0, or -1 with the
+// failure. A check that fails for a passing reason is asked again twice, a
+// second and then two apart; then it is given up.
+int32_t followState(Session& session, String* identifier, RefPtr<Error>& failure)
+{
+    static constexpr double pauses[] = { 1, 2 };
+    for (size_t attempt = 0;; ++attempt) {
+        RefPtr<Number> result;
+        bool done = false;
+        session.store().meIsFollowingUserForIdentifier(identifier, [&](Number* answer, Error* error) {
+            result = answer;
+            failure = error;
+            done = true;
+        });
+        if (!session.waitFor([&] { return done; })) {
+            failure = session.noAnswer();
+            return -1;
+        }
+        int32_t state = result ? result->intValue() : -1;
+        if (state != -1 || attempt == std::size(pauses) || !worthRetrying(failure.get()))
+            return state;
+        session.waitFor([] { return false; }, pauses[attempt]);
+    }
+}
+
+} // namespace
+
+int follow(Session& session, const StoreCommand& command, bool following)
+{
+    if (int code = needArguments(command, 1, following ? "follow USER" : "unfollow USER"))
+        return code;
+    int code = ExitSuccess;
+    if (!session.signIn(code))
+        return code;
+    auto user = fetchUser(session, command.arguments[0], code);
+    if (!user)
+        return code;
+    RefPtr<Error> failure;
+    int32_t state = followState(session, user->resourceIdentifier(), failure);
+    if (state == -1)
+        return session.fail(command.name.c_str(), failure.get());
+    if (state != (following ? 1 : 0)) {
+        bool done = false;
+        auto changed = [&](Object*, Error* error) {
+            failure = error;
+            done = true;
+        };
+        if (following)
+            session.store().startFollowingUserForIdentifier(user->resourceIdentifier(), changed);
+        else
+            session.store().stopFollowingByUserForIdentifier(user->resourceIdentifier(), changed);
+        if (!session.waitFor([&] { return done; }))
+            return session.fail(command.name.c_str(), session.noAnswer().ptr());
+        if (failure)
+            return session.fail(command.name.c_str(), failure.get());
+    }
+    session.print(std::string(following ? "following " : "not following ") + printable(str(user->username())) + "\n");
+    return ExitSuccess;
+}
+
+int favorite(Session& session, const StoreCommand& command, bool on)
+{
+    if (int code = needArguments(command, 1, on ? "favorite TRACK" : "unfavorite TRACK"))
+        return code;
+    RefPtr<Error> failure;
+    bool done = false;
+    auto answer = [&](VXAPIController*, Object*, Error* error) {
+        failure = error;
+        done = true;
+    };
+    auto identifier = text(command.arguments[0]);
+    if (on)
+        session.store().apiController()->favoriteTrackIdentifer(identifier.ptr(), answer);
+    else
+        session.store().apiController()->unfavoriteTrackIdentifer(identifier.ptr(), answer);
+    if (!session.waitFor([&] { return done; }) || failure)
+        return session.fail(command.name.c_str(), failure.get());
+    session.print(std::string(on ? "favorited " : "unfavorited ") + command.arguments[0] + "\n");
+    return ExitSuccess;
+}
+
+int comment(Session& session, const StoreCommand& command)
+{
+    if (int code = needArguments(command, 2, "comment TRACK TEXT [--at SECONDS]"))
+        return code;
+    RefPtr<VXComment> posted;
+    RefPtr<Error> failure;
+    bool done = false;
+    auto block = [&](VXComment* comment, Error* error) {
+        posted = comment;
+        failure = error;
+        done = true;
+    };
+    auto track = text(command.arguments[0]), body = text(command.arguments[1]);
+    if (command.at >= 0)
+        session.store().postCommentWithTrackIdentifier(track.ptr(), body.ptr(), command.at, block);
+    else
+        session.store().postCommentWithTrackIdentifier(track.ptr(), body.ptr(), block);
+    if (!session.waitFor([&] { return done; }) || !posted)
+        return session.fail("comment", failure.get());
+    showObject(session, *posted);
+    return ExitSuccess;
+}
+
+} // namespace velvox::app::store
