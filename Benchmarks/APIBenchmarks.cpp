@@ -48,9 +48,10 @@ void APIPageRoundTrip(benchmark::State& state)
         bool done = false;
         controller->performMethod(*String::create("GET"), *String::create("tracks"), parameters.ptr(), nullptr,
             Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create([&](VXAPIController*, Object* json, Error*) {
-                items = json ? downcast<Array>(json)->count() : 0;
-                done = true;
-            }).get() } }).ptr());
+                                      items = json ? downcast<Array>(json)->count() : 0;
+                                      done = true;
+                                  }).get() } })
+                .ptr());
         RunLoop::current().runUntil([&] { return done; }, 10);
     }
     state.counters["requests/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
@@ -156,8 +157,9 @@ void APIFrameworkOverhead(benchmark::State& state)
     for (auto _ : state) {
         controller->performMethod(*String::create("GET"), *String::create("tracks"), parameters.ptr(), nullptr,
             Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create([&](VXAPIController*, Object* json, Error*) {
-                benchmark::DoNotOptimize(json);
-            }).get() } }).ptr());
+                                      benchmark::DoNotOptimize(json);
+                                  }).get() } })
+                .ptr());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * page->length()));
 }

@@ -28,13 +28,16 @@ inline void splitTags(const std::string& tagList, std::vector<std::string>& tags
 // "2026/11/01 10:00:00 +0000" → seconds since 1970 (0 when unreadable).
 inline double parseTimestamp(const std::string& text)
 {
-    struct tm parts {};
+    struct tm parts { };
     return strptime(text.c_str(), "%Y/%m/%d %H:%M:%S", &parts) ? static_cast<double>(timegm(&parts)) : 0;
 }
 
 inline int32_t stateNumber(std::string_view state)
 {
-    return state == "storing" ? 1 : state == "stored" ? 2 : state == "finished" ? 3 : state == "failed" ? 4 : 0;
+    return state == "storing" ? 1 : state == "stored" ? 2
+        : state == "finished"                         ? 3
+        : state == "failed"                           ? 4
+                                                      : 0;
 }
 
 } // namespace velvox::bench

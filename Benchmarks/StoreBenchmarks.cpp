@@ -216,7 +216,7 @@ BENCHMARK(RapidJSONPageIntoStructs);
 // The identity map of a long-used client: 10,000 tracks, 2,000 users and
 // 5,000 comments, made from the page's records with new identifiers.
 struct LargeMap {
-    std::string json;         // the same records as one JSON document
+    std::string json; // the same records as one JSON document
     std::string archivePath;
 };
 

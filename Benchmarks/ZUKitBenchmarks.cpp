@@ -98,7 +98,7 @@ BENCHMARK(CoalescedPostTenTimesThenDeliver);
 void CoalescedPostMerged(benchmark::State& state)
 {
     auto object = String::create("track");
-    auto observer = NotificationCenter::defaultCenter().addObserver("BenchChanged", nullptr, [](Notification&) { });
+    auto observer = NotificationCenter::defaultCenter().addObserver("BenchChanged", nullptr, [](Notification&) {});
     int64_t posts = 0;
     for (auto _ : state) {
         zu_postCoalenscedNotificationName("BenchChanged", object.ptr());

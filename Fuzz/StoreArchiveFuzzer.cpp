@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
         abort();
     dataFolder() = pattern;
     setenv("XDG_DATA_HOME", pattern, 1);
-    setLogSink([](std::string_view) { });
+    setLogSink([](std::string_view) {});
     return 0;
 }
 

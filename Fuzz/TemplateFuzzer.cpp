@@ -18,8 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         auto user = Dictionary::create({ { "username", String::create("ines").ptr() } });
         auto items = Array::create({ String::create("a").ptr(), Number::create(2).ptr(), user.ptr() });
         return Dictionary::create({ { "user", user.ptr() }, { "items", items.ptr() }, { "n", Number::create(3).ptr() },
-            { "text", String::create("a\n<b>").ptr() }, { "url", URL::create("http://x.test/a-large.png").get() },
-            { "when", Date::create(1700000000).ptr() }, { "nothing", &Null::null() } }).leakRef();
+                                      { "text", String::create("a\n<b>").ptr() }, { "url", URL::create("http://x.test/a-large.png").get() },
+                                      { "when", Date::create(1700000000).ptr() }, { "nothing", &Null::null() } })
+            .leakRef();
     }();
     auto engine = TemplateEngine::templateEngine();
     engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));

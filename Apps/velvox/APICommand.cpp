@@ -106,7 +106,9 @@ std::string printableExcerpt(std::string_view bytes, size_t limit)
         }
         // A whole, well-formed UTF-8 sequence of a code point from U+00A0 up
         // passes; C1 controls (U+0080 to U+009F) would drive a terminal too.
-        size_t length = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
+        size_t length = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3
+            : c >= 0xC2 && c < 0xE0                            ? 2
+                                                               : 0;
         if (c >= 0xF5)
             length = 0;
         if (length && i + length <= shown && String::isValidUTF8(bytes.data() + i, length) && !(c == 0xC2 && static_cast<unsigned char>(bytes[i + 1]) < 0xA0)) {

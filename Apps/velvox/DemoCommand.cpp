@@ -88,9 +88,8 @@ int runDemo(const ServiceOptions& options)
             { "track[asset_data]", URL::create("file://" + percentEncodePath(*path)).get() } });
         RefPtr<Dictionary> answer;
         int progressCalls = 0;
-        store.postTrackWithTrackDictionary(fields.ptr(), [&](VXTrack*, float) { ++progressCalls; }, [&](Object* json, Error*) {
-            answer = dynamicDowncast<Dictionary>(json);
-        });
+        store.postTrackWithTrackDictionary(
+            fields.ptr(), [&](VXTrack*, float) { ++progressCalls; }, [&](Object* json, Error*) { answer = dynamicDowncast<Dictionary>(json); });
         session.waitFor([&] { return answer.get() != nullptr; }, 60);
         if (answer) {
             auto identifier = answer->objectForKey("id")->description();

@@ -3,9 +3,9 @@
 #include <JSONCodec/JSONCodec.h>
 #include <Platform/Platform.h>
 
-#include <cstdio>
-#include <cerrno>
 #include <cctype>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace velvox::app {
@@ -30,7 +30,10 @@ void reportDecodingError(Error& error)
         index ? static_cast<unsigned long long>(index->unsignedLongLongValue()) : 0ULL);
 }
 
-enum class ReadResult { Whole, Failed, TooLarge, Refused };
+enum class ReadResult { Whole,
+    Failed,
+    TooLarge,
+    Refused };
 
 // Reads at most `limit` bytes. After the first block, the decoder looks at what
 // has come: an error well before the end of it is an error of the whole input

@@ -3,8 +3,8 @@
 #include "Commands.h"
 
 #include <JSONCodec/JSONCodec.h>
-#include <VelvoxKit/VXKit.h>
 #include <VelvoxAPI/VXVelvoxAPI.h>
+#include <VelvoxKit/VXKit.h>
 #include <ZUKit/ZUPastDateFormatter.h>
 
 #include <cmath>

@@ -29,8 +29,8 @@ enum ExitCode : int {
 };
 
 struct ServiceOptions {
-    std::string baseURL;   // else $VELVOX_BASE_URL; empty: an embedded sandbox
-    std::string token;     // else $VELVOX_TOKEN, else tokenFile
+    std::string baseURL; // else $VELVOX_BASE_URL; empty: an embedded sandbox
+    std::string token;   // else $VELVOX_TOKEN, else tokenFile
     std::string tokenFile;
     bool json { false };
     bool quiet { false };
@@ -109,7 +109,7 @@ struct StoreCommand {
     std::string search;         // --search
     std::string output;         // -o
     std::string title, description, sharing;
-    double at { -1 };           // --at
+    double at { -1 }; // --at
     bool refresh { false };
     bool exclusive { false };
     bool wait { false };

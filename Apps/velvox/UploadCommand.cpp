@@ -80,7 +80,8 @@ int upload(Session& session, const StoreCommand& command)
     RefPtr<Dictionary> answer;
     RefPtr<Error> failure;
     bool done = false;
-    session.store().postTrackWithTrackDictionary(fields.ptr(), [&bar](VXTrack*, float progress) { bar.update(progress); },
+    session.store().postTrackWithTrackDictionary(
+        fields.ptr(), [&bar](VXTrack*, float progress) { bar.update(progress); },
         [&](Object* json, Error* error) {
             answer = dynamicDowncast<Dictionary>(json);
             failure = error;

@@ -137,7 +137,7 @@ int main(int argc, char** argv)
 
     // The framework's log lines are for developers; people see them when asked.
     if (!verbose)
-        setLogSink([](std::string_view) { });
+        setLogSink([](std::string_view) {});
 
     if (app.got_subcommand(infoCommand))
         return info(pathsOnly);

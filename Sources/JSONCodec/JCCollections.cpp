@@ -255,12 +255,12 @@ inline decltype(auto) withConstantCapacity(size_t capacityIndex, Body&& body)
 #define JC_CAPACITY_CASE(index) \
     case index:                 \
         return body.template operator()<jc_dictionaryCapacities[index]>();
-        JC_CAPACITY_CASE(1) JC_CAPACITY_CASE(2) JC_CAPACITY_CASE(3) JC_CAPACITY_CASE(4) JC_CAPACITY_CASE(5) JC_CAPACITY_CASE(6)
-        JC_CAPACITY_CASE(7) JC_CAPACITY_CASE(8) JC_CAPACITY_CASE(9) JC_CAPACITY_CASE(10) JC_CAPACITY_CASE(11) JC_CAPACITY_CASE(12)
-        JC_CAPACITY_CASE(13) JC_CAPACITY_CASE(14) JC_CAPACITY_CASE(15) JC_CAPACITY_CASE(16)
+        JC_CAPACITY_CASE(1)
+        JC_CAPACITY_CASE(2) JC_CAPACITY_CASE(3) JC_CAPACITY_CASE(4) JC_CAPACITY_CASE(5) JC_CAPACITY_CASE(6)
+            JC_CAPACITY_CASE(7) JC_CAPACITY_CASE(8) JC_CAPACITY_CASE(9) JC_CAPACITY_CASE(10) JC_CAPACITY_CASE(11) JC_CAPACITY_CASE(12)
+                JC_CAPACITY_CASE(13) JC_CAPACITY_CASE(14) JC_CAPACITY_CASE(15) JC_CAPACITY_CASE(16)
 #undef JC_CAPACITY_CASE
-    default:
-        return body.template operator()<0>();
+                    default : return body.template operator()<0>();
     }
 }
 

@@ -95,7 +95,10 @@ inline uint64_t hashRun(uint64_t hash, const uint8_t* p, const uint8_t* end)
 // A buffer that starts in the caller's stack storage and moves to the heap
 // when it must grow; growth is in whole multiples of its granularity.
 struct JCManagedBuffer {
-    enum : uint32_t { JCManagedBufferLocationMask = 3, JCManagedBufferOnStack = 1, JCManagedBufferOnHeap = 2, JCManagedBufferMustFree = 4 };
+    enum : uint32_t { JCManagedBufferLocationMask = 3,
+        JCManagedBufferOnStack = 1,
+        JCManagedBufferOnHeap = 2,
+        JCManagedBufferMustFree = 4 };
     uint8_t* bytes { nullptr };
     size_t length { 0 };
     uint32_t flags { 0 };

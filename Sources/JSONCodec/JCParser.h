@@ -53,7 +53,9 @@ enum JCValueType : uint8_t {
 };
 
 // Accept masks of the array and dictionary state machines.
-enum : int { JCAcceptValue = 1, JCAcceptComma = 2, JCAcceptEnd = 4 };
+enum : int { JCAcceptValue = 1,
+    JCAcceptComma = 2,
+    JCAcceptEnd = 4 };
 
 inline constexpr uint64_t JCHashSeed = 1402737925;
 inline constexpr size_t JCCacheBuckets = 1024;
@@ -117,7 +119,10 @@ struct JCParseToken {
 };
 
 struct JCObjectStack {
-    enum : uint32_t { JCObjectStackLocationMask = 3, JCObjectStackOnStack = 1, JCObjectStackOnHeap = 2, JCObjectStackMustFree = 4 };
+    enum : uint32_t { JCObjectStackLocationMask = 3,
+        JCObjectStackOnStack = 1,
+        JCObjectStackOnHeap = 2,
+        JCObjectStackMustFree = 4 };
     Object** objects { nullptr };
     Object** keys { nullptr };
     size_t* cfHashes { nullptr };

@@ -108,7 +108,7 @@ Object* JCParser::jc_cachedObjects(JCParseState* state)
         break;
     case JCValueTypeUnsignedLongLong:
         object = (value.number.unsignedLongLongValue >> 63) ? Number::withUnsignedInteger(value.number.unsignedLongLongValue).leakRef()
-                                                             : Number::withInteger(static_cast<long long>(value.number.unsignedLongLongValue)).leakRef();
+                                                            : Number::withInteger(static_cast<long long>(value.number.unsignedLongLongValue)).leakRef();
         break;
     default:
         object = Number::withDouble(value.number.doubleValue).leakRef();

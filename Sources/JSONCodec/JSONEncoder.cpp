@@ -11,10 +11,10 @@
 #include <Platform/String.h>
 
 #include <charconv>
-#include <new>
-#include <utility>
 #include <cmath>
 #include <cstdio>
+#include <new>
+#include <utility>
 #include <vector>
 
 namespace velvox {

@@ -21,7 +21,8 @@ inline constexpr JCSerializeOptionFlags JCSerializeOptionPretty = 1;
 // Every non-ASCII character as \u escapes (surrogate pairs above U+FFFF).
 inline constexpr JCSerializeOptionFlags JCSerializeOptionEscapeUnicode = 2;
 
-enum JCEncodeAsType : int { JCEncodeAsData = 1, JCEncodeAsString = 2 };
+enum JCEncodeAsType : int { JCEncodeAsData = 1,
+    JCEncodeAsString = 2 };
 
 // Answers a Data or a String (per encodeAs), or null with the first error
 // (domain "JCErrorDomain", code -1) stored through `error` when given.

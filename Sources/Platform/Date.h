@@ -18,7 +18,8 @@ public:
     double timeIntervalSince1970() const { return m_seconds; }
     double timeIntervalSinceNow() const;
     double timeIntervalSinceDate(const Date& other) const { return m_seconds - other.m_seconds; }
-    int compare(const Date& other) const { return m_seconds < other.m_seconds ? -1 : m_seconds > other.m_seconds ? 1 : 0; }
+    int compare(const Date& other) const { return m_seconds < other.m_seconds ? -1 : m_seconds > other.m_seconds ? 1
+                                                                                                                 : 0; }
 
     // "yyyy-MM-dd HH:mm:ss +0000", in UTC.
     Ref<String> description() const override;

@@ -49,15 +49,15 @@ private:
 
 // Raises the internal-inconsistency exception with a formatted message when the
 // condition does not hold.
-#define VXAssert(condition, ...)                                                                    \
-    do {                                                                                            \
-        if (!(condition)) [[unlikely]]                                                              \
-            ::velvox::Exception::raise(::velvox::InternalInconsistencyException, __VA_ARGS__);      \
+#define VXAssert(condition, ...)                                                               \
+    do {                                                                                       \
+        if (!(condition)) [[unlikely]]                                                         \
+            ::velvox::Exception::raise(::velvox::InternalInconsistencyException, __VA_ARGS__); \
     } while (0)
 
-#define VXParameterAssert(condition)                                                                \
-    do {                                                                                            \
-        if (!(condition)) [[unlikely]]                                                              \
-            ::velvox::Exception::raise(::velvox::InternalInconsistencyException,                    \
-                "Invalid parameter not satisfying: %s", #condition);                               \
+#define VXParameterAssert(condition)                                             \
+    do {                                                                         \
+        if (!(condition)) [[unlikely]]                                           \
+            ::velvox::Exception::raise(::velvox::InternalInconsistencyException, \
+                "Invalid parameter not satisfying: %s", #condition);             \
     } while (0)

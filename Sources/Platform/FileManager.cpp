@@ -4,17 +4,17 @@
 #include "Values.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <filesystem>
 #include <ctime>
-#include <sys/file.h>
-#include <fstream>
-#include <climits>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

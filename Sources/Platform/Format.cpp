@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
-#include <unistd.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 namespace velvox {
 
@@ -22,7 +22,15 @@ struct Spec {
     std::string flags;
     int width { -1 };
     int precision { -1 };
-    enum class Length { None, Char, Short, Long, LongLong, Size, Max, PtrDiff, LongDouble } length { Length::None };
+    enum class Length { None,
+        Char,
+        Short,
+        Long,
+        LongLong,
+        Size,
+        Max,
+        PtrDiff,
+        LongDouble } length { Length::None };
     char conversion { 0 };
 };
 

@@ -21,7 +21,13 @@
 namespace velvox {
 
 struct FormatArg {
-    enum class Kind : uint8_t { Signed, Unsigned, Double, CString, Text, Object, Pointer };
+    enum class Kind : uint8_t { Signed,
+        Unsigned,
+        Double,
+        CString,
+        Text,
+        Object,
+        Pointer };
     Kind kind;
     union {
         int64_t i;

@@ -369,8 +369,8 @@ bool KeyedArchiver::archiveRootObject(Object* root, const std::string& path, Ref
 
 struct KeyedUnarchiver::Impl {
     std::vector<RefPtr<Object>> objects; // by reference - 1
-    std::vector<uint32_t> depths;         // of each object's tree, by reference - 1
-    uint32_t recordDepth { 1 };           // of the record being read
+    std::vector<uint32_t> depths;        // of each object's tree, by reference - 1
+    uint32_t recordDepth { 1 };          // of the record being read
     const std::vector<std::pair<std::string_view, uint32_t>>* fields { nullptr };
     size_t fieldCursor { 0 }; // where the last field asked for was found
     std::vector<std::pair<std::string_view, uint32_t>> fieldStorage;

@@ -150,11 +150,13 @@ Ref<String> Number::stringValue() const
 
 int Number::compare(const Number& other) const
 {
-    auto sign = [](auto a, auto b) { return a < b ? -1 : a > b ? 1 : 0; };
+    auto sign = [](auto a, auto b) { return a < b ? -1 : a > b ? 1
+                                                               : 0; };
     if (m_type == 'd' || other.m_type == 'd') {
         // long double holds every 64-bit integer exactly.
         auto wide = [](const Number& n) -> long double {
-            return n.m_type == 'd' ? n.m_double : n.m_type == 'Q' ? static_cast<long double>(n.m_unsigned) : static_cast<long double>(n.m_signed);
+            return n.m_type == 'd' ? n.m_double : n.m_type == 'Q' ? static_cast<long double>(n.m_unsigned)
+                                                                  : static_cast<long double>(n.m_signed);
         };
         return sign(wide(*this), wide(other));
     }

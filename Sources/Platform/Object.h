@@ -34,9 +34,9 @@ struct ClassInfo {
 
 // Declares the class-info record of a class; pair it with VX_DEFINE_CLASS in
 // the class's source file. Leaves the access level at public.
-#define VX_OBJECT(ClassName)                                       \
-public:                                                            \
-    static const ::velvox::ClassInfo s_info;                       \
+#define VX_OBJECT(ClassName)                 \
+public:                                      \
+    static const ::velvox::ClassInfo s_info; \
     const ::velvox::ClassInfo* classInfo() const override { return &s_info; }
 
 #define VX_DEFINE_CLASS(ClassName, ParentName) \
@@ -65,9 +65,9 @@ constexpr ObjectTag layerObjectTag(uint8_t index)
 // kind tests of exactly this class answer from the tag alone (a subclass that
 // keeps the tag is still told by its class info). Leaves the access level at
 // public.
-#define VX_OBJECT_TAG(ClassName, Value)                      \
-public:                                                      \
-    static constexpr ::velvox::ObjectTag s_tag { Value };    \
+#define VX_OBJECT_TAG(ClassName, Value)                   \
+public:                                                   \
+    static constexpr ::velvox::ObjectTag s_tag { Value }; \
     using TaggedClass = ClassName;
 
 class Object {

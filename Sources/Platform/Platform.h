@@ -15,6 +15,6 @@
 #include "RunLoop.h"
 #include "String.h"
 #include "Subscription.h"
-#include "ValueTransformer.h"
 #include "URLLoading.h"
+#include "ValueTransformer.h"
 #include "Values.h"

@@ -6,9 +6,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cmath>
+#include <deque>
 #include <map>
 #include <mutex>
-#include <deque>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <thread>
@@ -130,7 +130,6 @@ double RunLoop::timeUntilNextTimer() const
         return 0;
     return nextTimerDelay();
 }
-
 
 RunLoop& RunLoop::main()
 {

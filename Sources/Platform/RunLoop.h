@@ -93,7 +93,10 @@ private:
     bool m_firing { false };
 };
 
-enum class SocketEvent : uint8_t { None = 0, Readable = 1, Writable = 2, Error = 4 };
+enum class SocketEvent : uint8_t { None = 0,
+    Readable = 1,
+    Writable = 2,
+    Error = 4 };
 inline SocketEvent operator|(SocketEvent a, SocketEvent b) { return SocketEvent(uint8_t(a) | uint8_t(b)); }
 inline SocketEvent operator&(SocketEvent a, SocketEvent b) { return SocketEvent(uint8_t(a) & uint8_t(b)); }
 inline bool any(SocketEvent e) { return e != SocketEvent::None; }

@@ -88,8 +88,8 @@ struct Heap;
 enum class SlabState : uint8_t {
     Current, // the slab its class allocates from
     Partial, // on its class's list of slabs with free blocks
-    Full, // on no list: every block handed out (or its frees not yet seen)
-    Empty, // on the heap's stack of empty slabs
+    Full,    // on no list: every block handed out (or its frees not yet seen)
+    Empty,   // on the heap's stack of empty slabs
 };
 
 // The header at the start of every slab. The first line is the owner's
@@ -97,10 +97,10 @@ enum class SlabState : uint8_t {
 // not contend with the owner's allocations.
 struct alignas(64) Slab {
     FreeBlock* localFree;
-    char* bump; // the next never-used block
-    Heap* owner; // never changes: a heap outlives its threads
-    Slab* prev; // on the partial list
-    Slab* next; // on the partial list or the empty stack
+    char* bump;    // the next never-used block
+    Heap* owner;   // never changes: a heap outlives its threads
+    Slab* prev;    // on the partial list
+    Slab* next;    // on the partial list or the empty stack
     uint32_t used; // blocks handed out and not yet taken back
     uint32_t blockSize;
     SlabState state;

@@ -57,7 +57,8 @@ String& String::empty()
 int String::compare(const String& other) const
 {
     int result = view().compare(other.view());
-    return result < 0 ? -1 : result > 0 ? 1 : 0;
+    return result < 0 ? -1 : result > 0 ? 1
+                                        : 0;
 }
 
 bool String::isEqual(const Object* other) const

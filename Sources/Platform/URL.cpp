@@ -48,7 +48,8 @@ private:
 
 // Byte classes of a plain web address: unreserved and sub-delimiters (host
 // names and paths), and what a path or query adds (":", "@", "/", "?").
-enum : uint8_t { hostByte = 1, pathByte = 2 };
+enum : uint8_t { hostByte = 1,
+    pathByte = 2 };
 constexpr auto webURLBytes = [] {
     std::array<uint8_t, 256> table {};
     for (unsigned c = 0; c < 256; ++c) {

@@ -8,10 +8,10 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <climits>
 #include <cstring>
-#include <cctype>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -131,7 +131,8 @@ URLLoader::URLLoader()
     auto* impl = m_impl.get();
 
     curl_multi_setopt(m_impl->multi, CURLMOPT_SOCKETDATA, impl);
-    curl_multi_setopt(m_impl->multi, CURLMOPT_SOCKETFUNCTION,
+    curl_multi_setopt(
+        m_impl->multi, CURLMOPT_SOCKETFUNCTION,
         +[](CURL*, curl_socket_t socket, int what, void* userData, void*) -> int {
             auto* impl = static_cast<Impl*>(userData);
             auto it = impl->watches.find(socket);
@@ -163,7 +164,8 @@ URLLoader::URLLoader()
             return 0;
         });
     curl_multi_setopt(m_impl->multi, CURLMOPT_TIMERDATA, impl);
-    curl_multi_setopt(m_impl->multi, CURLMOPT_TIMERFUNCTION,
+    curl_multi_setopt(
+        m_impl->multi, CURLMOPT_TIMERFUNCTION,
         +[](CURLM*, long timeoutMilliseconds, void* userData) -> int {
             auto* impl = static_cast<Impl*>(userData);
             impl->timer.cancel();
@@ -531,26 +533,26 @@ int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, 
     if (!task->m_loader)
         return 0;
     try {
-    auto& pending = task->m_loader->m_impl->pending;
-    Ref<URLTask> protectedTask { *task };
-    // Only real progress is reported: never a count of zero, never the same count twice.
-    if (task->m_callbacks.didSendBytes && uploaded > 0 && static_cast<uint64_t>(uploaded) != task->m_lastSent) {
-        task->m_lastSent = static_cast<uint64_t>(uploaded);
-        uint64_t sent = static_cast<uint64_t>(uploaded), total = static_cast<uint64_t>(std::max(uploadTotal, uploaded));
-        pending.push_back([protectedTask, sent, total] {
-            if (!protectedTask->m_finished && protectedTask->m_callbacks.didSendBytes)
-                protectedTask->m_callbacks.didSendBytes(sent, total);
-        });
-    }
-    if (task->m_callbacks.didReceiveBytes && downloaded > 0 && static_cast<uint64_t>(downloaded) != task->m_lastReceived) {
-        task->m_lastReceived = static_cast<uint64_t>(downloaded);
-        uint64_t received = static_cast<uint64_t>(downloaded), total = static_cast<uint64_t>(std::max<curl_off_t>(downloadTotal, 0));
-        pending.push_back([protectedTask, received, total] {
-            if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveBytes)
-                protectedTask->m_callbacks.didReceiveBytes(received, total);
-        });
-    }
-    return 0;
+        auto& pending = task->m_loader->m_impl->pending;
+        Ref<URLTask> protectedTask { *task };
+        // Only real progress is reported: never a count of zero, never the same count twice.
+        if (task->m_callbacks.didSendBytes && uploaded > 0 && static_cast<uint64_t>(uploaded) != task->m_lastSent) {
+            task->m_lastSent = static_cast<uint64_t>(uploaded);
+            uint64_t sent = static_cast<uint64_t>(uploaded), total = static_cast<uint64_t>(std::max(uploadTotal, uploaded));
+            pending.push_back([protectedTask, sent, total] {
+                if (!protectedTask->m_finished && protectedTask->m_callbacks.didSendBytes)
+                    protectedTask->m_callbacks.didSendBytes(sent, total);
+            });
+        }
+        if (task->m_callbacks.didReceiveBytes && downloaded > 0 && static_cast<uint64_t>(downloaded) != task->m_lastReceived) {
+            task->m_lastReceived = static_cast<uint64_t>(downloaded);
+            uint64_t received = static_cast<uint64_t>(downloaded), total = static_cast<uint64_t>(std::max<curl_off_t>(downloadTotal, 0));
+            pending.push_back([protectedTask, received, total] {
+                if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveBytes)
+                    protectedTask->m_callbacks.didReceiveBytes(received, total);
+            });
+        }
+        return 0;
     } catch (...) {
         return static_cast<int>(failTransfer(task, CURLE_OUT_OF_MEMORY, "Out of memory while reporting progress.", 1));
     }

@@ -7,7 +7,9 @@
 
 namespace velvox {
 
-enum class UTF8Result { ok, sourceExhausted, sourceIllegal };
+enum class UTF8Result { ok,
+    sourceExhausted,
+    sourceIllegal };
 
 // Decodes one UTF-8 sequence at `source`, refusing over-long forms, surrogates
 // and values above U+10FFFF. On success `next` is just past the sequence; on

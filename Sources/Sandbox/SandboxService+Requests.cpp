@@ -9,8 +9,8 @@
 #include <Platform/Platform.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <arpa/inet.h>
+#include <cstdlib>
 #include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -34,8 +34,8 @@ void SandboxService::Impl::installUploadRoutes()
         if (!tracks.count(track))
             return sendError(response, 404, "404 - Not Found");
         std::string body = request.has_param("comment[body]") ? request.get_param_value("comment[body]")
-            : request.has_file("comment[body]")                ? request.get_file_value("comment[body]").content
-                                                               : std::string();
+            : request.has_file("comment[body]")               ? request.get_file_value("comment[body]").content
+                                                              : std::string();
         if (body.empty())
             return sendError(response, 422, "422 - comment[body] is required");
         auto comment = MutableDictionary::create();

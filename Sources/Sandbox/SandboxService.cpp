@@ -120,7 +120,6 @@ std::string SandboxService::baseURL() const
     return "http://127.0.0.1:" + std::to_string(m_impl->port);
 }
 
-
 int SandboxService::port() const
 {
     return m_impl->port;

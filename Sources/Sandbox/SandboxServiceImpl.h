@@ -126,7 +126,10 @@ struct SandboxService::Impl {
     // connection closed. The handler sees the request with its body, files and
     // form fields filled in.
     using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
-    enum class BodyMethod { Post, Put, Patch, Delete };
+    enum class BodyMethod { Post,
+        Put,
+        Patch,
+        Delete };
     void bodyRoute(BodyMethod, const std::string& pattern, Handler);
     // Reads the body of `request` into `into`; answers false, with the answer
     // in `response`, when it cannot be read or is too large.

@@ -68,7 +68,8 @@ std::vector<TemplateMarker> RegexTemplateMatcher::markersInText(std::string_view
                 continue;
             int64_t end = matcher->end64(group, status);
             TemplateMarker marker;
-            marker.kind = group == 1 ? TemplateMarker::Kind::Expression : group == 2 ? TemplateMarker::Kind::Tag : TemplateMarker::Kind::Comment;
+            marker.kind = group == 1 ? TemplateMarker::Kind::Expression : group == 2 ? TemplateMarker::Kind::Tag
+                                                                                     : TemplateMarker::Kind::Comment;
             marker.start = static_cast<size_t>(matcher->start64(status));
             marker.end = static_cast<size_t>(matcher->end64(status));
             marker.content = text.substr(static_cast<size_t>(start), static_cast<size_t>(end - start));

@@ -179,10 +179,12 @@ struct TemplateRenderer {
         auto* y = dynamicDowncast<Number>(b);
         if (x && y) {
             double dx = x->doubleValue(), dy = y->doubleValue();
-            return dx < dy ? -1 : dx > dy ? 1 : 0;
+            return dx < dy ? -1 : dx > dy ? 1
+                                          : 0;
         }
         auto tx = textOf(a), ty = textOf(b);
-        return tx < ty ? -1 : tx > ty ? 1 : 0;
+        return tx < ty ? -1 : tx > ty ? 1
+                                      : 0;
     }
 
     bool test(const Condition& condition, size_t line)

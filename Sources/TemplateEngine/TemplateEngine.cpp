@@ -53,7 +53,7 @@ RefPtr<String> TemplateEngine::processTemplate(std::string_view text, Dictionary
 
 RefPtr<String> TemplateEngine::processTemplateInFileAtPath(const std::string* path, Dictionary* variables, RefPtr<Error>* error)
 {
-    struct stat info {};
+    struct stat info { };
     if (!path || stat(path->c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
         VXLog("TemplateEngine - no template file at %s", path ? path->c_str() : "(null)");
         if (error)

@@ -12,10 +12,12 @@
 namespace velvox {
 
 struct TemplateMarker {
-    enum class Kind { Expression, Tag, Comment };
+    enum class Kind { Expression,
+        Tag,
+        Comment };
     Kind kind;
-    size_t start;       // byte offset of the marker's opening brace
-    size_t end;         // byte offset just past its closing brace
+    size_t start;             // byte offset of the marker's opening brace
+    size_t end;               // byte offset just past its closing brace
     std::string_view content; // what lies between the braces, untrimmed
 };
 

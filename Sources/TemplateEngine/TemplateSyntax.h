@@ -18,7 +18,8 @@
 namespace velvox::templates {
 
 struct Expression {
-    enum class Kind { Path, Literal };
+    enum class Kind { Path,
+        Literal };
     Kind kind { Kind::Literal };
     std::string path;
     std::vector<std::string> segments; // the path split at its dots, once
@@ -31,7 +32,11 @@ struct Expression {
 };
 
 struct Condition {
-    enum class Kind { Test, Compare, Not, And, Or };
+    enum class Kind { Test,
+        Compare,
+        Not,
+        And,
+        Or };
     Kind kind { Kind::Test };
     Expression left, right;
     std::string op;
@@ -39,7 +44,10 @@ struct Condition {
 };
 
 struct Node {
-    enum class Kind { Text, Output, For, If };
+    enum class Kind { Text,
+        Output,
+        For,
+        If };
     Kind kind { Kind::Text };
     size_t line { 1 };
     std::string_view text; // into the parsed template's source

@@ -3,8 +3,8 @@
 #include "VXAPITimestampValueTransformer.h"
 #include "VXActivityTypeValueTransformer.h"
 #include "VXResourceStore.h"
-#include "VXTrack.h"
 #include "VXStringToArrayValueTransformer.h"
+#include "VXTrack.h"
 
 #include <Platform/ValueTransformer.h>
 

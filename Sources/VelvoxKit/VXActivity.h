@@ -19,9 +19,9 @@ enum : int32_t {
     VXActivityTypePlaylistSharing = 8,
 };
 
-#define VX_ACTIVITY_PROPERTIES(P)                                                      \
-    P(Date, createdAt, CreatedAt, "created_at", VXAPITimestampValueTransformerName)    \
-    P(Array, tags, Tags, "tags", VXStringToArrayValueTransformerName)                  \
+#define VX_ACTIVITY_PROPERTIES(P)                                                   \
+    P(Date, createdAt, CreatedAt, "created_at", VXAPITimestampValueTransformerName) \
+    P(Array, tags, Tags, "tags", VXStringToArrayValueTransformerName)               \
     P(int32_t, type, Type, "type", VXActivityTypeValueTransformerName)
 
 class VXActivity final : public ZUObject {

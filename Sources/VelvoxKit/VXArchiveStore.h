@@ -36,7 +36,8 @@ public:
     // Writes the root to the path. The per-account files make their folder
     // first when it is missing; the identity map's termination save does not
     // (the folder comes into being through the account's files, or save()).
-    enum class Folder { AsItIs, MadeWhenMissing };
+    enum class Folder { AsItIs,
+        MadeWhenMissing };
     static RefPtr<Error> write(Object* root, const std::string& path, Folder);
     // Makes the folder (0700); the failure, if any.
     static RefPtr<Error> makeFolder();

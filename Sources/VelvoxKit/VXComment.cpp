@@ -3,10 +3,10 @@
 #include "VXAPITimestampValueTransformer.h"
 #include "VXNumberToStringValueTransformer.h"
 #include "VXResourceStore.h"
-#include "VXUser.h"
-#include "VXTrack.h"
 #include "VXTimeIntervalValueTransformer.h"
+#include "VXTrack.h"
 #include "VXURLStringValueTransformer.h"
+#include "VXUser.h"
 
 namespace velvox {
 

@@ -1,7 +1,7 @@
 #include "VXCommentCollectionController.h"
 
-#include "VXResourceStore.h"
 #include "VXComment.h"
+#include "VXResourceStore.h"
 
 #include <Platform/Platform.h>
 

@@ -1,19 +1,19 @@
 #include "VXFramework.h"
 
 #include "VXAPITimestampValueTransformer.h"
-#include "VXActivityTypeValueTransformer.h"
-#include "VXNumberToStringValueTransformer.h"
 #include "VXActivity.h"
+#include "VXActivityTypeValueTransformer.h"
 #include "VXComment.h"
+#include "VXNumberToStringValueTransformer.h"
 #include "VXResource.h"
 #include "VXSharingNote.h"
-#include "VXTrack.h"
-#include "VXUser.h"
 #include "VXStringToArrayValueTransformer.h"
 #include "VXTagListValueTransformer.h"
 #include "VXTimeIntervalValueTransformer.h"
+#include "VXTrack.h"
 #include "VXTrackStateValueTransformer.h"
 #include "VXURLStringValueTransformer.h"
+#include "VXUser.h"
 
 namespace velvox {
 

@@ -42,7 +42,8 @@ protected:
     // The block for a related resource asked of the store: an error is logged
     // with `errorFormat`; an arrival posts VXResourceAttributesDidChangeNotification
     // with this object, coalesced or plain.
-    enum class Posting { Plain, Coalesced };
+    enum class Posting { Plain,
+        Coalesced };
     std::function<void(Object*, Error*)> relatedResourceHandler(std::string_view errorFormat, Posting);
 };
 

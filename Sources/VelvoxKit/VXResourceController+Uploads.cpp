@@ -23,7 +23,8 @@ void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, Uploa
         progressBlock(uploading.ptr(), value);
     };
     auto completion = [protectedThis, completionBlock = std::move(completionBlock)](VXAPIController*, Object* json, Error* error) {
-        auto failure = protectedThis->readRecord(json, error, [] { return std::string("the uploaded track"); },
+        auto failure = protectedThis->readRecord(
+            json, error, [] { return std::string("the uploaded track"); },
             [&](Dictionary* record) { protectedThis->updateCacheForResource<VXTrack>(nullptr, record); });
         if (completionBlock)
             completionBlock(failure && !error ? nullptr : json, failure.get());
@@ -59,7 +60,8 @@ void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifie
     Ref protectedThis { *this };
     m_apiController->postCommentForTrackIdentifer(trackIdentifier, parameters, [protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
         RefPtr<VXComment> comment;
-        auto failure = protectedThis->readRecord(json, error, [] { return std::string("the posted comment"); },
+        auto failure = protectedThis->readRecord(
+            json, error, [] { return std::string("the posted comment"); },
             [&](Dictionary* record) { comment = protectedThis->updateCacheForResource<VXComment>(nullptr, record); });
         if (block)
             block(comment.get(), failure.get());

@@ -59,7 +59,7 @@ VXResourceController::VXResourceController()
             forceRefreshTrackWithIdentfier(identifier);
             return;
         }
-        trackForIdentifier(identifier, true, [slot = std::move(slot)](VXTrack*, Error*) { });
+        trackForIdentifier(identifier, true, [slot = std::move(slot)](VXTrack*, Error*) {});
     })
 {
 }
@@ -268,7 +268,8 @@ RefPtr<Error> VXResourceController::readRecord(Object* json, Error* error, const
         return error;
     auto* record = dynamicDowncast<Dictionary>(json);
     if (!record && m_options.unreadableAnswerPolicy == VXUnreadableAnswerPolicy::Report) {
-        std::string kind = !json ? "not JSON, or empty" : is<Array>(json) ? "a list" : "a single value";
+        std::string kind = !json ? "not JSON, or empty" : is<Array>(json) ? "a list"
+                                                                          : "a single value";
         return Error::create(VXResourceErrorDomain, VXResourceErrorNotARecord, "The service's answer (" + what() + ") is not a record: it is " + kind + ".");
     }
     return readAnswer(what, [&] { convert(record); });
@@ -328,7 +329,8 @@ RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserB
         Ref protectedThis { *this };
         m_apiController->meUserRessouce([protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
             RefPtr<VXUser> user;
-            auto failure = protectedThis->readRecord(json, error, [] { return std::string("the signed-in user"); },
+            auto failure = protectedThis->readRecord(
+                json, error, [] { return std::string("the signed-in user"); },
                 [&](Dictionary* record) { user = protectedThis->updateCacheForResource<VXUser>(nullptr, record); });
             if (block)
                 block(user.get(), failure.get());

@@ -14,13 +14,13 @@
 #include "VXActivityCollectionController.h"
 #include "VXComment.h"
 #include "VXCommentCollectionController.h"
-#include "VXTrackCollectionController.h"
-#include "VXUserCollectionController.h"
-#include "VXTrack.h"
-#include "VXUser.h"
 #include "VXIdentityMap.h"
 #include "VXResourceStore.h"
+#include "VXTrack.h"
+#include "VXTrackCollectionController.h"
 #include "VXTrackPoller.h"
+#include "VXUser.h"
+#include "VXUserCollectionController.h"
 
 #include <Platform/Collections.h>
 #include <Platform/NotificationCenter.h>
@@ -53,7 +53,8 @@ enum : int64_t {
 // keeps the items it had), and an answer that is not a record where one is
 // due is such an error too, not an empty object. Hosts that must outlive any
 // service choose Report.
-enum class VXUnreadableAnswerPolicy { Raise, Report };
+enum class VXUnreadableAnswerPolicy { Raise,
+    Report };
 
 // A ZUObject for its key-value observing: "meUserIdentifier" is announced.
 class VXResourceController final : public ZUObject, public VXResourceStore {

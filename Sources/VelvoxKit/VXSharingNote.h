@@ -8,8 +8,8 @@
 
 namespace velvox {
 
-#define VX_SHARING_NOTE_PROPERTIES(P)      \
-    P(String, text, Text, "text", {})     \
+#define VX_SHARING_NOTE_PROPERTIES(P) \
+    P(String, text, Text, "text", {}) \
     P(Date, createdAt, CreatedAt, "created_at", VXAPITimestampValueTransformerName)
 
 class VXSharingNote final : public ZUObject {

@@ -84,7 +84,8 @@ RefPtr<Object> VXTemplateFilters::filterInvoked(const String& filterName, Array*
 
     if (name == "pluralize" && is<Number>(value) && argumentCount >= 2) {
         int64_t n = downcast<Number>(value)->integerValue();
-        size_t index = n == 0 ? (argumentCount == 3 ? 2 : 1) : n == 1 ? 0 : 1;
+        size_t index = n == 0 ? (argumentCount == 3 ? 2 : 1) : n == 1 ? 0
+                                                                      : 1;
         auto formatString = arguments->objectAtIndex(index)->description();
         return String::format(formatString->view(), value);
     }

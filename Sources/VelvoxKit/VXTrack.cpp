@@ -3,12 +3,11 @@
 #include "VXAPITimestampValueTransformer.h"
 #include "VXNumberToStringValueTransformer.h"
 #include "VXResourceStore.h"
-#include "VXUser.h"
 #include "VXTagListValueTransformer.h"
 #include "VXTimeIntervalValueTransformer.h"
 #include "VXTrackStateValueTransformer.h"
 #include "VXURLStringValueTransformer.h"
-
+#include "VXUser.h"
 
 namespace velvox {
 

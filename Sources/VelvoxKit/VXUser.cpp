@@ -3,13 +3,11 @@
 #include "VXResourceStore.h"
 #include "VXURLStringValueTransformer.h"
 
-
 namespace velvox {
 
 VX_DEFINE_CLASS(VXUser, VXResource)
 
 ZU_DEFINE_PROPERTIES(VXUser, VXResource, VX_USER_PROPERTIES)
-
 
 void VXUser::initWithDictionary(Dictionary* dictionary)
 {

@@ -13,27 +13,27 @@ namespace velvox {
 inline constexpr std::string_view VXUserAvatarImageDidLoadNotification = "VXUserAvatarImageDidLoadNotification";
 inline constexpr std::string_view VXUserAvatar300ImageDidLoadNotification = "VXUserAvatar300ImageDidLoadNotification";
 
-#define VX_USER_PROPERTIES(P)                                                                         \
-    P(String, username, Username, "username", {})                                                    \
-    P(String, fullName, FullName, "full_name", {})                                                   \
-    P(String, permalink, Permalink, "permalink", {})                                                 \
-    P(String, userDescription, UserDescription, "description", {})                                  \
-    P(String, city, City, "city", {})                                                                \
-    P(String, country, Country, "country", {})                                                       \
-    P(String, discogsName, DiscogsName, "discogs_name", {})                                          \
-    P(String, lastfmName, LastfmName, "lastfm_name", {})                                             \
-    P(String, myspaceName, MyspaceName, "myspace_name", {})                                          \
-    P(URL, websiteURL, WebsiteURL, "website", VXURLStringValueTransformerName)                       \
-    P(String, websiteTitle, WebsiteTitle, "website_title", {})                                       \
-    P(String, online, Online, "online", {})                                                          \
-    P(URL, avatarURL, AvatarURL, "avatar_url", VXURLStringValueTransformerName)                      \
-    P(URL, permalinkURL, PermalinkURL, "permalink_url", VXURLStringValueTransformerName)             \
-    P(URL, URI, URI, "uri", VXURLStringValueTransformerName)                                         \
-    P(uint64_t, trackCount, TrackCount, "track_count", {})                                           \
-    P(String, plan, Plan, "plan", {})                                                                \
-    P(uint64_t, followingsCount, FollowingsCount, "followings_count", {})                            \
-    P(uint64_t, followersCount, FollowersCount, "followers_count", {})                               \
-    P(uint64_t, publicFavoritesCount, PublicFavoritesCount, "public_favorites_count", {})            \
+#define VX_USER_PROPERTIES(P)                                                             \
+    P(String, username, Username, "username", {})                                         \
+    P(String, fullName, FullName, "full_name", {})                                        \
+    P(String, permalink, Permalink, "permalink", {})                                      \
+    P(String, userDescription, UserDescription, "description", {})                        \
+    P(String, city, City, "city", {})                                                     \
+    P(String, country, Country, "country", {})                                            \
+    P(String, discogsName, DiscogsName, "discogs_name", {})                               \
+    P(String, lastfmName, LastfmName, "lastfm_name", {})                                  \
+    P(String, myspaceName, MyspaceName, "myspace_name", {})                               \
+    P(URL, websiteURL, WebsiteURL, "website", VXURLStringValueTransformerName)            \
+    P(String, websiteTitle, WebsiteTitle, "website_title", {})                            \
+    P(String, online, Online, "online", {})                                               \
+    P(URL, avatarURL, AvatarURL, "avatar_url", VXURLStringValueTransformerName)           \
+    P(URL, permalinkURL, PermalinkURL, "permalink_url", VXURLStringValueTransformerName)  \
+    P(URL, URI, URI, "uri", VXURLStringValueTransformerName)                              \
+    P(uint64_t, trackCount, TrackCount, "track_count", {})                                \
+    P(String, plan, Plan, "plan", {})                                                     \
+    P(uint64_t, followingsCount, FollowingsCount, "followings_count", {})                 \
+    P(uint64_t, followersCount, FollowersCount, "followers_count", {})                    \
+    P(uint64_t, publicFavoritesCount, PublicFavoritesCount, "public_favorites_count", {}) \
     P(bool, primaryEmailConfirmed, PrimaryEmailConfirmed, "primary_email_confirmed", {})
 
 class VXUser final : public VXResource {

@@ -87,7 +87,7 @@ void ZUImageDiskCache::index()
         std::string_view name = item->d_name;
         if (name.size() != 16 + diskSuffix.size() || !name.ends_with(diskSuffix))
             continue;
-        struct stat info {};
+        struct stat info { };
         if (stat(pathOfFile(std::string(name)).c_str(), &info) != 0 || !S_ISREG(info.st_mode))
             continue;
         double lastUse = static_cast<double>(info.st_mtim.tv_sec) + info.st_mtim.tv_nsec / 1e9;

@@ -234,7 +234,7 @@ RefPtr<Image> ZULoadingImageCache::cachedImageForURL(URL* url, bool forceReload,
             ++state.statistics.diskMisses;
     }
     uint64_t identifier = state.loads.nextIdentifier();
-    state.startLoad(key, forceReload, ZUImageLoads::Waiter { identifier, block ? std::move(block) : Block([](Image*, Error*) { }) });
+    state.startLoad(key, forceReload, ZUImageLoads::Waiter { identifier, block ? std::move(block) : Block([](Image*, Error*) {}) });
     if (subscription) {
         std::weak_ptr<State> weakState = m_state;
         *subscription = Subscription([weakState, key, identifier] {

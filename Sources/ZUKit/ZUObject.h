@@ -49,14 +49,14 @@
 
 namespace velvox {
 
-#define ZU_DESCRIBED_CLASS()                                                            \
-public:                                                                                 \
-    static ::velvox::Set& propertyDescriptors();                                        \
-    ::velvox::Set& descriptors() const override { return propertyDescriptors(); }       \
-    const ::velvox::ZUPropertyTable& propertyTable() const override                     \
-    {                                                                                   \
-        static const ::velvox::ZUPropertyTable table(propertyDescriptors());            \
-        return table;                                                                   \
+#define ZU_DESCRIBED_CLASS()                                                      \
+public:                                                                           \
+    static ::velvox::Set& propertyDescriptors();                                  \
+    ::velvox::Set& descriptors() const override { return propertyDescriptors(); } \
+    const ::velvox::ZUPropertyTable& propertyTable() const override               \
+    {                                                                             \
+        static const ::velvox::ZUPropertyTable table(propertyDescriptors());      \
+        return table;                                                             \
     }
 
 namespace detail {
@@ -79,7 +79,7 @@ Ref<ZUPropertyDescriptor> describeProperty(std::string_view name, std::string_vi
 
 } // namespace detail
 
-#define ZU_PROPERTY_ACCESSORS(Type, name, Name, key, transformer)                                                                 \
+#define ZU_PROPERTY_ACCESSORS(Type, name, Name, key, transformer)                                                                \
     ::velvox::detail::ZUPropertyType<Type>::Value name() const { return ::velvox::detail::ZUPropertyType<Type>::get(m_##name); } \
     void set##Name(::velvox::detail::ZUPropertyType<Type>::Value value) { setDeclaredProperty(m_##name, value, #name); }
 #define ZU_PROPERTY_MEMBER(Type, name, Name, key, transformer) ::velvox::detail::ZUPropertyType<Type>::Storage m_##name {};
@@ -88,24 +88,24 @@ Ref<ZUPropertyDescriptor> describeProperty(std::string_view name, std::string_vi
 
 // In the class body: the properties of the table, their members, and the
 // class's descriptor set. Leaves the access level at public.
-#define ZU_PROPERTIES(TABLE)       \
-    ZU_DESCRIBED_CLASS()           \
-    TABLE(ZU_PROPERTY_ACCESSORS)   \
-private:                           \
-    TABLE(ZU_PROPERTY_MEMBER)      \
+#define ZU_PROPERTIES(TABLE)     \
+    ZU_DESCRIBED_CLASS()         \
+    TABLE(ZU_PROPERTY_ACCESSORS) \
+private:                         \
+    TABLE(ZU_PROPERTY_MEMBER)    \
 public:
 
 // In the source file: the descriptor set, the base class's first, built once.
-#define ZU_DEFINE_PROPERTIES(Class, Base, TABLE)                                  \
-    ::velvox::Set& Class::propertyDescriptors()                                   \
-    {                                                                             \
-        static ::velvox::Set* set = [] {                                          \
-            using ZUThisClass = Class;                                            \
-            auto descriptors = Base::propertyDescriptors().mutableCopy();        \
-            TABLE(ZU_PROPERTY_DESCRIPTOR)                                         \
-            return static_cast<::velvox::Set*>(descriptors.leakRef());            \
-        }();                                                                      \
-        return *set;                                                              \
+#define ZU_DEFINE_PROPERTIES(Class, Base, TABLE)                          \
+    ::velvox::Set& Class::propertyDescriptors()                           \
+    {                                                                     \
+        static ::velvox::Set* set = [] {                                  \
+            using ZUThisClass = Class;                                    \
+            auto descriptors = Base::propertyDescriptors().mutableCopy(); \
+            TABLE(ZU_PROPERTY_DESCRIPTOR)                                 \
+            return static_cast<::velvox::Set*>(descriptors.leakRef());    \
+        }();                                                              \
+        return *set;                                                      \
     }
 
 class ZUObject : public Object, public Coding {

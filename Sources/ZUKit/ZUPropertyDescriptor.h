@@ -37,7 +37,9 @@ public:
     virtual const ClassInfo& ownerClass() const = 0;
     virtual const char* typeName() const = 0;
 
-    enum class Comparison { Equal, Different, Unacceptable };
+    enum class Comparison { Equal,
+        Different,
+        Unacceptable };
     // How an incoming value compares with the property's; the default goes through coerce() and get().
     virtual Comparison compare(const ZUObject&, Object* value) const;
     // Stores an incoming value that compare() found acceptable.
@@ -54,7 +56,8 @@ public:
 namespace detail {
 
 template<typename T>
-struct IsRefPtr : std::false_type { };
+struct IsRefPtr : std::false_type {
+};
 template<typename T>
 struct IsRefPtr<RefPtr<T>> : std::true_type {
     using Element = T;

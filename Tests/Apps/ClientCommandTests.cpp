@@ -158,6 +158,7 @@ TEST_F(VelvoxClient, WritesViewsABrowserShowsAndRunsTheDemo)
     auto demo = velvox("demo");
     EXPECT_EQ(demo.status, 0) << demo.output;
     for (auto step : { "Signed in as ines_stone0", "Page 2:", "After following", "Comment ", "State: finished", "Unplayed after: no", "Wrote velvox-dashboard.html" })
-        EXPECT_TRUE(contains(demo, step)) << step << "\n" << demo.output;
+        EXPECT_TRUE(contains(demo, step)) << step << "\n"
+                                          << demo.output;
     EXPECT_TRUE(std::filesystem::exists(folder.path() + "/velvox-dashboard.html"));
 }

@@ -9,18 +9,18 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <thread>
-#include <chrono>
-#include <atomic>
-#include <vector>
-#include <sys/socket.h>
 #include <netinet/in.h>
-#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 using namespace velvox;
 
@@ -147,7 +147,9 @@ TEST(VelvoxAPI, RefusesOtherProtocolsAndShowsErrorBodiesSafely)
         seenAuthorization = request.get_header_value("Authorization");
         response.status = 500;
         // Clears the screen, moves the cursor, draws a fake prompt; a NUL in the middle; a C1 CSI; then a lot.
-        std::string body = std::string("\x1b[2J\x1b[H$ sudo rm -rf ~\x07 ok\0after \xc2\x9b" "31m caf\xc3\xa9", 44);
+        std::string body = std::string("\x1b[2J\x1b[H$ sudo rm -rf ~\x07 ok\0after \xc2\x9b"
+                                       "31m caf\xc3\xa9",
+            44);
         body += std::string(100000, 'z');
         response.set_content(body, "text/plain");
     });

@@ -34,9 +34,15 @@ std::string userRecord(std::string_view id)
 std::string trackRecord(std::string_view field = {}, std::string_view value = {})
 {
     std::map<std::string, std::string> entries {
-        { "id", "20005" }, { "title", R"("Night Drive")" }, { "user_id", "1003" }, { "duration", "61000" },
-        { "state", R"("finished")" }, { "created_at", R"("2024/01/02 03:04:05 +0000")" }, { "tag_list", R"("wave")" },
-        { "permalink_url", R"("http://service.test/u/night")" }, { "user", R"({"id": 1003, "username": "uploader"})" },
+        { "id", "20005" },
+        { "title", R"("Night Drive")" },
+        { "user_id", "1003" },
+        { "duration", "61000" },
+        { "state", R"("finished")" },
+        { "created_at", R"("2024/01/02 03:04:05 +0000")" },
+        { "tag_list", R"("wave")" },
+        { "permalink_url", R"("http://service.test/u/night")" },
+        { "user", R"({"id": 1003, "username": "uploader"})" },
     };
     if (!field.empty())
         entries[std::string(field)] = value;
@@ -329,6 +335,6 @@ TEST_F(HostileService, UnfinishedTracksArePolledWithinTheConnectionLimit)
     auto outcome = velvox("tracks --all");
     EXPECT_EQ(outcome.status, 0) << outcome.output.substr(0, 2000);
     EXPECT_EQ(std::count(outcome.output.begin(), outcome.output.end(), '\n'), 1001); // the heading and every track
-    EXPECT_GT(countRequests("GET /tracks/"), 0u); // the polls did run
+    EXPECT_GT(countRequests("GET /tracks/"), 0u);                                    // the polls did run
     EXPECT_LE(mostInFlight.load(), 8);
 }

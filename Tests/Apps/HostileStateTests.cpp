@@ -168,7 +168,9 @@ TEST_F(HostileState, AFailedSaveIsSaidAndTheGoodArchivesStay)
 
     // The data folder's place is taken by a file.
     std::filesystem::remove_all(velvoxFolder());
-    { std::ofstream(velvoxFolder()) << "in the way"; }
+    {
+        std::ofstream(velvoxFolder()) << "in the way";
+    }
     auto blocked = velvox("play 20003");
     EXPECT_EQ(blocked.status, 1) << blocked.output;
     EXPECT_TRUE(contains(blocked, "velvox play: cannot save the store's archives: " + velvoxFolder())) << blocked.output;
@@ -201,14 +203,18 @@ TEST_F(HostileState, OnlyRegularReadableFilesAreSentOrRead)
     for (auto& c : refused) {
         std::string path = c.file[0] == '/' ? c.file : folder.path() + "/" + c.file;
         auto upload = velvox(service + "upload " + path + " --title x");
-        EXPECT_EQ(upload.status, 1) << c.file << "\n" << upload.output;
+        EXPECT_EQ(upload.status, 1) << c.file << "\n"
+                                    << upload.output;
         EXPECT_TRUE(contains(upload, "velvox upload: cannot send " + path + ": " + c.reason)) << upload.output;
         auto api = velvox(service + "api POST /tracks track[asset_data]=@" + path);
-        EXPECT_EQ(api.status, 1) << c.file << "\n" << api.output;
+        EXPECT_EQ(api.status, 1) << c.file << "\n"
+                                 << api.output;
         EXPECT_TRUE(contains(api, "velvox api: cannot send " + path)) << api.output;
     }
     EXPECT_EQ(requests, 0);
-    { std::ofstream(folder.path() + "/sound.wav") << "RIFF....WAVE"; }
+    {
+        std::ofstream(folder.path() + "/sound.wav") << "RIFF....WAVE";
+    }
     auto control = velvox(service + "upload sound.wav --title x");
     EXPECT_EQ(control.status, 0) << control.output;
     EXPECT_EQ(requests, 1);

@@ -62,9 +62,7 @@ public:
         // The feed that never ends: every page, however far, has a next one.
         routes.Get("/me/activities/tracks", [this](const httplib::Request& request, httplib::Response& response) {
             long page = request.has_param("cursor") ? std::atol(request.get_param_value("cursor").c_str()) : 0;
-            json(response, "{\"collection\": [{\"type\": \"track\", \"created_at\": \"2013/08/30 09:26:53 +0000\", \"origin\": "
-                    + trackRecord(std::to_string(1000 + page), "page " + std::to_string(page), "null", 1000) + "}], \"next_href\": \""
-                    + m_base + "/me/activities/tracks?cursor=" + std::to_string(page + 1) + "\"}");
+            json(response, "{\"collection\": [{\"type\": \"track\", \"created_at\": \"2013/08/30 09:26:53 +0000\", \"origin\": " + trackRecord(std::to_string(1000 + page), "page " + std::to_string(page), "null", 1000) + "}], \"next_href\": \"" + m_base + "/me/activities/tracks?cursor=" + std::to_string(page + 1) + "\"}");
         });
         m_base = m_server.start();
         cases = {
@@ -113,12 +111,14 @@ private:
     std::string userRecord(const std::string& identifier, const std::string& avatar) const
     {
         return "{\"id\": " + identifier + ", \"username\": \"user" + identifier + "\", \"full_name\": \"" + expand("zu-image://{host}/images/name.png") + "\", "
-            "\"avatar_url\": " + (avatar.empty() ? "null" : quoted(avatar)) + ", \"track_count\": 7}";
+                                                                                                                                                          "\"avatar_url\": "
+            + (avatar.empty() ? "null" : quoted(avatar)) + ", \"track_count\": 7}";
     }
     std::string trackRecord(const std::string& identifier, const std::string& title, const std::string& artwork, double duration) const
     {
         return "{\"id\": " + identifier + ", \"title\": " + quoted(title) + ", \"user_id\": 1, \"user\": {\"id\": 1, \"username\": \"user1\"}, "
-            "\"created_at\": \"2011/03/15 01:12:53 +0000\", \"state\": \"finished\", \"duration\": " + format("%.17g", duration)
+                                                                            "\"created_at\": \"2011/03/15 01:12:53 +0000\", \"state\": \"finished\", \"duration\": "
+            + format("%.17g", duration)
             + ", \"artwork_url\": " + artwork + "}";
     }
     // One track per image case, titled with an image address of this server
@@ -128,8 +128,7 @@ private:
         static const double durations[] = { 61000, 1e308, -5000, 1.8e18 };
         std::string list = "[";
         for (size_t i = 0; i < cases.size(); ++i) {
-            list += (i ? ", " : "") + trackRecord(std::to_string(100 + i), expand("zu-image://{host}/images/title-" + std::to_string(i) + ".png"),
-                quoted(expand(cases[i].address)), durations[i % 4]);
+            list += (i ? ", " : "") + trackRecord(std::to_string(100 + i), expand("zu-image://{host}/images/title-" + std::to_string(i) + ".png"), quoted(expand(cases[i].address)), durations[i % 4]);
         }
         return list + "]";
     }

@@ -219,8 +219,10 @@ TEST(JSONDecoder, LooseUnicodeReplacesWithFFFD)
         std::string_view text;
     } cases[] = {
         { "[\"\\u0000\"]", "\xef\xbf\xbd" },
-        { "[\"a\\ud800b\"]", "a\xef\xbf\xbd" "b" },
-        { "[\"\\ud800\\u0041\"]", "\xef\xbf\xbd" "A" },
+        { "[\"a\\ud800b\"]", "a\xef\xbf\xbd"
+                             "b" },
+        { "[\"\\ud800\\u0041\"]", "\xef\xbf\xbd"
+                                  "A" },
         { "[\"\xc3\x28\"]", "\xef\xbf\xbd(" },
         { "[\"\\udc00\"]", "\xef\xbf\xbd" },
     };

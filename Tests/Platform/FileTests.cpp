@@ -1,14 +1,14 @@
 #include <Platform/Platform.h>
 
-#include <gtest/gtest.h>
-#include <vector>
-#include <unistd.h>
 #include <csignal>
-#include <sys/wait.h>
-#include <sys/time.h>
-#include <sys/stat.h>
-#include <sys/file.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 #include <cstdlib>
 #include <filesystem>
@@ -224,7 +224,9 @@ TEST(Files, FailedSavesSayWhyAndKeepTheOldFile)
     auto folder = std::filesystem::temp_directory_path() / ("velvox-failed-saves-" + std::to_string(getpid()));
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder / "occupied");
-    { std::ofstream((folder / "occupied" / "keep").string()) << "x"; }
+    {
+        std::ofstream((folder / "occupied" / "keep").string()) << "x";
+    }
     std::string good = (folder / "good.archive").string();
     ASSERT_TRUE(KeyedArchiver::archiveRootObject(String::create("old").ptr(), good));
     static const struct {

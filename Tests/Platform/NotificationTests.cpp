@@ -87,9 +87,9 @@ TEST(NotificationCenter, TokensStopObserversAndMayOutliveTheirCentre)
         EXPECT_EQ(calls, 1);
 
         // Removing an observer releases its handler at once.
-        outliving = center.addObserver("M", nullptr, [counted](Notification&) { });
+        outliving = center.addObserver("M", nullptr, [counted](Notification&) {});
         EXPECT_EQ(counted.use_count(), 2);
-        auto another = center.addObserver("M", nullptr, [counted](Notification&) { });
+        auto another = center.addObserver("M", nullptr, [counted](Notification&) {});
         another.cancel();
         EXPECT_EQ(counted.use_count(), 2);
     }

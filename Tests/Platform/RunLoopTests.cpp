@@ -108,9 +108,10 @@ TEST(RunLoop, RepeatingTimerAndTimerScheduledFromTimer)
     });
     std::vector<int> order;
     loop.performAfterDelay(0, [&] {
-        order.push_back(1);
-        loop.performAfterDelay(0, [&] { order.push_back(3); }).release();
-    }).release();
+            order.push_back(1);
+            loop.performAfterDelay(0, [&] { order.push_back(3); }).release();
+        })
+        .release();
     loop.performAfterDelay(0, [&] { order.push_back(2); }).release();
     loop.runFor(10);
     EXPECT_EQ(ticks, 3);
@@ -260,7 +261,7 @@ TEST(RunLoop, SocketTokenMayOutliveItsLoop)
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     Subscription watch;
-    std::thread([&] { watch = RunLoop::current().watchSocket(fds[0], SocketEvent::Readable, [](int, SocketEvent) { }); }).join();
+    std::thread([&] { watch = RunLoop::current().watchSocket(fds[0], SocketEvent::Readable, [](int, SocketEvent) {}); }).join();
     watch.cancel(); // that thread's loop is gone
     close(fds[0]);
     close(fds[1]);

@@ -191,7 +191,8 @@ TEST(UTF8, MultibyteRunsAgreeWithTheDecoder)
     }
     EXPECT_EQ(disagreements, 0u);
     // A run goes on over sequences of every length and stops at ASCII or a refused byte.
-    const std::string text = "\xC3\xA9\xE3\x81\x82\xF0\x9F\x8E\xB5" "a\xC3\xA9";
+    const std::string text = "\xC3\xA9\xE3\x81\x82\xF0\x9F\x8E\xB5"
+                             "a\xC3\xA9";
     auto* start = reinterpret_cast<const uint8_t*>(text.data());
     EXPECT_EQ(skipMultibyteUTF8(start, start + text.size()), start + 9);
     const std::string broken = "\xC3\xA9\xED\xA0\x80";

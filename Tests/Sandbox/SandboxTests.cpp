@@ -104,8 +104,11 @@ Reply readReply(int fd, size_t atMost = 64 * 1024)
 
 // An upload's body, made as it is sent: a title field, then a file field of
 // `fileBytes` bytes (multipart) or that many bytes of one-letter form fields.
-enum class Shape { Multipart, LetterFields, Form };
-enum class Framing { Chunked, Length };
+enum class Shape { Multipart,
+    LetterFields,
+    Form };
+enum class Framing { Chunked,
+    Length };
 
 struct Upload {
     std::string head;
@@ -213,7 +216,8 @@ TEST(SandboxUploads, BodiesPastTheLimitAreRefusedWhetherChunkedOrDeclared)
         EXPECT_LT(Steady::now() - began, std::chrono::seconds(30)) << c.name;
         auto tracks = clientOf(*service).Get("/me/tracks?limit=200");
         ASSERT_TRUE(tracks) << c.name;
-        bool created = tracks->body.find(c.shape == Shape::Form ? "Form upload" : c.shape == Shape::Multipart ? "Streamed" : "Fields")
+        bool created = tracks->body.find(c.shape == Shape::Form ? "Form upload" : c.shape == Shape::Multipart ? "Streamed"
+                                                                                                              : "Fields")
             != std::string::npos;
         EXPECT_EQ(created, c.status == 201) << c.name;
         if (c.status == 413) {

@@ -26,7 +26,8 @@ inline Outcome runChromium(const std::string& arguments)
 {
     TemporaryFolder profile;
     return run(std::string(chromium()) + " --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --no-first-run "
-        "--user-data-dir='" + profile.path() + "' " + arguments);
+                                         "--user-data-dir='"
+        + profile.path() + "' " + arguments);
 }
 
 // The DOM of a page file after it ran, as the browser serialises it.

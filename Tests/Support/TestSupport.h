@@ -10,12 +10,12 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <sys/wait.h>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <sys/wait.h>
 
 namespace velvox::test {
 

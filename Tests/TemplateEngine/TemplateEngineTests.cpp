@@ -134,7 +134,10 @@ TEST(TemplateEngine, BadTemplatesGiveAnErrorThatNamesTheLine)
         { "\n{{ x | fail }}", "error: line 2: the filter \"fail\" raised NSInvalidArgumentException: failing on purpose" },
         { "{{ $$$ }}", "error: line 1: \"$$$\" is not a value" },
         { "{% %}", "error: line 1: a tag is empty" },
-        { "{{ a\x01" "b }}", "error: line 1: \"a\x01" "b\" is not a value" },
+        { "{{ a\x01"
+          "b }}",
+            "error: line 1: \"a\x01"
+            "b\" is not a value" },
     };
     for (auto& c : cases)
         EXPECT_EQ(render(c.input), c.error) << c.input;
@@ -223,7 +226,9 @@ TEST(TemplateEngine, ParsedTextsAreKeptByTheirWholeTextAndEvictedOnesParseAgain)
         for (int time = 0; time < 2; ++time)
             EXPECT_EQ(renderText(text, vars.ptr()), "ines" + std::string(size - 25, '.')) << size;
     }
-    EXPECT_EQ(renderText(std::string_view("a\0{{ zero }}", 12), vars.ptr()), std::string("a\0" "0", 3));
+    EXPECT_EQ(renderText(std::string_view("a\0{{ zero }}", 12), vars.ptr()), std::string("a\0"
+                                                                                         "0",
+                                                                                 3));
     EXPECT_EQ(renderText("a", vars.ptr()), "a");
 
     // A text that fails to parse fails again with the same message.

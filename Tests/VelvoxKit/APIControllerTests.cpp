@@ -94,9 +94,9 @@ TEST(VXAPIController, ASameGETFromItsOwnCallbackIsSentOnceThenRaises)
     std::string exception;
     h.controller->meUserRessouce([&](VXAPIController* controller, Object*, Error*) {
         ++calls;
-        controller->meUserRessouce([](VXAPIController*, Object*, Error*) { }); // a fresh request
+        controller->meUserRessouce([](VXAPIController*, Object*, Error*) {}); // a fresh request
         try {
-            controller->meUserRessouce([](VXAPIController*, Object*, Error*) { });
+            controller->meUserRessouce([](VXAPIController*, Object*, Error*) {});
         } catch (const Exception& e) {
             exception = e.name() + ": " + e.reason();
             EXPECT_EQ(e.userInfo()->objectForKey<String>(VXAPIRequestIdentifierKey)->view(), "GET-/me-");
@@ -133,7 +133,8 @@ TEST(VXAPIController, ProgressQuotientAndProgressOnlyCallers)
     std::vector<float> progress;
     int completions = 0;
     auto upload = params({ { "track[title]", String::create("demo").ptr() } });
-    h.controller->postTrack(upload.ptr(), [&](VXAPIController*, float value) { progress.push_back(value); },
+    h.controller->postTrack(
+        upload.ptr(), [&](VXAPIController*, float value) { progress.push_back(value); },
         [&](VXAPIController*, Object*, Error*) { ++completions; });
     ASSERT_EQ(h.sent().size(), 1u);
     EXPECT_EQ(h.sent()[0].method, "POST");
@@ -197,7 +198,7 @@ TEST(VXAPIController, WithoutAClientNothingIsSent)
 TEST(VXAPIController, EndpointPathsVerbsAndArguments)
 {
     Harness h;
-    auto none = [](VXAPIController*, Object*, Error*) { };
+    auto none = [](VXAPIController*, Object*, Error*) {};
     auto seven = Number::withInteger(7);
     h.controller->followUserWithIdentifer(seven, none);
     h.controller->startFollowingUserForIdentifier(seven, none);
@@ -213,9 +214,19 @@ TEST(VXAPIController, EndpointPathsVerbsAndArguments)
     h.controller->exclusiveForCurrentUserWithParameters(nullptr, none);
     h.controller->incommingForCurrentUserWithParameters(nullptr, none);
     const std::pair<const char*, const char*> expected[] = {
-        { "PUT", "me/followings/7" }, { "PUT", "/me/followings/7" }, { "DELETE", "me/followings/7" }, { "DELETE", "/me/followings/7" },
-        { "GET", "users" }, { "GET", "tracks" }, { "PUT", "me/favorites/7" }, { "GET", "tracks/7/comments" }, { "GET", "tracks/7" },
-        { "GET", "/users/7" }, { "GET", "/users/7/connections" }, { "GET", "/me/activities/tracks/exclusive" }, { "GET", "/me/activities/tracks" },
+        { "PUT", "me/followings/7" },
+        { "PUT", "/me/followings/7" },
+        { "DELETE", "me/followings/7" },
+        { "DELETE", "/me/followings/7" },
+        { "GET", "users" },
+        { "GET", "tracks" },
+        { "PUT", "me/favorites/7" },
+        { "GET", "tracks/7/comments" },
+        { "GET", "tracks/7" },
+        { "GET", "/users/7" },
+        { "GET", "/users/7/connections" },
+        { "GET", "/me/activities/tracks/exclusive" },
+        { "GET", "/me/activities/tracks" },
     };
     ASSERT_EQ(h.sent().size(), std::size(expected));
     for (size_t i = 0; i < std::size(expected); ++i) {
@@ -231,17 +242,17 @@ TEST(VXAPIController, EndpointPathsVerbsAndArguments)
         std::function<void(VXAPIController&)> call;
         const char* message;
     } asserts[] = {
-        { [](VXAPIController& c) { c.meIsFollowingUserForIdentifier(nullptr, [](auto, auto, auto) { }); }, "userIdentifier required for following check" },
-        { [](VXAPIController& c) { c.meIsFollowedByUserForIdentifier(nullptr, [](auto, auto, auto) { }); }, "userIdentifier required for follower check" },
-        { [](VXAPIController& c) { c.startFollowingUserForIdentifier(nullptr, [](auto, auto, auto) { }); }, "userIdentifier required to start following a user" },
-        { [](VXAPIController& c) { c.stopFollowingByUserForIdentifier(nullptr, [](auto, auto, auto) { }); }, "userIdentifier required to stop following a user" },
-        { [](VXAPIController& c) { c.tracksForUser(nullptr, nullptr, [](auto, auto, auto) { }); }, "You need to give a userID" },
-        { [](VXAPIController& c) { c.usersForSearch(nullptr, nullptr, [](auto, auto, auto) { }); }, "You need to provide a query to search for users" },
-        { [](VXAPIController& c) { c.tracksForSearch(nullptr, nullptr, [](auto, auto, auto) { }); }, "You need to provide a query to search for tracks" },
-        { [](VXAPIController& c) { c.trackRessouceWithIdentifer(nullptr, [](auto, auto, auto) { }); }, "You need to give a trackId" },
+        { [](VXAPIController& c) { c.meIsFollowingUserForIdentifier(nullptr, [](auto, auto, auto) {}); }, "userIdentifier required for following check" },
+        { [](VXAPIController& c) { c.meIsFollowedByUserForIdentifier(nullptr, [](auto, auto, auto) {}); }, "userIdentifier required for follower check" },
+        { [](VXAPIController& c) { c.startFollowingUserForIdentifier(nullptr, [](auto, auto, auto) {}); }, "userIdentifier required to start following a user" },
+        { [](VXAPIController& c) { c.stopFollowingByUserForIdentifier(nullptr, [](auto, auto, auto) {}); }, "userIdentifier required to stop following a user" },
+        { [](VXAPIController& c) { c.tracksForUser(nullptr, nullptr, [](auto, auto, auto) {}); }, "You need to give a userID" },
+        { [](VXAPIController& c) { c.usersForSearch(nullptr, nullptr, [](auto, auto, auto) {}); }, "You need to provide a query to search for users" },
+        { [](VXAPIController& c) { c.tracksForSearch(nullptr, nullptr, [](auto, auto, auto) {}); }, "You need to provide a query to search for tracks" },
+        { [](VXAPIController& c) { c.trackRessouceWithIdentifer(nullptr, [](auto, auto, auto) {}); }, "You need to give a trackId" },
         { [](VXAPIController& c) { c.postTrack(nullptr, nullptr, nullptr); }, "You need to give track parameters" },
-        { [](VXAPIController& c) { c.unfavoriteTrackIdentifer(nullptr, [](auto, auto, auto) { }); }, "You need to give a trackID" },
-        { [](VXAPIController& c) { c.postCommentForTrackIdentifer(nullptr, nullptr, [](auto, auto, auto) { }); }, "You need to provide a trackId to comment on" },
+        { [](VXAPIController& c) { c.unfavoriteTrackIdentifer(nullptr, [](auto, auto, auto) {}); }, "You need to give a trackID" },
+        { [](VXAPIController& c) { c.postCommentForTrackIdentifer(nullptr, nullptr, [](auto, auto, auto) {}); }, "You need to provide a trackId to comment on" },
     };
     size_t before = h.sent().size();
     for (auto& a : asserts)
@@ -256,10 +267,11 @@ TEST(VXAPIController, UploadBlockRegistration)
 {
     Harness h;
     auto upload = params({ { "track[title]", String::create("demo").ptr() } });
-    h.controller->postTrack(upload.ptr(), nullptr, [](VXAPIController*, Object*, Error*) { });
-    h.controller->postTrack(upload.ptr(), [](VXAPIController*, float) { }, nullptr);
+    h.controller->postTrack(upload.ptr(), nullptr, [](VXAPIController*, Object*, Error*) {});
+    h.controller->postTrack(
+        upload.ptr(), [](VXAPIController*, float) {}, nullptr);
     auto& callers = h.controller->runningConnections();
     auto* entry = downcast<Array>(callers.objectForKey(String::create("POST-tracks-track[title]=demo").ptr()));
-    ASSERT_EQ(entry->count(), 1u); // the second POST replaced the first's callers
+    ASSERT_EQ(entry->count(), 1u);                                         // the second POST replaced the first's callers
     EXPECT_EQ(downcast<Dictionary>(entry->objectAtIndex(0))->count(), 0u); // no completion block: neither is registered
 }

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace velvox;
@@ -303,7 +303,8 @@ TEST_F(APIOnSandbox, UploadReportsProgressAndEndsWithTheCreatedTrack)
     });
     std::vector<float> progress;
     Answer created;
-    controller->postTrack(upload.ptr(), [&](VXAPIController*, float value) { progress.push_back(value); }, recorder(created));
+    controller->postTrack(
+        upload.ptr(), [&](VXAPIController*, float value) { progress.push_back(value); }, recorder(created));
     ASSERT_TRUE(wait({ &created }, 20));
     ASSERT_TRUE(dictionary(created)) << (created.error ? created.error->description()->str() : "");
     EXPECT_EQ(dictionary(created)->objectForKey<String>("state")->view(), "storing");

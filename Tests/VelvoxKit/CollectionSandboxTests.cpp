@@ -164,12 +164,12 @@ TEST_F(CollectionsOnSandbox, AnUploadReportsProgressAndIsFollowedToFinished)
     });
     std::vector<float> progress;
     RefPtr<Dictionary> answer;
-    store->postTrackWithTrackDictionary(upload.ptr(), [&](VXTrack* track, float value) {
+    store->postTrackWithTrackDictionary(
+        upload.ptr(), [&](VXTrack* track, float value) {
         // Made from the upload's own fields ("track[title]"...), which are not a record's keys.
         EXPECT_TRUE(track);
         EXPECT_FALSE(track->resourceIdentifier());
-        progress.push_back(value);
-    }, [&](Object* json, Error*) { answer = dynamicDowncast<Dictionary>(json); });
+        progress.push_back(value); }, [&](Object* json, Error*) { answer = dynamicDowncast<Dictionary>(json); });
     ASSERT_TRUE(RunLoop::current().runUntil([&] { return static_cast<bool>(answer); }, 20));
     EXPECT_FALSE(progress.empty());
     auto identifier = answer->objectForKey("id")->description();

@@ -136,7 +136,9 @@ TEST_F(Collections, CursorPagingFollowsNextHref)
     EXPECT_EQ(test::raisedReason([&] {
         feed->loadMoreItemsForReloadOperationType(Operation::Reload, false);
         api().finish(5, "[]");
-    }, InternalInconsistencyException), "unexpected result");
+    },
+                  InternalInconsistencyException),
+        "unexpected result");
     setLogSink(previous);
 }
 
@@ -220,11 +222,11 @@ TEST_F(Collections, UploadsMapTheirTracksAndHandBackTheAnswer)
     auto upload = json(R"({"track[title]": "New", "track[sharing]": "private"})");
     int progressCalls = 0;
     RefPtr<Object> answer;
-    store->postTrackWithTrackDictionary(upload.ptr(), [&](VXTrack* track, float progress) {
+    store->postTrackWithTrackDictionary(
+        upload.ptr(), [&](VXTrack* track, float progress) {
         ++progressCalls;
         EXPECT_TRUE(track);
-        EXPECT_EQ(progress, 2.0f);
-    }, [&](Object* result, Error*) { answer = result; });
+        EXPECT_EQ(progress, 2.0f); }, [&](Object* result, Error*) { answer = result; });
     ASSERT_EQ(sent().size(), 1u);
     EXPECT_EQ(sent()[0].method, "POST");
     EXPECT_EQ(sent()[0].resource, "tracks");

@@ -25,7 +25,8 @@ protected:
     template<typename T>
     Ref<T> file(std::string_view record)
     {
-        return downcast<T>(map.updateCacheForResource(T::s_info, [](Dictionary* d) -> Ref<VXResource> { return T::create(d); }, nullptr,
+        return downcast<T>(map.updateCacheForResource(
+            T::s_info, [](Dictionary* d) -> Ref<VXResource> { return T::create(d); }, nullptr,
             json(record).ptr()));
     }
     std::vector<std::string> archivedIdentifiers(std::string_view className)
@@ -71,7 +72,7 @@ TEST_F(IdentityMap, AnArchivedRootIsTakenOnlyWhereEachEntryBelongs)
     auto user = file<VXUser>(R"({"id": 2, "username": "u"})");
     auto misfiled = MutableDictionary::create();
     misfiled->setObject(Dictionary::create({ { "1", track.ptr() }, { "9", user.ptr() } }), "VXTrack"); // a user among tracks
-    misfiled->setObject(Dictionary::create({ { "3", user.ptr() } }), "VXUser"); // under another identifier
+    misfiled->setObject(Dictionary::create({ { "3", user.ptr() } }), "VXUser");                        // under another identifier
     VXIdentityMap loaded;
     ASSERT_TRUE(loaded.adoptArchivedRoot(misfiled.ptr()));
     EXPECT_EQ(loaded.cachedResource("VXTrack", "1").get(), track.ptr());
@@ -94,7 +95,7 @@ TEST_F(IdentityMap, ABoundKeepsTheMostRecentlyUsedOfEachClass)
     for (int id = 1; id <= 4; ++id)
         file<VXTrack>(format(R"({"id": %d, "title": "T"})", id));
     file<VXTrack>(R"({"id": 1, "title": "again"})"); // updated: most recent now
-    file<VXTrack>(R"({"id": 3, "title": "T"})"); // unchanged, but used
+    file<VXTrack>(R"({"id": 3, "title": "T"})");     // unchanged, but used
     EXPECT_EQ(archivedIdentifiers("VXTrack"), (std::vector<std::string> { "1", "3" }));
     // The map itself keeps everything for the rest of the run.
     EXPECT_EQ(map.statistics().objectCount, 4u);

@@ -12,13 +12,11 @@
 #include <JSONCodec/JSONCodec.h>
 #include <ZUKit/ZULoadingImageCache.h>
 
-
 using namespace velvox;
 using velvox::test::json;
 using velvox::test::StoreFixture;
 
 namespace {
-
 
 std::vector<std::string> logged(const std::function<void()>& action)
 {

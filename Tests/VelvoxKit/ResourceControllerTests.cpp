@@ -17,7 +17,6 @@ using velvox::test::StoreFixture;
 
 namespace {
 
-
 Ref<String> text(std::string_view value) { return String::create(value); }
 
 struct Fetched {

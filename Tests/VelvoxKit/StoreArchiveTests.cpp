@@ -151,7 +151,9 @@ TEST_F(HostileStoreArchives, SaveMakesTheFolderAndAnswersTheFirstFailure)
 
     // A file where the folder goes: the folder's failure comes first.
     std::filesystem::remove_all(dataFolder());
-    { std::ofstream(dataFolder()) << "in the way"; }
+    {
+        std::ofstream(dataFolder()) << "in the way";
+    }
     error = store->save();
     ASSERT_TRUE(error);
     EXPECT_EQ(error->localizedDescription()->str(), dataFolder() + ": File exists");

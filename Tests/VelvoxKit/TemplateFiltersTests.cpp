@@ -57,8 +57,13 @@ TEST(TemplateFilters, PluralizeChoosesItsFormatByTheIntegerValue)
         bool withZero;
         const char* result;
     } cases[] = {
-        { 1, false, "1 play" }, { 0, false, "0 plays" }, { 0, true, "never played" }, { -1, false, "-1 plays" },
-        { 2, true, "2 plays" }, { 1.5, true, "1.5 play" }, { 0.5, true, "never played" },
+        { 1, false, "1 play" },
+        { 0, false, "0 plays" },
+        { 0, true, "never played" },
+        { -1, false, "-1 plays" },
+        { 2, true, "2 plays" },
+        { 1.5, true, "1.5 play" },
+        { 0.5, true, "never played" },
     };
     for (auto& c : cases) {
         auto number = c.value == static_cast<int>(c.value) ? Number::create(static_cast<int64_t>(c.value)) : Number::create(c.value);

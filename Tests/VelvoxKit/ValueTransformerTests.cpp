@@ -1,7 +1,7 @@
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXAPITimestampValueTransformer.h>
-#include <VelvoxKit/VXFramework.h>
 #include <VelvoxKit/VXActivityTypeValueTransformer.h>
+#include <VelvoxKit/VXFramework.h>
 #include <VelvoxKit/VXNumberToStringValueTransformer.h>
 #include <VelvoxKit/VXStringToArrayValueTransformer.h>
 #include <VelvoxKit/VXTagListValueTransformer.h>

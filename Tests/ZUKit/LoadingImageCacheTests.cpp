@@ -22,8 +22,12 @@ namespace {
 
 // A 1x1 PNG, and another image of the same size that differs.
 const std::string png("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\0\x01\0\0\0\x01\x08\x06\0\0\0\x1f\x15\xc4\x89\0\0\0\rIDATx\x9c"
-                      "c``\xf8\x0f\0\x01\x04\x01\0_\xe5\xc3K\0\0\0\0IEND\xae" "B`\x82", 67);
-const std::string gif("GIF89a\x01\0\x01\0\x80\0\0\xff\xff\xff\0\0\0!\xf9\x04\x01\0\0\0\0,\0\0\0\0\x01\0\x01\0\0\x02\x02" "D\x01\0;", 42);
+                      "c``\xf8\x0f\0\x01\x04\x01\0_\xe5\xc3K\0\0\0\0IEND\xae"
+                      "B`\x82",
+    67);
+const std::string gif("GIF89a\x01\0\x01\0\x80\0\0\xff\xff\xff\0\0\0!\xf9\x04\x01\0\0\0\0,\0\0\0\0\x01\0\x01\0\0\x02\x02"
+                      "D\x01\0;",
+    42);
 
 struct Answer {
     int calls { 0 };
@@ -122,7 +126,8 @@ protected:
     {
         return RunLoop::current().runUntil([&] {
             return std::all_of(answers.begin(), answers.end(), [](Answer* answer) { return answer->calls > 0; });
-        }, 10);
+        },
+            10);
     }
 
     TemporaryFolder folder;

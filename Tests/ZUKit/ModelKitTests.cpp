@@ -1,5 +1,7 @@
+#include <Catalogue.h>
 #include <JSONCodec/JSONCodec.h>
 #include <Platform/Platform.h>
+#include <TestSupport.h>
 #include <VelvoxKit/VXAPITimestampValueTransformer.h>
 #include <VelvoxKit/VXNumberToStringValueTransformer.h>
 #include <VelvoxKit/VXResource.h>
@@ -8,8 +10,6 @@
 #include <VelvoxKit/VXTrackStateValueTransformer.h>
 #include <VelvoxKit/VXURLStringValueTransformer.h>
 #include <ZUKit/ZUObject.h>
-#include <Catalogue.h>
-#include <TestSupport.h>
 
 #include <gtest/gtest.h>
 

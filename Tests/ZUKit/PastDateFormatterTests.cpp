@@ -35,7 +35,7 @@ TEST(PastDateFormatter, RelativeTextsInTwoLanguagesAgainstAFixedClock)
         { -3600, "now", "jetzt" }, // clock skew: a date in the future
         { 5 * 60 + 30, "5 minutes ago", "vor 5 Minuten" },
         { 3 * 3600, "3 hours ago", "vor 3 Stunden" },
-        { 15 * 3600 + 60, "yesterday", "gestern" },  // 23:59 the day before
+        { 15 * 3600 + 60, "yesterday", "gestern" }, // 23:59 the day before
         { 3 * 86400, "3 days ago", "vor 3 Tagen" },
         { 15 * 86400, "2 weeks ago", "vor 2 Wochen" },
         { 60 * 86400, "Sep 11, 2026", "11.09.2026" },
@@ -69,8 +69,13 @@ TEST(PastDateFormatter, UnknownLanguagesReadInEnglish)
 TEST(ImageDataURI, Base64VectorsAndTheDataURIOfAnImage)
 {
     static const std::pair<const char*, const char*> vectors[] = {
-        { "", "" }, { "f", "Zg==" }, { "fo", "Zm8=" }, { "foo", "Zm9v" },
-        { "foob", "Zm9vYg==" }, { "fooba", "Zm9vYmE=" }, { "foobar", "Zm9vYmFy" },
+        { "", "" },
+        { "f", "Zg==" },
+        { "fo", "Zm8=" },
+        { "foo", "Zm9v" },
+        { "foob", "Zm9vYg==" },
+        { "fooba", "Zm9vYmE=" },
+        { "foobar", "Zm9vYmFy" },
     };
     for (auto& [in, out] : vectors)
         EXPECT_EQ(zu_base64Encode(in), out) << in;

@@ -19,13 +19,13 @@ using namespace velvox;
 
 namespace {
 
-#define TABLE_TRACK_PROPERTIES(P)                                                         \
-    P(String, title, Title, "title", {})                                                  \
-    P(String, trackDescription, TrackDescription, "description", {})                      \
-    P(URL, artworkURL, ArtworkURL, "artwork_url", VXURLStringValueTransformerName)        \
+#define TABLE_TRACK_PROPERTIES(P)                                                              \
+    P(String, title, Title, "title", {})                                                       \
+    P(String, trackDescription, TrackDescription, "description", {})                           \
+    P(URL, artworkURL, ArtworkURL, "artwork_url", VXURLStringValueTransformerName)             \
     P(String, userIdentifier, UserIdentifier, "user_id", VXNumberToStringValueTransformerName) \
-    P(uint64_t, playbackCount, PlaybackCount, "playback_count", {})                       \
-    P(bool, commentable, Commentable, "commentable", {})                                  \
+    P(uint64_t, playbackCount, PlaybackCount, "playback_count", {})                            \
+    P(bool, commentable, Commentable, "commentable", {})                                       \
     P(double, rating, Rating, "rating", {})
 
 class TableTrack final : public VXResource {
@@ -42,9 +42,9 @@ VX_DEFINE_CLASS(TableTrack, VXResource)
 ZU_DEFINE_PROPERTIES(TableTrack, VXResource, TABLE_TRACK_PROPERTIES)
 
 // Two properties read one JSON key.
-#define TWIN_PROPERTIES(P)                                      \
-    P(String, title, Title, "title", {})                        \
-    P(String, heading, Heading, "title", {})                    \
+#define TWIN_PROPERTIES(P)                                               \
+    P(String, title, Title, "title", {})                                 \
+    P(String, heading, Heading, "title", {})                             \
     P(URL, link, Link, "permalink_url", VXURLStringValueTransformerName) \
     P(int64_t, count, Count, "count", {})
 
@@ -95,10 +95,7 @@ TEST_F(PropertyTable, TheTableMakesDescriptorsInOrderAfterTheBase)
         paths.push_back(descriptor->keyPath().str() + "<" + descriptor->source().str() + ">"
             + (descriptor->transformerName() ? descriptor->transformerName()->str() : ""));
     }
-    EXPECT_EQ(paths, (std::vector<std::string> { "resourceIdentifier<id>VXNumberToStringValueTransformerName", "title<title>",
-                         "trackDescription<description>", "artworkURL<artwork_url>VXURLStringValueTransformerName",
-                         "userIdentifier<user_id>VXNumberToStringValueTransformerName", "playbackCount<playback_count>",
-                         "commentable<commentable>", "rating<rating>" }));
+    EXPECT_EQ(paths, (std::vector<std::string> { "resourceIdentifier<id>VXNumberToStringValueTransformerName", "title<title>", "trackDescription<description>", "artworkURL<artwork_url>VXURLStringValueTransformerName", "userIdentifier<user_id>VXNumberToStringValueTransformerName", "playbackCount<playback_count>", "commentable<commentable>", "rating<rating>" }));
 }
 
 TEST_F(PropertyTable, FillsTypedMembersAndReportsRealChangesOnly)

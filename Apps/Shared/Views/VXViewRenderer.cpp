@@ -56,7 +56,12 @@ std::string webAddress(std::string_view text)
 std::string unescapedAttribute(std::string_view text)
 {
     static constexpr std::pair<std::string_view, char> references[] = {
-        { "&amp;", '&' }, { "&lt;", '<' }, { "&gt;", '>' }, { "&quot;", '"' }, { "&#39;", '\'' }, { "&#x27;", '\'' },
+        { "&amp;", '&' },
+        { "&lt;", '<' },
+        { "&gt;", '>' },
+        { "&quot;", '"' },
+        { "&#39;", '\'' },
+        { "&#x27;", '\'' },
     };
     std::string out;
     out.reserve(text.size());
@@ -188,11 +193,13 @@ Ref<String> inlining(std::string_view html, const std::function<std::string(cons
             continue;
         std::string* slot = &dataURI;
         Subscription load;
-        auto image = cache.cachedImageForURL(url.get(), false, [slot, &pending](Image* loaded, Error*) {
-            if (loaded)
-                *slot = zu_dataURIRepresentation(*loaded)->str();
-            --pending;
-        }, &load);
+        auto image = cache.cachedImageForURL(
+            url.get(), false, [slot, &pending](Image* loaded, Error*) {
+                if (loaded)
+                    *slot = zu_dataURIRepresentation(*loaded)->str();
+                --pending;
+            },
+            &load);
         loads.push_back(std::move(load));
         if (image)
             dataURI = zu_dataURIRepresentation(*image)->str();
@@ -286,12 +293,14 @@ VX_DEFINE_CLASS(ViewFilters, Object)
 
 Ref<String> VXViewRenderer::inliningImages(const String& html, double timeout)
 {
-    return inlining(html.view(), [](const std::string& source) {
-        // "zu-image" in any case, as the filter leaves it, stands for "http".
-        if (startsWithIgnoringCase(source, "zu-image"))
-            return webAddress("http" + source.substr(8));
-        return webAddress(source);
-    }, timeout);
+    return inlining(
+        html.view(), [](const std::string& source) {
+            // "zu-image" in any case, as the filter leaves it, stands for "http".
+            if (startsWithIgnoringCase(source, "zu-image"))
+                return webAddress("http" + source.substr(8));
+            return webAddress(source);
+        },
+        timeout);
 }
 
 RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* variables, RefPtr<Error>* error, double timeout)
@@ -312,10 +321,12 @@ RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* var
     auto page = engine->processTemplateInFileAtPath(path ? &*path : nullptr, all.ptr(), error);
     if (!page)
         return nullptr;
-    return inlining(page->view(), [&images](const std::string& source) {
-        auto found = images->find(source);
-        return found == images->end() ? std::string() : found->second;
-    }, timeout);
+    return inlining(
+        page->view(), [&images](const std::string& source) {
+            auto found = images->find(source);
+            return found == images->end() ? std::string() : found->second;
+        },
+        timeout);
 }
 
 } // namespace velvox
