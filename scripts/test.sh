@@ -17,4 +17,17 @@ if [ "$build_dir" = build-sanitize ]; then
   # normal 8 MB stack in the plain build) get a stack to match.
   ulimit -s 65536 2>/dev/null || true
 fi
-ctest --output-on-failure -j2
+# Every test program runs with HOME and the XDG folders in a temporary folder;
+# the person's own Velvox folders must come out of the run as they went in.
+own_folders() {
+  find "${XDG_DATA_HOME:-$HOME/.local/share}/Velvox" "${XDG_CACHE_HOME:-$HOME/.cache}/Velvox" \
+    "${XDG_CONFIG_HOME:-$HOME/.config}/Velvox" -printf '%p %s %T@\n' 2>/dev/null | sort || true
+}
+before=$(own_folders)
+status=0
+ctest --output-on-failure -j2 || status=$?
+if [ "$(own_folders)" != "$before" ]; then
+  echo "test.sh: the tests changed the user's own Velvox folders (under \$HOME or the XDG folders)" >&2
+  exit 1
+fi
+exit "$status"
