@@ -60,14 +60,20 @@ check_prefix() {
   cmake --build "$consumer" >/dev/null || fail "$form: the CMake consumer does not build"
   "$consumer/consumer" | tee "$consumer/output.txt" | grep -q 'me is ' || fail "$form: the CMake consumer did not fetch /me"
 
-  # A pkg-config consumer.
-  local pc_flags
+  # A pkg-config consumer, as docs/using.md says: the framework is velvoxkit, the
+  # sandbox velvox-sandbox (which requires it); the moved files need no override.
+  local pc_flags static_flag
+  static_flag=$([ "$form" = static ] && echo --static || true)
   export PKG_CONFIG_PATH=$libdir/pkgconfig
-  # The .pc file names the prefix it was installed to; point it at the moved one.
-  pc_flags=$(pkg-config --define-variable=prefix="$prefix" --cflags --libs $([ "$form" = static ] && echo --static) velvoxkit) ||
-    fail "$form: pkg-config does not know velvoxkit"
+  [ -f "$(pkg-config --variable=includedir velvoxkit)/velvox/VelvoxKit/VXResourceController.h" ] ||
+    fail "$form: velvoxkit's includedir does not hold the headers: $(pkg-config --variable=includedir velvoxkit)"
+  ! pkg-config --libs $static_flag velvoxkit | grep -q -- '-lvelvox-sandbox\|httplib' ||
+    fail "$form: plain velvoxkit consumers would link the sandbox: $(pkg-config --libs $static_flag velvoxkit)"
+  pkg-config --libs velvoxkit | grep -q -- '-lvelvox-templates' || fail "$form: velvoxkit does not link the template engine"
+  pc_flags=$(pkg-config --cflags --libs $static_flag velvox-sandbox) || fail "$form: pkg-config does not know velvox-sandbox"
   local resources
-  resources=$(pkg-config --define-variable=prefix="$prefix" --variable=resourcedir velvoxkit)
+  resources=$(pkg-config --variable=resourcedir velvox-sandbox)
+  [ -f "$resources/sandbox/catalogue.json" ] || fail "$form: the sandbox's resourcedir holds no catalogue: $resources"
   pc_flags="$pc_flags -DRESOURCE_DIR=\"$resources\""
   g++ -std=c++20 -o "$work/consumers/pkgconfig-$form" "$consumer_src/consumer.cpp" $pc_flags -lcurl \
     $([ "$form" = shared ] && echo "-Wl,-rpath,$libdir") || fail "$form: the pkg-config consumer does not build"
