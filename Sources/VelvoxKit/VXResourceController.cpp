@@ -3,16 +3,12 @@
 #include "VXActivity.h"
 #include "VXArchiveStore.h"
 #include "VXFramework.h"
-#include "VXNumberToStringValueTransformer.h"
 #include "VXSharingNote.h"
 
 #include <Platform/Platform.h>
-#include <ZUKit/ZUPropertyTable.h>
 
 #include <algorithm>
-#include <charconv>
 #include <memory>
-#include <unordered_map>
 
 namespace velvox {
 
@@ -55,6 +51,8 @@ void VXResourceController::registerValueTransformers()
 
 VXResourceController::VXResourceController()
     : m_poller([this](String* identifier, std::shared_ptr<void> slot) {
+        // The refresh's answer may be the last thing that keeps the store.
+        Ref protectedThis { *this };
         if (!slot) {
             forceRefreshTrackWithIdentfier(identifier);
             return;
