@@ -113,6 +113,17 @@ struct URLLoader::Impl : std::enable_shared_from_this<URLLoader::Impl> {
     void action(curl_socket_t socket, int flags);
     void deliverPending();
 
+    // Calls one of a running task's callbacks through a copy: the callback may
+    // cancel its own task, which drops the task's callbacks while it runs.
+    template<typename Callback, typename... Args>
+    static void callBack(URLTask& task, Callback URLTaskCallbacks::*member, Args&&... args)
+    {
+        if (task.m_finished)
+            return;
+        if (auto callback = task.m_callbacks.*member)
+            callback(std::forward<Args>(args)...);
+    }
+
     static size_t writeCallback(char* bytes, size_t size, size_t count, void* userData);
     static size_t headerCallback(char* bytes, size_t size, size_t count, void* userData);
     static int progressCallback(void* userData, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal, curl_off_t uploaded);
@@ -468,10 +479,7 @@ size_t URLLoader::Impl::writeCallback(char* bytes, size_t size, size_t count, vo
         if (task->m_callbacks.didReceiveData && task->m_loader) {
             Ref<URLTask> protectedTask { *task };
             auto chunk = Data::create(bytes, length);
-            task->m_loader->m_impl->pending.push_back([protectedTask, chunk] {
-                if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveData)
-                    protectedTask->m_callbacks.didReceiveData(chunk);
-            });
+            task->m_loader->m_impl->pending.push_back([protectedTask, chunk] { callBack(*protectedTask, &URLTaskCallbacks::didReceiveData, *chunk); });
         }
         return length;
     } catch (...) {
@@ -539,18 +547,12 @@ int URLLoader::Impl::progressCallback(void* userData, curl_off_t downloadTotal, 
         if (task->m_callbacks.didSendBytes && uploaded > 0 && static_cast<uint64_t>(uploaded) != task->m_lastSent) {
             task->m_lastSent = static_cast<uint64_t>(uploaded);
             uint64_t sent = static_cast<uint64_t>(uploaded), total = static_cast<uint64_t>(std::max(uploadTotal, uploaded));
-            pending.push_back([protectedTask, sent, total] {
-                if (!protectedTask->m_finished && protectedTask->m_callbacks.didSendBytes)
-                    protectedTask->m_callbacks.didSendBytes(sent, total);
-            });
+            pending.push_back([protectedTask, sent, total] { callBack(*protectedTask, &URLTaskCallbacks::didSendBytes, sent, total); });
         }
         if (task->m_callbacks.didReceiveBytes && downloaded > 0 && static_cast<uint64_t>(downloaded) != task->m_lastReceived) {
             task->m_lastReceived = static_cast<uint64_t>(downloaded);
             uint64_t received = static_cast<uint64_t>(downloaded), total = static_cast<uint64_t>(std::max<curl_off_t>(downloadTotal, 0));
-            pending.push_back([protectedTask, received, total] {
-                if (!protectedTask->m_finished && protectedTask->m_callbacks.didReceiveBytes)
-                    protectedTask->m_callbacks.didReceiveBytes(received, total);
-            });
+            pending.push_back([protectedTask, received, total] { callBack(*protectedTask, &URLTaskCallbacks::didReceiveBytes, received, total); });
         }
         return 0;
     } catch (...) {

@@ -154,6 +154,8 @@ Ref<String> VXVelvoxAPI::pathSegment(Object* identifier)
 void VXVelvoxAPI::refuse(std::string problem, Object* context, Dictionary* userInfo)
 {
     uint64_t identifier = ++m_nextTask;
+    if (userInfo)
+        m_requestForUserInfo[userInfo] = identifier;
     auto info = Dictionary::create({ { LocalizedDescriptionKey, String::create("The request was not sent: its resource path is not a path of the service (" + problem + ").").ptr() } });
     auto error = Error::create(VXVelvoxAPIErrorDomain, VXVelvoxAPIErrorInvalidResource, info.ptr());
     RefPtr<Object> protectedContext = context;
@@ -162,6 +164,7 @@ void VXVelvoxAPI::refuse(std::string problem, Object* context, Dictionary* userI
     m_refusals.emplace(identifier, RunLoop::current().performAfterDelay(0, [this, identifier, error, protectedContext, protectedUserInfo] {
         Ref protectedThis { *this };
         auto finished = m_refusals.extract(identifier);
+        forgetUserInfo(protectedUserInfo.get(), identifier);
         if (m_delegate)
             m_delegate->velvoxAPIDidFailWithError(*this, error.ptr(), protectedContext.get(), protectedUserInfo.get());
     }));
@@ -205,6 +208,8 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
     }
 
     uint64_t identifier = ++m_nextTask;
+    if (userInfo)
+        m_requestForUserInfo[userInfo] = identifier;
     RefPtr<Object> protectedContext = context;
     RefPtr<Dictionary> protectedUserInfo = userInfo;
     URLTaskCallbacks callbacks;
@@ -228,6 +233,7 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
     callbacks.didComplete = [this, identifier, protectedContext, protectedUserInfo](URLResponse* response, Error* error) {
         Ref protectedThis { *this }; // the delegate may release the last reference to us
         m_tasks.erase(identifier);
+        forgetUserInfo(protectedUserInfo.get(), identifier);
         startQueuedRequests();
         if (!m_delegate)
             return;
@@ -250,10 +256,35 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
     };
     QueuedRequest queued { identifier, std::move(request), std::move(callbacks) };
     if (m_maximumRunningRequests && m_tasks.size() >= m_maximumRunningRequests) {
-        m_queue.push_back(std::move(queued));
+        m_queue.emplace(identifier, std::move(queued));
         return;
     }
     start(std::move(queued));
+}
+
+void VXVelvoxAPI::forgetUserInfo(const Dictionary* userInfo, uint64_t identifier)
+{
+    if (auto found = m_requestForUserInfo.find(userInfo); found != m_requestForUserInfo.end() && found->second == identifier)
+        m_requestForUserInfo.erase(found);
+}
+
+void VXVelvoxAPI::cancelMethodWithUserInfo(Dictionary* userInfo)
+{
+    auto found = m_requestForUserInfo.find(userInfo);
+    if (found == m_requestForUserInfo.end())
+        return;
+    uint64_t identifier = found->second;
+    m_requestForUserInfo.erase(found);
+    if (auto running = m_tasks.find(identifier); running != m_tasks.end()) {
+        auto task = std::move(running->second);
+        m_tasks.erase(running);
+        task->cancel();
+        startQueuedRequests();
+        return;
+    }
+    if (m_queue.erase(identifier))
+        return;
+    m_refusals.erase(identifier);
 }
 
 void VXVelvoxAPI::start(QueuedRequest&& queued)
@@ -275,8 +306,7 @@ void VXVelvoxAPI::startQueuedRequests()
         ~Reset() { flag = false; }
     } reset { m_startingQueued };
     while (!m_queue.empty() && (!m_maximumRunningRequests || m_tasks.size() < m_maximumRunningRequests)) {
-        auto next = std::move(m_queue.front());
-        m_queue.pop_front();
+        auto next = std::move(m_queue.extract(m_queue.begin()).mapped());
         start(std::move(next));
     }
 }

@@ -28,7 +28,7 @@
 #include <Platform/Subscription.h>
 #include <Platform/URLLoading.h>
 
-#include <deque>
+#include <map>
 #include <string_view>
 #include <unordered_map>
 
@@ -62,6 +62,10 @@ public:
 
     // Sends the request asynchronously; the delegate hears of it later.
     virtual void performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo);
+    // Stops the request last performed with this very userInfo object, whether
+    // it runs (the transfer is cancelled), waits its turn or was refused; the
+    // delegate hears nothing more of it. Does nothing once it has ended.
+    virtual void cancelMethodWithUserInfo(Dictionary* userInfo);
 
     const std::string& baseURL() const { return m_baseURL; }
     const std::string& accessToken() const { return m_accessToken; }
@@ -108,6 +112,7 @@ private:
     void start(QueuedRequest&&);
     void startQueuedRequests();
     void refuse(std::string problem, Object* context, Dictionary* userInfo);
+    void forgetUserInfo(const Dictionary*, uint64_t identifier);
 
     std::string m_baseURL;
     std::string m_accessToken;
@@ -117,7 +122,10 @@ private:
     size_t m_maximumAnswerSize { URLRequest::defaultMaximumBodySize };
     uint64_t m_nextTask { 0 };
     std::unordered_map<uint64_t, Ref<URLTask>> m_tasks;
-    std::deque<QueuedRequest> m_queue;
+    // Waiting requests by identifier, which is the order they were made in.
+    std::map<uint64_t, QueuedRequest> m_queue;
+    // The request each userInfo object was last performed with, for cancelling.
+    std::unordered_map<const Dictionary*, uint64_t> m_requestForUserInfo;
     size_t m_maximumRunningRequests { 8 };
     bool m_startingQueued { false };
     // Refusals are told on a later turn of the run loop, as any failure is.

@@ -65,8 +65,13 @@ Ref<String> VXAPIController::uniqIdentifierForPerformingMethod(const String& met
 
 void VXAPIController::performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo)
 {
+    enqueue(method, resource, parameters, context, userInfo);
+}
+
+RefPtr<String> VXAPIController::enqueue(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo)
+{
     if (!m_api)
-        return;
+        return nullptr;
     auto identifier = uniqIdentifierForPerformingMethod(method, resource, parameters);
     if (method.isEqualToString("GET")) {
         if (auto* running = dynamicDowncast<MutableArray>(m_runningConnections->objectForKey(identifier.ptr()))) {
@@ -79,48 +84,110 @@ void VXAPIController::performMethod(const String& method, const String& resource
             }
             if (userInfo)
                 running->addObject(userInfo);
-            return;
+            return identifier;
         }
     }
     auto callers = MutableArray::create();
     if (userInfo)
         callers->addObject(userInfo);
-    // An identical PUT, POST or DELETE replaces the running one's callers.
+    // An identical PUT, POST or DELETE replaces the running one's callers,
+    // whose calls so end.
+    if (auto* replaced = dynamicDowncast<Array>(m_runningConnections->objectForKey(identifier.ptr()))) {
+        for (auto* caller : *replaced)
+            m_cancellableCallers.erase(static_cast<const Dictionary*>(dynamicDowncast<Dictionary>(caller)));
+    }
     m_runningConnections->setObject(callers, identifier.ptr());
     auto clientInfo = Dictionary::create({ { VXAPIRequestIdentifierKey, identifier.ptr() } });
+    m_clientInfos.insert_or_assign(identifier->str(), clientInfo);
     Ref protectedThis { *this };
     m_api->performMethod(method, resource, parameters, context, clientInfo.ptr());
+    return identifier;
+}
+
+void VXAPIController::perform(std::string_view method, std::string_view resource, Dictionary* parameters, Dictionary& userInfo, Subscription* subscription)
+{
+    auto identifier = enqueue(*String::create(method), *String::create(resource), parameters, nullptr, &userInfo);
+    if (!subscription || !identifier)
+        return;
+    auto caller = std::make_shared<CancellableCaller>(CancellableCaller { this, &userInfo, Ref<String>(*identifier) });
+    m_cancellableCallers.insert_or_assign(&userInfo, caller);
+    std::weak_ptr<CancellableCaller> weakCaller = caller;
+    *subscription = Subscription([weakCaller] {
+        if (auto caller = weakCaller.lock())
+            caller->controller->cancelCaller(*caller);
+    },
+        weakCaller);
+}
+
+void VXAPIController::cancelCaller(const CancellableCaller& caller)
+{
+    Ref protectedThis { *this };
+    // Kept until the end: `caller` lives in it.
+    auto record = m_cancellableCallers.extract(caller.userInfo);
+    auto* identifier = caller.requestIdentifier.ptr();
+    auto* callers = dynamicDowncast<MutableArray>(m_runningConnections->objectForKey(identifier));
+    if (!callers)
+        return; // being delivered: the delivery skips it
+    for (size_t index = 0; index < callers->count(); ++index) {
+        if (callers->objectAtIndex(index) == caller.userInfo) {
+            // Releases the caller's blocks and what they captured.
+            callers->removeObjectAtIndex(index);
+            break;
+        }
+    }
+    if (callers->count())
+        return;
+    // The last caller is gone: so is the request.
+    m_runningConnections->removeObjectForKey(identifier);
+    if (auto clientInfo = m_clientInfos.extract(identifier->str()); !clientInfo.empty() && m_api)
+        m_api->cancelMethodWithUserInfo(clientInfo.mapped().ptr());
+}
+
+bool VXAPIController::isCancelled(const Dictionary* userInfo, bool wasCancellable) const
+{
+    return wasCancellable && !m_cancellableCallers.contains(userInfo);
 }
 
 void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error* error, String* requestIdentifier)
 {
     Ref protectedThis { *this }; // a block may release the last other reference to us
-    std::vector<RefPtr<VXAPICallbackBlockObject>> blocks;
+    struct Caller {
+        RefPtr<Dictionary> userInfo;
+        RefPtr<VXAPICallbackBlockObject> block;
+        bool cancellable;
+    };
+    std::vector<Caller> callers;
     if (requestIdentifier) {
-        if (auto* callers = dynamicDowncast<Array>(m_runningConnections->objectForKey(requestIdentifier))) {
-            for (auto* caller : *callers) {
+        if (auto* running = dynamicDowncast<Array>(m_runningConnections->objectForKey(requestIdentifier))) {
+            for (auto* caller : *running) {
                 auto* userInfo = dynamicDowncast<Dictionary>(caller);
                 if (auto* block = userInfo ? dynamicDowncast<VXAPICallbackBlockObject>(userInfo->objectForKey(VXAPICallbackBlockKey)) : nullptr)
-                    blocks.emplace_back(block);
+                    callers.push_back({ userInfo, block, m_cancellableCallers.contains(userInfo) });
             }
         }
         m_runningConnections->removeObjectForKey(requestIdentifier);
+        m_clientInfos.erase(requestIdentifier->str());
     }
     setExecutingCallbacksRequestIdentifier(requestIdentifier);
-    for (auto& block : blocks) {
+    for (auto& caller : callers) {
+        // A block before this one may have cancelled it.
+        if (isCancelled(caller.userInfo.get(), caller.cancellable))
+            continue;
+        // Its call ends now: its token is no longer active.
+        m_cancellableCallers.erase(caller.userInfo.get());
         // Each caller gets a tree of its own.
         RefPtr<Object> json = data ? JSONObject(*data) : nullptr;
-        (*block)(this, json.get(), error);
+        (*caller.block)(this, json.get(), error);
     }
     setExecutingCallbacksRequestIdentifier(nullptr);
 }
 
-void VXAPIController::loadForCollectionController(const VXAPICollectionRequest& collection, VXAPICallbackBlock block)
+void VXAPIController::loadForCollectionController(const VXAPICollectionRequest& collection, VXAPICallbackBlock block, Subscription* subscription)
 {
     auto userInfo = Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create(std::move(block)).get() } });
     auto resource = collection.resource();
     auto parameters = collection.requestParameters();
-    performMethod(*String::create("GET"), resource, parameters.get(), nullptr, userInfo.ptr());
+    perform("GET", resource->view(), parameters.get(), *userInfo, subscription);
 }
 
 // MARK: Delegate
@@ -165,9 +232,14 @@ void VXAPIController::velvoxAPIDidSendBytes(VXVelvoxAPI&, uint64_t bytes, uint64
         return;
     Ref protectedThis { *this };
     Ref<Array> snapshot = callers->copy();
+    std::vector<bool> cancellable;
+    for (auto* caller : *snapshot)
+        cancellable.push_back(m_cancellableCallers.contains(static_cast<const Dictionary*>(dynamicDowncast<Dictionary>(caller))));
     float progress = static_cast<float>(static_cast<double>(total / bytes));
-    for (auto* caller : *snapshot) {
-        auto* info = dynamicDowncast<Dictionary>(caller);
+    for (size_t index = 0; index < snapshot->count(); ++index) {
+        auto* info = dynamicDowncast<Dictionary>(snapshot->objectAtIndex(index));
+        if (isCancelled(info, cancellable[index]))
+            continue;
         if (auto* block = info ? dynamicDowncast<VXAPIProgressBlockObject>(info->objectForKey(VXAPIProgressBlockKey)) : nullptr)
             (*block)(this, progress);
     }
@@ -225,55 +297,55 @@ Ref<Dictionary> withQuery(Dictionary* parameters, String& query)
 
 } // namespace
 
-void VXAPIController::send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block)
+void VXAPIController::send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription)
 {
     // A null block cannot be stored: the dictionary raises, before anything is sent.
     auto userInfo = Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create(std::move(block)).get() } });
-    performMethod(*String::create(method), *String::create(resource), parameters, nullptr, userInfo.ptr());
+    perform(method, resource, parameters, *userInfo, subscription);
 }
 
-void VXAPIController::call(const VXAPIEndpoint& endpoint, Object* identifier, Dictionary* parameters, VXAPICallbackBlock block)
+void VXAPIController::call(const VXAPIEndpoint& endpoint, Object* identifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription)
 {
     if (!endpoint.missing) {
-        send(endpoint.method, endpoint.path, parameters, std::move(block));
+        send(endpoint.method, endpoint.path, parameters, std::move(block), subscription);
         return;
     }
     VXAssert(identifier, "%s", endpoint.missing);
-    send(endpoint.method, format(endpoint.path, VXVelvoxAPI::pathSegment(identifier)), parameters, std::move(block));
+    send(endpoint.method, format(endpoint.path, VXVelvoxAPI::pathSegment(identifier)), parameters, std::move(block), subscription);
 }
 
-void VXAPIController::search(const VXAPIEndpoint& endpoint, String* query, Dictionary* parameters, VXAPICallbackBlock block)
+void VXAPIController::search(const VXAPIEndpoint& endpoint, String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription)
 {
     VXAssert(query, "%s", endpoint.missing);
-    send(endpoint.method, endpoint.path, withQuery(parameters, *query).ptr(), std::move(block));
+    send(endpoint.method, endpoint.path, withQuery(parameters, *query).ptr(), std::move(block), subscription);
 }
 
-void VXAPIController::meUserRessouce(VXAPICallbackBlock block) { call(meUser, nullptr, nullptr, std::move(block)); }
-void VXAPIController::favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meFavorites, nullptr, parameters, std::move(block)); }
-void VXAPIController::incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meIncoming, nullptr, parameters, std::move(block)); }
-void VXAPIController::exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meExclusive, nullptr, parameters, std::move(block)); }
-void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block) { call(meTracks, nullptr, parameters, std::move(block)); }
-void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(meIsFollowing, userIdentifier, nullptr, std::move(block)); }
-void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(meIsFollowedBy, userIdentifier, nullptr, std::move(block)); }
-void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(startFollowing, userIdentifier, nullptr, std::move(block)); }
-void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block) { call(stopFollowing, userIdentifier, nullptr, std::move(block)); }
-void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userFavorites, userIdentifier, parameters, std::move(block)); }
-void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userFollowers, userIdentifier, parameters, std::move(block)); }
-void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userFollowings, userIdentifier, parameters, std::move(block)); }
-void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userConnections, userIdentifier, parameters, std::move(block)); }
-void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(userTracks, userIdentifier, parameters, std::move(block)); }
-void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block) { call(user, userIdentifier, nullptr, std::move(block)); }
-void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block) { call(follow, userIdentifier, nullptr, std::move(block)); }
-void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block) { call(unfollow, userIdentifier, nullptr, std::move(block)); }
-void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block) { search(usersSearch, query, parameters, std::move(block)); }
-void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(track, trackIdentifier, nullptr, std::move(block)); }
-void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(favorite, trackIdentifier, nullptr, std::move(block)); }
-void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(unfavorite, trackIdentifier, nullptr, std::move(block)); }
-void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block) { call(trackComments, trackIdentifier, nullptr, std::move(block)); }
-void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block) { call(postComment, trackIdentifier, parameters, std::move(block)); }
-void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block) { search(tracksSearch, query, parameters, std::move(block)); }
+void VXAPIController::meUserRessouce(VXAPICallbackBlock block, Subscription* subscription) { call(meUser, nullptr, nullptr, std::move(block), subscription); }
+void VXAPIController::favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meFavorites, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meIncoming, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meExclusive, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meTracks, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(meIsFollowing, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(meIsFollowedBy, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(startFollowing, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(stopFollowing, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userFavorites, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userFollowers, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userFollowings, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userConnections, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userTracks, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(user, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(follow, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(unfollow, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { search(usersSearch, query, parameters, std::move(block), subscription); }
+void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(track, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(favorite, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(unfavorite, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(trackComments, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(postComment, trackIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { search(tracksSearch, query, parameters, std::move(block), subscription); }
 
-void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock)
+void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock, Subscription* subscription)
 {
     VXAssert(track, "You need to give track parameters");
     // As a nil-terminated list: no completion block ends the list at once.
@@ -283,7 +355,8 @@ void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBl
         if (auto progress = VXAPIProgressBlockObject::create(std::move(progressBlock)))
             userInfo->setObject(progress.get(), VXAPIProgressBlockKey);
     }
-    performMethod(*String::create("POST"), *String::create("tracks"), track, nullptr, userInfo->copy().ptr());
+    auto record = userInfo->copy();
+    perform("POST", "tracks", track, *record, subscription);
 }
 
 } // namespace velvox

@@ -9,6 +9,15 @@
 //
 // Everything runs on one thread: the callers' and the client's callbacks
 // arrive on the run loop of the thread that issued the requests.
+//
+// Every operation takes an optional Subscription*: given one, it receives a
+// token for the call. Cancelling the token (or destroying it) drops the
+// caller: its blocks are never called after, and what they captured is
+// released at once (during the delivery of the same answer to other callers,
+// when that delivery ends). A GET shared with other callers keeps running for
+// them; when its last caller cancels, the transfer itself is stopped and the
+// request leaves runningConnections(). The token stops being active when the
+// call ends. Without a Subscription*, a call behaves exactly as before.
 
 #include <Platform/Block.h>
 #include <Platform/Collections.h>
@@ -16,8 +25,10 @@
 #include <VelvoxAPI/VXVelvoxAPI.h>
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string_view>
+#include <unordered_map>
 
 namespace velvox {
 
@@ -68,36 +79,36 @@ public:
     // "GET-/me-", "GET-me/favorites-limit=20-offset=0".
     Ref<String> uniqIdentifierForPerformingMethod(const String& method, const String& onResource, Dictionary* withParameters) const;
     void excuteCallbacksAndRemoveRequestWithData(Data* data, Error* error, String* requestIdentifier);
-    void loadForCollectionController(const VXAPICollectionRequest&, VXAPICallbackBlock block);
+    void loadForCollectionController(const VXAPICollectionRequest&, VXAPICallbackBlock block, Subscription* subscription = nullptr);
 
     // The service's operations. Each asserts its required argument, formats
     // its path, and sends with the given parameters. A null block raises.
-    void meUserRessouce(VXAPICallbackBlock block);
-    void favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
-    void incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
-    void exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
-    void tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block);
-    void meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
-    void meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
-    void startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
-    void stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block);
-    void favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
-    void followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
-    void followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
-    void connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
-    void tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block);
-    void userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block);
-    void followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block);
-    void unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block);
-    void usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block);
-    void trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
+    void meUserRessouce(VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
     // POST "tracks" with the track dictionary (Data or file URL values upload as multipart).
-    void postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock);
-    void favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
-    void unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
-    void commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block);
-    void postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* withParameters, VXAPICallbackBlock block);
-    void tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block);
+    void postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock, Subscription* subscription = nullptr);
+    void favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* withParameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription = nullptr);
 
     // VXVelvoxAPIDelegate
     void velvoxAPIDidFinishWithData(VXVelvoxAPI&, Data* data, Object* context, Dictionary* userInfo) override;
@@ -113,16 +124,34 @@ private:
     ~VXAPIController() override;
 
     // The endpoint methods' common road.
-    void send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block);
+    void send(std::string_view method, std::string_view resource, Dictionary* parameters, VXAPICallbackBlock block, Subscription*);
     // An endpoint of the table in the source: its identifier checked and put in its path.
-    void call(const VXAPIEndpoint&, Object* identifier, Dictionary* parameters, VXAPICallbackBlock block);
+    void call(const VXAPIEndpoint&, Object* identifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription*);
     // A search endpoint: the query checked and sent as "q".
-    void search(const VXAPIEndpoint&, String* query, Dictionary* parameters, VXAPICallbackBlock block);
+    void search(const VXAPIEndpoint&, String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription*);
+    // performMethod's work; the identifier of the request the caller waits
+    // for, or null when nothing was sent (no client).
+    RefPtr<String> enqueue(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo);
+    // performMethod with a token for the caller in `subscription`, when given.
+    void perform(std::string_view method, std::string_view resource, Dictionary* parameters, Dictionary& userInfo, Subscription* subscription);
+
+    // A caller that a token can cancel, for as long as its call is under way.
+    struct CancellableCaller {
+        VXAPIController* controller;
+        const Dictionary* userInfo;
+        Ref<String> requestIdentifier;
+    };
+    void cancelCaller(const CancellableCaller&);
+    // Whether a caller's blocks may no longer be called: its token cancelled it.
+    bool isCancelled(const Dictionary* userInfo, bool wasCancellable) const;
 
     RefPtr<VXVelvoxAPI> m_api;
     mutable Ref<MutableDictionary> m_runningConnections;
     mutable std::mutex m_executingMutex;
     RefPtr<String> m_executingCallbacksRequestIdentifier;
+    std::unordered_map<const Dictionary*, std::shared_ptr<CancellableCaller>> m_cancellableCallers;
+    // What the client was given for each running request, to cancel it with.
+    std::unordered_map<std::string, Ref<Dictionary>> m_clientInfos;
 };
 
 } // namespace velvox

@@ -15,6 +15,7 @@ public:
 
     // A load from the start (forEnd false) forgets the cursor first.
     void loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType, bool forEnd) override;
+    using VXRemoteCollectionController::loadMoreItemsForReloadOperationType;
     // The fixed parameters with "cursor" when there is one; no limit, no offset.
     RefPtr<Dictionary> requestParameters() const override;
     // The answer must be an object ("unexpected result" otherwise): the cursor

@@ -25,7 +25,12 @@ void VXRemoteCollectionController::loadMoreItemsForReloadOperationType(ZURemoteC
         return;
     Ref protectedThis { *this };
     ZURemoteCollectionController::loadMoreItemsForReloadOperationType(operation, forEnd);
-    VXResourceStore::shared().loadForCollectionController(*this);
+    VXResourceStore::shared().loadForCollectionController(*this, &m_fetch);
+}
+
+void VXRemoteCollectionController::stopFetching()
+{
+    m_fetch.cancel();
 }
 
 RefPtr<Dictionary> VXRemoteCollectionController::requestParameters() const

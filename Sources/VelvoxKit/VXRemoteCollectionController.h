@@ -30,6 +30,8 @@ public:
     // Does nothing while a load runs; otherwise records the operation and
     // asks the shared store to load the page.
     void loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType, bool forEnd) override;
+    // The load with word of its end (see ZURemoteCollectionController).
+    using ZURemoteCollectionController::loadMoreItemsForReloadOperationType;
 
     // The fixed parameters with "limit" (the page size) and "offset".
     RefPtr<Dictionary> requestParameters() const override;
@@ -56,8 +58,11 @@ protected:
     // object, or a raise when the page held something that is not a record.
     static Ref<Object> storedItem(RefPtr<Object> item);
     VXRemoteCollectionController(const String& resource, Dictionary* parameters);
+    void stopFetching() override;
 
 private:
+    // The running load's request.
+    Subscription m_fetch;
     Ref<String> m_resource;
     Ref<Dictionary> m_parameters;
     uint64_t m_pageSize { 20 };

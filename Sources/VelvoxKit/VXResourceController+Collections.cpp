@@ -94,6 +94,11 @@ Ref<VXUserCollectionController> VXResourceController::usersForSearchQuery(String
 
 void VXResourceController::loadForCollectionController(VXRemoteCollectionController& collection)
 {
+    loadForCollectionController(collection, nullptr);
+}
+
+void VXResourceController::loadForCollectionController(VXRemoteCollectionController& collection, Subscription* subscription)
+{
     if (!m_apiController)
         return;
     // The block keeps the collection alive until its page has come.
@@ -123,7 +128,8 @@ void VXResourceController::loadForCollectionController(VXRemoteCollectionControl
             }
         }
         protectedCollection->remoteConnectionDidReceiveNewItems(items.get());
-    });
+    },
+        subscription);
 }
 
 } // namespace velvox

@@ -6,7 +6,7 @@
 
 namespace velvox {
 
-int32_t VXResourceController::checkFollow(bool following, String* identifier, FollowCheckBlock block)
+int32_t VXResourceController::checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription* subscription)
 {
     if (!m_apiController)
         return -2;
@@ -32,41 +32,43 @@ int32_t VXResourceController::checkFollow(bool following, String* identifier, Fo
             block(result.ptr(), failure.get());
     };
     if (following)
-        m_apiController->meIsFollowingUserForIdentifier(identifier, std::move(answer));
+        m_apiController->meIsFollowingUserForIdentifier(identifier, std::move(answer), subscription);
     else
-        m_apiController->meIsFollowedByUserForIdentifier(identifier, std::move(answer));
+        m_apiController->meIsFollowedByUserForIdentifier(identifier, std::move(answer), subscription);
     // Pending: a caller stores it so that a second question does not ask again.
     return -2;
 }
 
-int32_t VXResourceController::meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block)
+int32_t VXResourceController::meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block, Subscription* subscription)
 {
-    return checkFollow(true, identifier, std::move(block));
+    return checkFollow(true, identifier, std::move(block), subscription);
 }
 
-int32_t VXResourceController::meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block)
+int32_t VXResourceController::meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block, Subscription* subscription)
 {
-    return checkFollow(false, identifier, std::move(block));
+    return checkFollow(false, identifier, std::move(block), subscription);
 }
 
-void VXResourceController::startFollowingUserForIdentifier(String* identifier, ResultBlock block)
+void VXResourceController::startFollowingUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription)
 {
     if (!m_apiController)
         return;
     m_apiController->startFollowingUserForIdentifier(identifier, [block = std::move(block)](VXAPIController*, Object* json, Error* error) {
         if (block)
             block(json, error);
-    });
+    },
+        subscription);
 }
 
-void VXResourceController::stopFollowingByUserForIdentifier(String* identifier, ResultBlock block)
+void VXResourceController::stopFollowingByUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription)
 {
     if (!m_apiController)
         return;
     m_apiController->stopFollowingByUserForIdentifier(identifier, [block = std::move(block)](VXAPIController*, Object* json, Error* error) {
         if (block)
             block(json, error);
-    });
+    },
+        subscription);
 }
 
 } // namespace velvox

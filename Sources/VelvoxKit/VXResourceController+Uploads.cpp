@@ -8,7 +8,7 @@
 
 namespace velvox {
 
-void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, UploadProgressBlock progressBlock, ResultBlock completionBlock)
+void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, UploadProgressBlock progressBlock, ResultBlock completionBlock, Subscription* subscription)
 {
     VXAssert(track, "you need to provide track data to post");
     if (!m_apiController)
@@ -29,16 +29,16 @@ void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, Uploa
         if (completionBlock)
             completionBlock(failure && !error ? nullptr : json, failure.get());
     };
-    m_apiController->postTrack(track, std::move(progress), std::move(completion));
+    m_apiController->postTrack(track, std::move(progress), std::move(completion), subscription);
 }
 
-void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, String* body, CommentBlock block)
+void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, String* body, CommentBlock block, Subscription* subscription)
 {
     auto parameters = Dictionary::create({ { "comment[body]", body } });
-    postCommentWithTrackIdentifier(trackIdentifier, parameters.ptr(), std::move(block));
+    postCommentWithTrackIdentifier(trackIdentifier, parameters.ptr(), std::move(block), subscription);
 }
 
-void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, String* body, double timestamp, CommentBlock block)
+void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, String* body, double timestamp, CommentBlock block, Subscription* subscription)
 {
     VXAssert(timestamp >= 0, "timestamp needs to be positive");
     // Milliseconds, truncated to an unsigned 64-bit integer and written as a
@@ -48,10 +48,10 @@ void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifie
     uint64_t truncated = std::isfinite(milliseconds) ? static_cast<uint64_t>(milliseconds) : 0;
     auto narrowed = static_cast<int32_t>(static_cast<uint32_t>(truncated));
     auto parameters = Dictionary::create({ { "comment[body]", body }, { "comment[timestamp]", String::format("%d", narrowed).ptr() } });
-    postCommentWithTrackIdentifier(trackIdentifier, parameters.ptr(), std::move(block));
+    postCommentWithTrackIdentifier(trackIdentifier, parameters.ptr(), std::move(block), subscription);
 }
 
-void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, Dictionary* parameters, CommentBlock block)
+void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, Dictionary* parameters, CommentBlock block, Subscription* subscription)
 {
     VXAssert(trackIdentifier, "Track identifier needed for comment");
     VXAssert(parameters && parameters->objectForKey("comment[body]"), "Body needed for comment");
@@ -65,7 +65,8 @@ void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifie
             [&](Dictionary* record) { comment = protectedThis->updateCacheForResource<VXComment>(nullptr, record); });
         if (block)
             block(comment.get(), failure.get());
-    });
+    },
+        subscription);
 }
 
 } // namespace velvox

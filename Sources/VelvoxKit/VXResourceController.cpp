@@ -293,29 +293,29 @@ std::function<void(VXResource*, Error*)> resourceBlock(std::function<void(T*, Er
 
 } // namespace
 
-RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, bool forceRefresh, UserBlock block)
+RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, bool forceRefresh, UserBlock block, Subscription* subscription)
 {
-    auto send = [&](VXAPICallbackBlock answer) { m_apiController->userRessouceWithIdentifer(identifier, std::move(answer)); };
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->userRessouceWithIdentifer(identifier, std::move(answer), subscription); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXUser>(nullptr, json); };
     return downcast<VXUser>(fetch(cachedResource<VXUser>(identifier).get(), forceRefresh, send, answerAbout("user", identifier), convert, resourceBlock(std::move(block))));
 }
 
-RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block)
+RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block, Subscription* subscription)
 {
-    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer)); };
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer), subscription); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return trackWithTrackDictionary(json); };
     return downcast<VXTrack>(fetch(cachedResource<VXTrack>(identifier).get(), forceRefresh, send, answerAbout("track", identifier), convert, resourceBlock(std::move(block))));
 }
 
-RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block)
+RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block, Subscription* subscription)
 {
     // Comments are fetched on the track path; the answer is stored as a comment.
-    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer)); };
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer), subscription); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXComment>(nullptr, json); };
     return downcast<VXComment>(fetch(cachedResource<VXComment>(identifier).get(), forceRefresh, send, answerAbout("comment", identifier), convert, resourceBlock(std::move(block))));
 }
 
-RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserBlock block)
+RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserBlock block, Subscription* subscription)
 {
     RefPtr<VXUser> cached;
     if (m_meUserIdentifier) {
@@ -334,7 +334,8 @@ RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserB
                 block(user.get(), failure.get());
             // A failed "/me" forgets the signed-in user.
             protectedThis->setMeUserIdentifier(user ? user->resourceIdentifier() : nullptr);
-        });
+        },
+            subscription);
     }
     return cached;
 }

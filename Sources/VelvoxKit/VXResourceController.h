@@ -124,10 +124,10 @@ public:
     // Single fetches. A cached object is answered at once; without forceRefresh
     // the block is then not called. Otherwise the request goes out, the cached
     // object (or null) is answered, and the block gets the fresh object.
-    RefPtr<VXUser> meUserForceRefresh(bool forceRefresh, UserBlock block);
-    RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block) override;
-    RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block) override;
-    RefPtr<VXComment> commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block);
+    RefPtr<VXUser> meUserForceRefresh(bool forceRefresh, UserBlock block, Subscription* subscription = nullptr);
+    RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block, Subscription* subscription = nullptr) override;
+    RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block, Subscription* subscription = nullptr) override;
+    RefPtr<VXComment> commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block, Subscription* subscription = nullptr);
 
     // JSON into the identity map.
     RefPtr<VXUser> userWithUserDictionary(Dictionary*) override;
@@ -182,23 +182,24 @@ public:
     // The loader of every collection: one GET of its resource and request
     // parameters; the page reaches the collection, or the error does.
     void loadForCollectionController(VXRemoteCollectionController&) override;
+    void loadForCollectionController(VXRemoteCollectionController&, Subscription* subscription) override;
 
     // Uploads: the progress block gets the track made from the upload's own
     // fields and the progress; the completion block gets the decoded answer
     // as it came (the created track is in the identity map by then).
     using UploadProgressBlock = std::function<void(VXTrack* track, float progress)>;
-    void postTrackWithTrackDictionary(Dictionary* track, UploadProgressBlock progressBlock, ResultBlock completionBlock);
+    void postTrackWithTrackDictionary(Dictionary* track, UploadProgressBlock progressBlock, ResultBlock completionBlock, Subscription* subscription = nullptr);
     // Comments: the block gets the created comment, from the identity map.
-    void postCommentWithTrackIdentifier(String* trackIdentifier, String* body, CommentBlock block);
+    void postCommentWithTrackIdentifier(String* trackIdentifier, String* body, CommentBlock block, Subscription* subscription = nullptr);
     // At a position in the track, in seconds (sent in milliseconds).
-    void postCommentWithTrackIdentifier(String* trackIdentifier, String* body, double timestamp, CommentBlock block);
-    void postCommentWithTrackIdentifier(String* trackIdentifier, Dictionary* parameters, CommentBlock block);
+    void postCommentWithTrackIdentifier(String* trackIdentifier, String* body, double timestamp, CommentBlock block, Subscription* subscription = nullptr);
+    void postCommentWithTrackIdentifier(String* trackIdentifier, Dictionary* parameters, CommentBlock block, Subscription* subscription = nullptr);
 
     // Follow checks answer -2 (pending) at once; the block gets 1, 0 or -1.
-    int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block) override;
-    int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block) override;
-    void startFollowingUserForIdentifier(String* identifier, ResultBlock block) override;
-    void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block) override;
+    int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block, Subscription* subscription = nullptr) override;
+    int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block, Subscription* subscription = nullptr) override;
+    void startFollowingUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr) override;
+    void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr) override;
 
     // Play history and refresh dates of the signed-in account.
     void registerTrackPlayedForIdentifier(String* trackIdentifier) override;
@@ -247,7 +248,7 @@ private:
     ~VXResourceController() override;
 
     Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*create)(Dictionary*), String* identifier, Dictionary*);
-    int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block);
+    int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription*);
     // The single-fetch pattern: the cached object at once unless forced, else
     // the request, whose answer is converted and handed to the block.
     RefPtr<VXResource> fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,

@@ -17,6 +17,7 @@ class Error;
 class Number;
 class Object;
 class String;
+class Subscription;
 class VXComment;
 class VXRemoteCollectionController;
 class VXResource;
@@ -43,18 +44,20 @@ public:
         return dynamicDowncast<T>(cachedResource(T::s_info.name, identifier));
     }
 
-    virtual RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block) = 0;
-    virtual RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block) = 0;
+    virtual RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block, Subscription* subscription = nullptr) = 0;
+    virtual RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block, Subscription* subscription = nullptr) = 0;
 
     virtual RefPtr<VXUser> userWithUserDictionary(Dictionary*) = 0;
     virtual RefPtr<VXTrack> trackWithTrackDictionary(Dictionary*) = 0;
     virtual RefPtr<VXComment> commentWithCommentDictionary(Dictionary*) = 0;
     virtual void loadForCollectionController(VXRemoteCollectionController&) = 0;
+    // The same load; `subscription` receives a token that drops it.
+    virtual void loadForCollectionController(VXRemoteCollectionController&, Subscription* subscription) = 0;
 
-    virtual int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block) = 0;
-    virtual int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block) = 0;
-    virtual void startFollowingUserForIdentifier(String* identifier, ResultBlock block) = 0;
-    virtual void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block) = 0;
+    virtual int32_t meIsFollowingUserForIdentifier(String* identifier, FollowCheckBlock block, Subscription* subscription = nullptr) = 0;
+    virtual int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block, Subscription* subscription = nullptr) = 0;
+    virtual void startFollowingUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr) = 0;
+    virtual void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr) = 0;
 
     virtual void registerTrackPlayedForIdentifier(String* trackIdentifier) = 0;
     virtual bool hasTrackBeenPlayedForTrackIdentifier(String* trackIdentifier) const = 0;

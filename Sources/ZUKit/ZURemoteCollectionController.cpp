@@ -108,6 +108,7 @@ void ZURemoteCollectionController::remoteConnectionDidReceiveNewItems(Array* pag
     }
     setItems(Array::create(std::move(merged)), receivedCount);
     setLoadingItems(false);
+    tellWaiters();
 }
 
 void ZURemoteCollectionController::remoteConnectionDidFailReceivingItemsWithError(Error* error)
@@ -115,6 +116,56 @@ void ZURemoteCollectionController::remoteConnectionDidFailReceivingItemsWithErro
     Ref protectedThis { *this };
     setLastError(error);
     setLoadingItems(false);
+    tellWaiters();
+}
+
+void ZURemoteCollectionController::loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType type, bool forEnd, LoadCompletion completion, Subscription* subscription)
+{
+    Ref protectedThis { *this };
+    auto waiter = std::make_shared<LoadWaiter>(LoadWaiter { this, std::move(completion) });
+    bool starts = !m_loadingItems;
+    m_waiters.push_back(waiter);
+    if (starts) {
+        m_loadStartedByWaiter = true;
+        loadMoreItemsForReloadOperationType(type, forEnd);
+    }
+    if (subscription) {
+        std::weak_ptr<LoadWaiter> weakWaiter = waiter;
+        *subscription = Subscription([weakWaiter] {
+            if (auto waiter = weakWaiter.lock(); waiter && waiter->collection)
+                waiter->collection->cancelWaiter(waiter);
+        },
+            weakWaiter);
+    }
+}
+
+void ZURemoteCollectionController::cancelWaiter(const std::shared_ptr<LoadWaiter>& waiter)
+{
+    Ref protectedThis { *this };
+    std::erase(m_waiters, waiter);
+    waiter->collection = nullptr;
+    // Released now; moved out first, as the completion may be the caller.
+    { auto released = std::move(waiter->completion); }
+    if (!m_waiters.empty() || !m_loadStartedByWaiter || !m_loadingItems)
+        return;
+    m_loadStartedByWaiter = false;
+    stopFetching();
+    setLoadingItems(false);
+}
+
+void ZURemoteCollectionController::tellWaiters()
+{
+    m_loadStartedByWaiter = false;
+    auto waiters = std::move(m_waiters);
+    m_waiters.clear();
+    for (auto& waiter : waiters) {
+        // A completion before this one may have cancelled it.
+        if (!waiter->collection)
+            continue;
+        waiter->collection = nullptr;
+        if (auto completion = std::move(waiter->completion))
+            completion(m_lastError.get());
+    }
 }
 
 void ZURemoteCollectionController::setItems(Ref<Array>&& items, int64_t receivedCount)

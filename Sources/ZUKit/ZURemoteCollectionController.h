@@ -29,9 +29,13 @@
 #include "ZUObject.h"
 
 #include <Platform/Collections.h>
+#include <Platform/Subscription.h>
 #include <Platform/Values.h>
 
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
 
 namespace velvox {
 
@@ -49,6 +53,18 @@ public:
     // fetches nothing. Subclasses override it to start their request, calling
     // this first.
     virtual void loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType, bool forEnd);
+
+    // Told once when a load ends: a null error when its page is in, else the
+    // load's error (also in lastError()).
+    using LoadCompletion = std::function<void(Error* error)>;
+    // The same load, with word of its end: starts it as the call above does,
+    // or, while a load runs, waits for that one. `subscription`, when given,
+    // receives a token: cancelled, the completion is never called and is
+    // released at once; when no caller waits any more for a load that such a
+    // call started, the load itself stops (its request too, unless another
+    // list shares it) and the list leaves the loading state as it was, with
+    // no error. A load started by the call above runs on for its own sake.
+    void loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType, bool forEnd, LoadCompletion completion, Subscription* subscription = nullptr);
 
     // Merges one page as the recorded operation requires and ends the load.
     virtual void remoteConnectionDidReceiveNewItems(Array* items);
@@ -72,8 +88,16 @@ public:
 protected:
     ZURemoteCollectionController();
     ~ZURemoteCollectionController() override;
+    // Stops fetching the running load's page; its answer must not arrive.
+    virtual void stopFetching() { }
 
 private:
+    struct LoadWaiter {
+        ZURemoteCollectionController* collection;
+        LoadCompletion completion;
+    };
+    void cancelWaiter(const std::shared_ptr<LoadWaiter>&);
+    void tellWaiters();
     void setLoadingItems(bool);
     void setLastError(Error*);
     void setItems(Ref<Array>&&, int64_t receivedCount);
@@ -86,6 +110,10 @@ private:
     bool m_forEnd { true };
     bool m_loadingItems { false };
     bool m_hasMoreItems { true };
+    // The callers told when the running load ends, and whether they, not a
+    // plain call, started it.
+    std::vector<std::shared_ptr<LoadWaiter>> m_waiters;
+    bool m_loadStartedByWaiter { false };
 };
 
 } // namespace velvox
