@@ -73,6 +73,19 @@ public:
 
     // The items loaded so far (an immutable array; a new one after each change).
     Array& items() const { return m_items; }
+    // The same items typed, for lists of one class: items<VXTrack>() of a
+    // track list. An item of another class is left out.
+    template<typename T>
+    std::vector<Ref<T>> items() const
+    {
+        std::vector<Ref<T>> typed;
+        typed.reserve(m_items->count());
+        for (auto* item : *m_items) {
+            if (auto* object = dynamicDowncast<T>(item))
+                typed.emplace_back(*object);
+        }
+        return typed;
+    }
     bool isLoadingItems() const { return m_loadingItems; }
     bool hasMoreItems() const { return m_hasMoreItems; }
     void setHasMoreItems(bool);
