@@ -38,6 +38,15 @@ double SystemClock::wallTime() const
 }
 
 struct RunLoop::Impl {
+    // The descriptors go with the last holder: a poster on another thread may
+    // be writing to the wake descriptor while the loop is destroyed.
+    ~Impl()
+    {
+        if (epollFd >= 0)
+            close(epollFd);
+        if (wakeFd >= 0)
+            close(wakeFd);
+    }
     std::thread::id thread;
     int wakeFd { -1 };
     // Holds the wake descriptor and every watched socket: one descriptor that
@@ -113,10 +122,6 @@ RunLoop::~RunLoop()
 {
     if (t_threadLoop == this)
         t_threadLoop = nullptr;
-    if (m_impl->epollFd >= 0)
-        close(m_impl->epollFd);
-    if (m_impl->wakeFd >= 0)
-        close(m_impl->wakeFd);
 }
 
 int RunLoop::eventDescriptor() const
@@ -180,6 +185,20 @@ void RunLoop::post(std::function<void()> task)
     std::lock_guard lock(m_impl->taskMutex);
     m_impl->tasks.push_back(std::move(task));
     wake();
+}
+
+RunLoop::Poster RunLoop::poster() const
+{
+    return [weakImpl = std::weak_ptr<Impl>(m_impl)](std::function<void()> task) {
+        auto impl = weakImpl.lock();
+        if (!impl)
+            return false;
+        std::lock_guard lock(impl->taskMutex);
+        impl->tasks.push_back(std::move(task));
+        uint64_t one = 1;
+        [[maybe_unused]] ssize_t ignored = write(impl->wakeFd, &one, sizeof(one));
+        return true;
+    };
 }
 
 void RunLoop::wake()

@@ -111,6 +111,10 @@ public:
 
     // Thread-safe. Tasks run in the order posted, on the loop's thread.
     void post(std::function<void()> task);
+    // Posts to this loop from any thread for as long as the loop exists: the
+    // poster may outlive it, and then posts nothing and answers false.
+    using Poster = std::function<bool(std::function<void()>)>;
+    Poster poster() const;
 
     // Calls the action once after the delay, measured on the loop's clock.
     // Timers due at the same time fire in the order they were scheduled.

@@ -65,6 +65,7 @@ Ref<String> VXAPIController::uniqIdentifierForPerformingMethod(const String& met
 
 void VXAPIController::performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo)
 {
+    checkThread(__func__);
     enqueue(method, resource, parameters, context, userInfo);
 }
 
@@ -112,7 +113,7 @@ void VXAPIController::perform(std::string_view method, std::string_view resource
     auto caller = std::make_shared<CancellableCaller>(CancellableCaller { this, &userInfo, Ref<String>(*identifier) });
     m_cancellableCallers.insert_or_assign(&userInfo, caller);
     std::weak_ptr<CancellableCaller> weakCaller = caller;
-    *subscription = Subscription([weakCaller] {
+    *subscription = m_affinity.token([weakCaller] {
         if (auto caller = weakCaller.lock())
             caller->controller->cancelCaller(*caller);
     },
@@ -150,6 +151,7 @@ bool VXAPIController::isCancelled(const Dictionary* userInfo, bool wasCancellabl
 
 void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error* error, String* requestIdentifier)
 {
+    checkThread(__func__);
     Ref protectedThis { *this }; // a block may release the last other reference to us
     struct Caller {
         RefPtr<Dictionary> userInfo;
@@ -184,6 +186,7 @@ void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error*
 
 void VXAPIController::loadForCollectionController(const VXAPICollectionRequest& collection, VXAPICallbackBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     auto userInfo = Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create(std::move(block)).get() } });
     auto resource = collection.resource();
     auto parameters = collection.requestParameters();
@@ -320,33 +323,58 @@ void VXAPIController::search(const VXAPIEndpoint& endpoint, String* query, Dicti
     send(endpoint.method, endpoint.path, withQuery(parameters, *query).ptr(), std::move(block), subscription);
 }
 
-void VXAPIController::meUserRessouce(VXAPICallbackBlock block, Subscription* subscription) { call(meUser, nullptr, nullptr, std::move(block), subscription); }
-void VXAPIController::favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meFavorites, nullptr, parameters, std::move(block), subscription); }
-void VXAPIController::incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meIncoming, nullptr, parameters, std::move(block), subscription); }
-void VXAPIController::exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meExclusive, nullptr, parameters, std::move(block), subscription); }
-void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(meTracks, nullptr, parameters, std::move(block), subscription); }
-void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(meIsFollowing, userIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(meIsFollowedBy, userIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(startFollowing, userIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(stopFollowing, userIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userFavorites, userIdentifier, parameters, std::move(block), subscription); }
-void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userFollowers, userIdentifier, parameters, std::move(block), subscription); }
-void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userFollowings, userIdentifier, parameters, std::move(block), subscription); }
-void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userConnections, userIdentifier, parameters, std::move(block), subscription); }
-void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(userTracks, userIdentifier, parameters, std::move(block), subscription); }
-void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(user, userIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(follow, userIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(unfollow, userIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { search(usersSearch, query, parameters, std::move(block), subscription); }
-void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(track, trackIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(favorite, trackIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(unfavorite, trackIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { call(trackComments, trackIdentifier, nullptr, std::move(block), subscription); }
-void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { call(postComment, trackIdentifier, parameters, std::move(block), subscription); }
-void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { search(tracksSearch, query, parameters, std::move(block), subscription); }
+void VXAPIController::meUserRessouce(VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(meUser, nullptr, nullptr, std::move(block), subscription); }
+void VXAPIController::favoritesForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(meFavorites, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::incommingForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(meIncoming, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::exclusiveForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(meExclusive, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::tracksForCurrentUserWithParameters(Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(meTracks, nullptr, parameters, std::move(block), subscription); }
+void VXAPIController::meIsFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(meIsFollowing, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::meIsFollowedByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(meIsFollowedBy, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::startFollowingUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(startFollowing, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::stopFollowingByUserForIdentifier(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(stopFollowing, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::favoritesForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(userFavorites, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::followersForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(userFollowers, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::followingsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(userFollowings, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::connectionsForUserIdentifer(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(userConnections, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::tracksForUser(Object* userIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(userTracks, userIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::userRessouceWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(user, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::followUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(follow, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::unfollowUserWithIdentifer(Object* userIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(unfollow, userIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::usersForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    search(usersSearch, query, parameters, std::move(block), subscription); }
+void VXAPIController::trackRessouceWithIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(track, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::favoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(favorite, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::unfavoriteTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(unfavorite, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::commentsForTrackIdentifer(Object* trackIdentifier, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(trackComments, trackIdentifier, nullptr, std::move(block), subscription); }
+void VXAPIController::postCommentForTrackIdentifer(Object* trackIdentifier, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    call(postComment, trackIdentifier, parameters, std::move(block), subscription); }
+void VXAPIController::tracksForSearch(String* query, Dictionary* parameters, VXAPICallbackBlock block, Subscription* subscription) { checkThread(__func__);
+    search(tracksSearch, query, parameters, std::move(block), subscription); }
 
 void VXAPIController::postTrack(Dictionary* track, VXAPIProgressBlock progressBlock, VXAPICallbackBlock completionBlock, Subscription* subscription)
 {
+    checkThread(__func__);
     VXAssert(track, "You need to give track parameters");
     // As a nil-terminated list: no completion block ends the list at once.
     auto userInfo = MutableDictionary::create();

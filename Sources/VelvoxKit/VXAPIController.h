@@ -18,9 +18,15 @@
 // them; when its last caller cancels, the transfer itself is stopped and the
 // request leaves runningConnections(). The token stops being active when the
 // call ends. Without a Subscription*, a call behaves exactly as before.
+//
+// The controller belongs to the thread that made it: a call from another
+// thread raises WrongThreadException naming the call. A token may be
+// cancelled on any thread; from another one, the cancellation is posted to
+// the controller's run loop.
 
 #include <Platform/Block.h>
 #include <Platform/Collections.h>
+#include <Platform/ThreadAffinity.h>
 #include <Platform/Values.h>
 #include <VelvoxAPI/VXVelvoxAPI.h>
 
@@ -136,6 +142,8 @@ private:
     void perform(std::string_view method, std::string_view resource, Dictionary* parameters, Dictionary& userInfo, Subscription* subscription);
 
     // A caller that a token can cancel, for as long as its call is under way.
+    void checkThread(const char* function) const { m_affinity.check("VXAPIController", function); }
+
     struct CancellableCaller {
         VXAPIController* controller;
         const Dictionary* userInfo;
@@ -145,6 +153,7 @@ private:
     // Whether a caller's blocks may no longer be called: its token cancelled it.
     bool isCancelled(const Dictionary* userInfo, bool wasCancellable) const;
 
+    ThreadAffinity m_affinity;
     RefPtr<VXVelvoxAPI> m_api;
     mutable Ref<MutableDictionary> m_runningConnections;
     mutable std::mutex m_executingMutex;

@@ -21,6 +21,7 @@ Ref<VXRemoteCollectionController> VXRemoteCollectionController::create(const Str
 
 void VXRemoteCollectionController::loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType operation, bool forEnd)
 {
+    checkThread(__func__);
     if (isLoadingItems())
         return;
     Ref protectedThis { *this };
@@ -61,16 +62,19 @@ Ref<Object> VXRemoteCollectionController::itemFromDictionary(Object* dictionary)
 
 void VXRemoteCollectionController::setResource(const String& resource)
 {
+    checkThread(__func__);
     m_resource = downcast<String>(resource.copyObject());
 }
 
 void VXRemoteCollectionController::setParameters(Dictionary& parameters)
 {
+    checkThread(__func__);
     m_parameters = parameters;
 }
 
 void VXRemoteCollectionController::setPageSize(uint64_t pageSize)
 {
+    checkThread(__func__);
     if (pageSize == m_pageSize)
         return;
     VXAssert(pageSize != 0, "You need to request at least 1 item");

@@ -94,11 +94,13 @@ Ref<VXUserCollectionController> VXResourceController::usersForSearchQuery(String
 
 void VXResourceController::loadForCollectionController(VXRemoteCollectionController& collection)
 {
+    checkThread(__func__);
     loadForCollectionController(collection, nullptr);
 }
 
 void VXResourceController::loadForCollectionController(VXRemoteCollectionController& collection, Subscription* subscription)
 {
+    checkThread(__func__);
     if (!m_apiController)
         return;
     // The block keeps the collection alive until its page has come.

@@ -70,6 +70,7 @@ void VXResourceController::applicationWillTerminate(Notification*)
 
 RefPtr<Error> VXResourceController::save()
 {
+    checkThread(__func__);
     auto folderError = VXArchiveStore::makeFolder();
     auto written = writeArchives();
     return folderError ? folderError : written;
@@ -82,6 +83,7 @@ void VXResourceController::applicationDidEnterBackground(Notification* notificat
 
 void VXResourceController::registerTrackPlayedForIdentifier(String* trackIdentifier)
 {
+    checkThread(__func__);
     VXAssert(trackIdentifier, "trackIdentifier needed to register play");
     if (m_playedTrackIdentifiers)
         m_playedTrackIdentifiers->addObject(trackIdentifier);
@@ -89,12 +91,14 @@ void VXResourceController::registerTrackPlayedForIdentifier(String* trackIdentif
 
 bool VXResourceController::hasTrackBeenPlayedForTrackIdentifier(String* trackIdentifier) const
 {
+    checkThread(__func__);
     VXAssert(trackIdentifier, "trackIdentifier needed find out if project has been played");
     return m_playedTrackIdentifiers && m_playedTrackIdentifiers->containsObject(trackIdentifier);
 }
 
 Ref<Date> VXResourceController::lastRefreshTimeStampForIdentifier(String* identifier) const
 {
+    checkThread(__func__);
     VXAssert(identifier, "identifier needed for retrieving timestamp");
     if (auto* date = m_lastRefreshTimestamps ? m_lastRefreshTimestamps->objectForKey<Date>(identifier->view()) : nullptr)
         return *date;
@@ -103,6 +107,7 @@ Ref<Date> VXResourceController::lastRefreshTimeStampForIdentifier(String* identi
 
 void VXResourceController::registerLastRefreshDate(Date* date, String* identifier)
 {
+    checkThread(__func__);
     VXAssert(identifier, "identifier needed for registering timestamp");
     if (!m_lastRefreshTimestamps)
         return;

@@ -8,6 +8,7 @@ namespace velvox {
 
 int32_t VXResourceController::checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     if (!m_apiController)
         return -2;
     Ref protectedThis { *this };
@@ -51,6 +52,7 @@ int32_t VXResourceController::meIsFollowedByUserForIdentifier(String* identifier
 
 void VXResourceController::startFollowingUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     if (!m_apiController)
         return;
     m_apiController->startFollowingUserForIdentifier(identifier, [block = std::move(block)](VXAPIController*, Object* json, Error* error) {
@@ -62,6 +64,7 @@ void VXResourceController::startFollowingUserForIdentifier(String* identifier, R
 
 void VXResourceController::stopFollowingByUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     if (!m_apiController)
         return;
     m_apiController->stopFollowingByUserForIdentifier(identifier, [block = std::move(block)](VXAPIController*, Object* json, Error* error) {

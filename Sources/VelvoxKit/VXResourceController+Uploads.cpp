@@ -10,6 +10,7 @@ namespace velvox {
 
 void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, UploadProgressBlock progressBlock, ResultBlock completionBlock, Subscription* subscription)
 {
+    checkThread(__func__);
     VXAssert(track, "you need to provide track data to post");
     if (!m_apiController)
         return;
@@ -34,12 +35,14 @@ void VXResourceController::postTrackWithTrackDictionary(Dictionary* track, Uploa
 
 void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, String* body, CommentBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     auto parameters = Dictionary::create({ { "comment[body]", body } });
     postCommentWithTrackIdentifier(trackIdentifier, parameters.ptr(), std::move(block), subscription);
 }
 
 void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, String* body, double timestamp, CommentBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     VXAssert(timestamp >= 0, "timestamp needs to be positive");
     // Milliseconds, truncated to an unsigned 64-bit integer and written as a
     // 32-bit "%d": positions past about 24.8 days wrap, as the service's
@@ -53,6 +56,7 @@ void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifie
 
 void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifier, Dictionary* parameters, CommentBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     VXAssert(trackIdentifier, "Track identifier needed for comment");
     VXAssert(parameters && parameters->objectForKey("comment[body]"), "Body needed for comment");
     if (!m_apiController)

@@ -69,6 +69,7 @@ VXResourceStore& VXResourceStore::shared()
 
 void VXResourceController::setOptions(const Options& options)
 {
+    checkThread(__func__);
     m_options = options;
     m_identityMap.setArchivedObjectsPerClass(options.archivedObjectsPerClass);
     m_poller.setLimits({ options.mergesTrackRefreshes, options.maximumTrackRefreshesInFlight });
@@ -107,6 +108,7 @@ Ref<VXResourceController> VXResourceController::create(VXAPIController* apiContr
 
 void VXResourceController::setMeUserIdentifier(String* identifier)
 {
+    checkThread(__func__);
     if (identifier && m_meUserIdentifier && identifier->isEqual(m_meUserIdentifier.get()))
         return;
     Ref protectedThis { *this };
@@ -138,31 +140,37 @@ RefPtr<Object> VXResourceController::valueForKey(std::string_view key) const
 
 RefPtr<VXResource> VXResourceController::cachedResource(std::string_view className, String* identifier) const
 {
+    checkThread(__func__);
     return m_identityMap.cachedResource(className, identifier);
 }
 
 RefPtr<VXResource> VXResourceController::cachedResource(std::string_view className, std::string_view identifier) const
 {
+    checkThread(__func__);
     return m_identityMap.cachedResource(className, identifier);
 }
 
 void VXResourceController::cacheResource(VXResource& resource)
 {
+    checkThread(__func__);
     m_identityMap.cacheResource(resource);
 }
 
 Ref<VXResource> VXResourceController::updateCacheForResource(const ClassInfo& info, Ref<VXResource> (*make)(Dictionary*), String* identifier, Dictionary* dictionary)
 {
+    checkThread(__func__);
     return m_identityMap.updateCacheForResource(info, make, identifier, dictionary);
 }
 
 void VXResourceController::clearResourceCache()
 {
+    checkThread(__func__);
     m_identityMap.clear();
 }
 
 RefPtr<VXUser> VXResourceController::userWithUserDictionary(Dictionary* dictionary)
 {
+    checkThread(__func__);
     if (!dictionary)
         return nullptr;
     return updateCacheForResource<VXUser>(nullptr, dictionary);
@@ -170,6 +178,7 @@ RefPtr<VXUser> VXResourceController::userWithUserDictionary(Dictionary* dictiona
 
 RefPtr<VXTrack> VXResourceController::trackWithTrackDictionary(Dictionary* dictionary)
 {
+    checkThread(__func__);
     if (!dictionary)
         return nullptr;
     auto track = updateCacheForResource<VXTrack>(nullptr, dictionary);
@@ -182,6 +191,7 @@ RefPtr<VXTrack> VXResourceController::trackWithTrackDictionary(Dictionary* dicti
 
 RefPtr<VXComment> VXResourceController::commentWithCommentDictionary(Dictionary* dictionary)
 {
+    checkThread(__func__);
     if (!dictionary)
         return nullptr;
     auto comment = updateCacheForResource<VXComment>(nullptr, dictionary);
@@ -191,6 +201,7 @@ RefPtr<VXComment> VXResourceController::commentWithCommentDictionary(Dictionary*
 
 void VXResourceController::forceRefreshTrackWithIdentfier(String* identifier)
 {
+    checkThread(__func__);
     trackForIdentifier(identifier, true, nullptr);
 }
 
@@ -295,6 +306,7 @@ std::function<void(VXResource*, Error*)> resourceBlock(std::function<void(T*, Er
 
 RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, bool forceRefresh, UserBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     auto send = [&](VXAPICallbackBlock answer) { m_apiController->userRessouceWithIdentifer(identifier, std::move(answer), subscription); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXUser>(nullptr, json); };
     return downcast<VXUser>(fetch(cachedResource<VXUser>(identifier).get(), forceRefresh, send, answerAbout("user", identifier), convert, resourceBlock(std::move(block))));
@@ -302,6 +314,7 @@ RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, bool 
 
 RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer), subscription); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return trackWithTrackDictionary(json); };
     return downcast<VXTrack>(fetch(cachedResource<VXTrack>(identifier).get(), forceRefresh, send, answerAbout("track", identifier), convert, resourceBlock(std::move(block))));
@@ -309,6 +322,7 @@ RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, boo
 
 RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     // Comments are fetched on the track path; the answer is stored as a comment.
     auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer), subscription); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXComment>(nullptr, json); };
@@ -317,6 +331,7 @@ RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier,
 
 RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserBlock block, Subscription* subscription)
 {
+    checkThread(__func__);
     RefPtr<VXUser> cached;
     if (m_meUserIdentifier) {
         cached = cachedResource<VXUser>(m_meUserIdentifier.get());

@@ -6,8 +6,16 @@
 // still processing, answers follow questions, and remembers the identity
 // map, the played tracks and the refresh dates of each account across runs.
 //
-// Everything runs on the run loop's thread. The store owns every object in
-// its map for the life of the process; callers that keep one retain it.
+// Everything runs on the run loop's thread: the store belongs to the thread
+// that made it, and a call from another raises WrongThreadException naming
+// the call. The store owns every object in its map for the life of the
+// process; callers that keep one retain it.
+//
+// Every call that calls back later takes an optional Subscription*, which
+// receives a token for the call: cancelled or destroyed, the call's blocks
+// are never called and what they captured is released (see VXAPIController
+// for requests that several callers share). A SubscriptionSet holds the
+// tokens of everything a window started.
 // Blocks may be empty everywhere; they are then not called.
 
 #include "VXAPIController.h"
@@ -246,6 +254,7 @@ public:
 private:
     VXResourceController();
     ~VXResourceController() override;
+    void checkThread(const char* function) const { m_affinity.check("VXResourceController", function); }
 
     Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*create)(Dictionary*), String* identifier, Dictionary*);
     int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription*);
@@ -267,6 +276,7 @@ private:
     // tracks; the first failure.
     RefPtr<Error> writeArchives();
 
+    ThreadAffinity m_affinity;
     RefPtr<String> m_meUserIdentifier;
     RefPtr<VXAPIController> m_apiController;
     VXIdentityMap m_identityMap;

@@ -59,6 +59,7 @@ ZURemoteCollectionController::~ZURemoteCollectionController() = default;
 
 void ZURemoteCollectionController::loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType operation, bool forEnd)
 {
+    checkThread(__func__);
     Ref protectedThis { *this };
     bool offsetChanges = offsetFor(operation, forEnd, m_receivedCount) != offset();
     if (offsetChanges)
@@ -78,6 +79,7 @@ int64_t ZURemoteCollectionController::offset() const
 
 void ZURemoteCollectionController::remoteConnectionDidReceiveNewItems(Array* page)
 {
+    checkThread(__func__);
     Ref protectedThis { *this };
     Ref<Array> received = page ? Ref<Array>(*page) : Array::create();
     std::vector<Ref<Object>> merged;
@@ -113,6 +115,7 @@ void ZURemoteCollectionController::remoteConnectionDidReceiveNewItems(Array* pag
 
 void ZURemoteCollectionController::remoteConnectionDidFailReceivingItemsWithError(Error* error)
 {
+    checkThread(__func__);
     Ref protectedThis { *this };
     setLastError(error);
     setLoadingItems(false);
@@ -121,6 +124,7 @@ void ZURemoteCollectionController::remoteConnectionDidFailReceivingItemsWithErro
 
 void ZURemoteCollectionController::loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType type, bool forEnd, LoadCompletion completion, Subscription* subscription)
 {
+    checkThread(__func__);
     Ref protectedThis { *this };
     auto waiter = std::make_shared<LoadWaiter>(LoadWaiter { this, std::move(completion) });
     bool starts = !m_loadingItems;
@@ -131,7 +135,7 @@ void ZURemoteCollectionController::loadMoreItemsForReloadOperationType(ZURemoteC
     }
     if (subscription) {
         std::weak_ptr<LoadWaiter> weakWaiter = waiter;
-        *subscription = Subscription([weakWaiter] {
+        *subscription = m_affinity.token([weakWaiter] {
             if (auto waiter = weakWaiter.lock(); waiter && waiter->collection)
                 waiter->collection->cancelWaiter(waiter);
         },
@@ -183,6 +187,7 @@ void ZURemoteCollectionController::setItems(Ref<Array>&& items, int64_t received
 
 void ZURemoteCollectionController::setHasMoreItems(bool hasMoreItems)
 {
+    checkThread(__func__);
     if (hasMoreItems == m_hasMoreItems)
         return;
     Ref protectedThis { *this };

@@ -24,12 +24,14 @@
 //
 // items, isLoadingItems, hasMoreItems, offset and lastError are observable by
 // key (addObserver) and readable by key-value coding. Everything runs on the
-// run loop's thread.
+// run loop's thread: a list belongs to the thread that made it, and loading
+// or ending a load from another raises WrongThreadException.
 
 #include "ZUObject.h"
 
 #include <Platform/Collections.h>
 #include <Platform/Subscription.h>
+#include <Platform/ThreadAffinity.h>
 #include <Platform/Values.h>
 
 #include <cstdint>
@@ -103,6 +105,8 @@ protected:
     ~ZURemoteCollectionController() override;
     // Stops fetching the running load's page; its answer must not arrive.
     virtual void stopFetching() { }
+    void checkThread(const char* function) const { m_affinity.check(classInfo()->name, function); }
+    const ThreadAffinity& affinity() const { return m_affinity; }
 
 private:
     struct LoadWaiter {
@@ -115,6 +119,7 @@ private:
     void setLastError(Error*);
     void setItems(Ref<Array>&&, int64_t receivedCount);
 
+    ThreadAffinity m_affinity;
     Ref<Array> m_items;
     RefPtr<Error> m_lastError;
     // Items the service has sent since the last reload, kept or not.

@@ -298,3 +298,51 @@ TEST_F(Cancellation, APageLoadTellsItsEndOnceAndJoinsARunningLoad)
     EXPECT_EQ(heard.back(), "again in");
     EXPECT_EQ(list->items().count(), 10u);
 }
+
+TEST_F(Cancellation, CallsFromAnotherThreadRaiseNamingTheCallAndTokensCancelFromAnywhere)
+{
+    auto list = store->favoriteTracks();
+    auto controllerOfStore = store->apiController();
+    std::vector<std::string> raised;
+    std::thread other([&] {
+        auto attempt = [&](const std::function<void()>& call) {
+            try {
+                call();
+                raised.push_back("nothing");
+            } catch (const Exception& exception) {
+                raised.push_back(exception.name() + ": " + exception.reason().substr(0, exception.reason().find(' ')));
+            }
+        };
+        attempt([&] { store->trackForIdentifier(text("20005").ptr(), true, nullptr); });
+        attempt([&] { store->registerTrackPlayedForIdentifier(text("20005").ptr()); });
+        attempt([&] { controllerOfStore->meUserRessouce([](VXAPIController*, Object*, Error*) { }); });
+        attempt([&] { list->loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType::Reload, false); });
+        attempt([&] { list->setPageSize(10); });
+    });
+    other.join();
+    EXPECT_EQ(raised, (std::vector<std::string> {
+                          "VXWrongThreadException: VXResourceController::trackForIdentifier",
+                          "VXWrongThreadException: VXResourceController::registerTrackPlayedForIdentifier",
+                          "VXWrongThreadException: VXAPIController::meUserRessouce",
+                          "VXWrongThreadException: VXTrackCollectionController::loadMoreItemsForReloadOperationType",
+                          "VXWrongThreadException: VXTrackCollectionController::setPageSize",
+                      }));
+    EXPECT_EQ(controllerOfStore->runningConnections().count(), 0u);
+    EXPECT_FALSE(list->isLoadingItems());
+
+    // Tokens destroyed on another thread: the cancellations reach the owner's run loop.
+    holdAnswers(0.3);
+    bool called = false;
+    Subscription fetch, load;
+    store->userForIdentifier(text("1002").ptr(), true, [&](VXUser*, Error*) { called = true; }, &fetch);
+    list->loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType::Reload, false, [&](Error*) { called = true; }, &load);
+    std::thread([fetch = std::move(fetch), load = std::move(load)]() mutable {
+        fetch.cancel();
+        load = Subscription();
+    }).join();
+    RunLoop::current().runUntilIdle();
+    expectNothingUnderWay();
+    EXPECT_FALSE(list->isLoadingItems());
+    RunLoop::current().runFor(0.5);
+    EXPECT_FALSE(called);
+}
