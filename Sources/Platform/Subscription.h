@@ -16,7 +16,7 @@
 
 #include <algorithm>
 #include <functional>
-#include <list>
+#include <deque>
 #include <memory>
 #include <utility>
 
@@ -92,11 +92,11 @@ public:
     SubscriptionSet& operator=(const SubscriptionSet&) = delete;
     ~SubscriptionSet() { cancel(); }
 
-    // A place that stays valid until the token in it is dropped; fill it at once.
+    // A place for one token, valid until the next add(): fill it at once.
     Subscription* add()
     {
         if (m_tokens.size() >= m_pruneAt) {
-            m_tokens.remove_if([](const Subscription& token) { return !token.isActive(); });
+            std::erase_if(m_tokens, [](const Subscription& token) { return !token.isActive(); });
             m_pruneAt = std::max<size_t>(16, 2 * m_tokens.size());
         }
         return &m_tokens.emplace_back();
@@ -123,7 +123,7 @@ public:
     }
 
 private:
-    std::list<Subscription> m_tokens;
+    std::deque<Subscription> m_tokens;
     size_t m_pruneAt { 16 };
 };
 

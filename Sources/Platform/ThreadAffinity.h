@@ -24,7 +24,7 @@ public:
     // The current thread and its run loop.
     ThreadAffinity()
         : m_thread(std::this_thread::get_id())
-        , m_post(RunLoop::current().poster())
+        , m_post(std::make_shared<const RunLoop::Poster>(RunLoop::current().poster()))
     {
     }
 
@@ -40,14 +40,15 @@ public:
     // A token whose cancel runs on the owner's thread: at once there, posted
     // to its run loop from any other (a token may be destroyed anywhere; that
     // must not raise). `cancel` must hold nothing but weak references.
-    Subscription token(std::function<void()> cancel, std::weak_ptr<const void> pending) const
+    template<typename Cancel>
+    Subscription token(Cancel cancel, std::weak_ptr<const void> pending) const
     {
         return Subscription(
             [thread = m_thread, post = m_post, cancel = std::move(cancel)] {
                 if (std::this_thread::get_id() == thread)
                     cancel();
                 else
-                    post(cancel);
+                    (*post)(cancel);
             },
             std::move(pending));
     }
@@ -56,7 +57,8 @@ private:
     [[noreturn]] static void raise(std::string_view type, const char* function);
 
     std::thread::id m_thread;
-    RunLoop::Poster m_post;
+    // Shared: every token of the owner holds it.
+    std::shared_ptr<const RunLoop::Poster> m_post;
 };
 
 } // namespace velvox

@@ -176,8 +176,24 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
         refuse(std::move(problem), context, userInfo);
         return;
     }
+    uint64_t identifier = ++m_nextTask;
+    if (userInfo)
+        m_requestForUserInfo[userInfo] = identifier;
+    // A waiting request keeps what it was made with and becomes an HTTP
+    // request only when its turn comes: waiting, or cancelled while waiting,
+    // costs little. The parameters are copied, as a caller may change its own.
+    QueuedRequest queued { identifier, method.str(), Ref<String>(const_cast<String&>(resource)), parameters ? RefPtr<Dictionary>(parameters->copy()) : nullptr, context, userInfo };
+    if (m_maximumRunningRequests && m_tasks.size() >= m_maximumRunningRequests) {
+        m_queue.emplace(identifier, std::move(queued));
+        return;
+    }
+    start(std::move(queued));
+}
+
+URLRequest VXVelvoxAPI::requestFor(const std::string& method, const String& resource, Dictionary* parameters) const
+{
     URLRequest request;
-    request.method = method.str();
+    request.method = method;
     request.timeout = m_timeout;
     request.connectTimeout = m_connectTimeout;
     request.maximumBodySize = m_maximumAnswerSize;
@@ -207,9 +223,11 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
         }
     }
 
-    uint64_t identifier = ++m_nextTask;
-    if (userInfo)
-        m_requestForUserInfo[userInfo] = identifier;
+    return request;
+}
+
+URLTaskCallbacks VXVelvoxAPI::callbacksFor(uint64_t identifier, Object* context, Dictionary* userInfo)
+{
     RefPtr<Object> protectedContext = context;
     RefPtr<Dictionary> protectedUserInfo = userInfo;
     URLTaskCallbacks callbacks;
@@ -254,12 +272,7 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
         }
         m_delegate->velvoxAPIDidFinishWithData(*this, &response->body(), protectedContext.get(), protectedUserInfo.get());
     };
-    QueuedRequest queued { identifier, std::move(request), std::move(callbacks) };
-    if (m_maximumRunningRequests && m_tasks.size() >= m_maximumRunningRequests) {
-        m_queue.emplace(identifier, std::move(queued));
-        return;
-    }
-    start(std::move(queued));
+    return callbacks;
 }
 
 void VXVelvoxAPI::forgetUserInfo(const Dictionary* userInfo, uint64_t identifier)
@@ -289,7 +302,8 @@ void VXVelvoxAPI::cancelMethodWithUserInfo(Dictionary* userInfo)
 
 void VXVelvoxAPI::start(QueuedRequest&& queued)
 {
-    auto task = URLLoader::current().start(queued.request, std::move(queued.callbacks));
+    auto request = requestFor(queued.method, queued.resource, queued.parameters.get());
+    auto task = URLLoader::current().start(request, callbacksFor(queued.identifier, queued.context.get(), queued.userInfo.get()));
     if (!task->isFinished())
         m_tasks.emplace(queued.identifier, std::move(task));
 }

@@ -106,9 +106,14 @@ protected:
 private:
     struct QueuedRequest {
         uint64_t identifier;
-        URLRequest request;
-        URLTaskCallbacks callbacks;
+        std::string method;
+        Ref<String> resource;
+        RefPtr<Dictionary> parameters;
+        RefPtr<Object> context;
+        RefPtr<Dictionary> userInfo;
     };
+    URLRequest requestFor(const std::string& method, const String& resource, Dictionary* parameters) const;
+    URLTaskCallbacks callbacksFor(uint64_t identifier, Object* context, Dictionary* userInfo);
     void start(QueuedRequest&&);
     void startQueuedRequests();
     void refuse(std::string problem, Object* context, Dictionary* userInfo);

@@ -140,8 +140,12 @@ void VXAPIController::cancelCaller(const CancellableCaller& caller)
         return;
     // The last caller is gone: so is the request.
     m_runningConnections->removeObjectForKey(identifier);
-    if (auto clientInfo = m_clientInfos.extract(identifier->str()); !clientInfo.empty() && m_api)
-        m_api->cancelMethodWithUserInfo(clientInfo.mapped().ptr());
+    if (auto found = m_clientInfos.find(identifier->view()); found != m_clientInfos.end()) {
+        Ref clientInfo = found->second;
+        m_clientInfos.erase(found);
+        if (m_api)
+            m_api->cancelMethodWithUserInfo(clientInfo.ptr());
+    }
 }
 
 bool VXAPIController::isCancelled(const Dictionary* userInfo, bool wasCancellable) const
@@ -168,7 +172,8 @@ void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error*
             }
         }
         m_runningConnections->removeObjectForKey(requestIdentifier);
-        m_clientInfos.erase(requestIdentifier->str());
+        if (auto found = m_clientInfos.find(requestIdentifier->view()); found != m_clientInfos.end())
+            m_clientInfos.erase(found);
     }
     setExecutingCallbacksRequestIdentifier(requestIdentifier);
     for (auto& caller : callers) {

@@ -160,7 +160,11 @@ private:
     RefPtr<String> m_executingCallbacksRequestIdentifier;
     std::unordered_map<const Dictionary*, std::shared_ptr<CancellableCaller>> m_cancellableCallers;
     // What the client was given for each running request, to cancel it with.
-    std::unordered_map<std::string, Ref<Dictionary>> m_clientInfos;
+    struct IdentifierHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+    std::unordered_map<std::string, Ref<Dictionary>, IdentifierHash, std::equal_to<>> m_clientInfos;
 };
 
 } // namespace velvox
