@@ -101,6 +101,21 @@ Ref<VXResourceController> VXResourceController::create(VXAPIController* apiContr
     return store;
 }
 
+RefPtr<VXResourceController> VXResourceController::connect(std::string_view baseURL, std::string_view accessToken, std::string* problem)
+{
+    return connect(baseURL, accessToken, Options {}, problem);
+}
+
+RefPtr<VXResourceController> VXResourceController::connect(std::string_view baseURL, std::string_view accessToken, const Options& options, std::string* problem)
+{
+    auto api = VXVelvoxAPI::create(baseURL, accessToken, problem);
+    if (!api)
+        return nullptr;
+    auto store = create(VXAPIController::create(api.get()).ptr(), options);
+    setSharedResourceController(store.ptr());
+    return store;
+}
+
 Ref<VXResourceController> VXResourceController::create(VXAPIController* apiController)
 {
     return create(apiController, Options {});

@@ -106,6 +106,16 @@ public:
         size_t maximumTrackRefreshesInFlight { 0 };
     };
 
+    // The one call a host needs: a client (VXVelvoxAPI) for the service's
+    // base URL and access token, an API controller on it, and a store on that
+    // controller, made the shared store (the one the models and the lists
+    // use) and answered. Null, with the reason in `problem`, when the client
+    // cannot be made (VXVelvoxAPI::configurationProblem). Against the sandbox:
+    // connect(service.baseURL(), service.token()). The steps it takes stay
+    // available one by one.
+    static RefPtr<VXResourceController> connect(std::string_view baseURL, std::string_view accessToken, std::string* problem = nullptr);
+    static RefPtr<VXResourceController> connect(std::string_view baseURL, std::string_view accessToken, const Options&, std::string* problem = nullptr);
+
     // init: registers the transformers, loads the identity map, and observes
     // the application's termination to save.
     static Ref<VXResourceController> create();
@@ -238,6 +248,60 @@ public:
     std::string resourceCacheFilePath() const;
     std::string playedTrackIdentifiersStoragePathForMeUserIdentifer(String* meUserIdentifier) const;
     std::string lastPlayedTimestampsStoragePathForMeUserIdentifer(String* meUserIdentifier) const;
+
+    // The calls above with identifiers and texts as std::string_view, for
+    // hosts that hold them as text: store.trackForIdentifier("20005", ...).
+    RefPtr<VXUser> userForIdentifier(std::string_view identifier, bool forceRefresh, UserBlock block, Subscription* subscription = nullptr)
+    {
+        return userForIdentifier(String::create(identifier).ptr(), forceRefresh, std::move(block), subscription);
+    }
+    RefPtr<VXTrack> trackForIdentifier(std::string_view identifier, bool forceRefresh, TrackBlock block, Subscription* subscription = nullptr)
+    {
+        return trackForIdentifier(String::create(identifier).ptr(), forceRefresh, std::move(block), subscription);
+    }
+    RefPtr<VXComment> commentForIdentifier(std::string_view identifier, bool forceRefresh, CommentBlock block, Subscription* subscription = nullptr)
+    {
+        return commentForIdentifier(String::create(identifier).ptr(), forceRefresh, std::move(block), subscription);
+    }
+    template<typename T>
+    RefPtr<T> cachedResource(std::string_view identifier) const
+    {
+        return dynamicDowncast<T>(cachedResource(T::s_info.name, identifier));
+    }
+    int32_t meIsFollowingUserForIdentifier(std::string_view identifier, FollowCheckBlock block, Subscription* subscription = nullptr)
+    {
+        return meIsFollowingUserForIdentifier(String::create(identifier).ptr(), std::move(block), subscription);
+    }
+    int32_t meIsFollowedByUserForIdentifier(std::string_view identifier, FollowCheckBlock block, Subscription* subscription = nullptr)
+    {
+        return meIsFollowedByUserForIdentifier(String::create(identifier).ptr(), std::move(block), subscription);
+    }
+    void startFollowingUserForIdentifier(std::string_view identifier, ResultBlock block, Subscription* subscription = nullptr)
+    {
+        startFollowingUserForIdentifier(String::create(identifier).ptr(), std::move(block), subscription);
+    }
+    void stopFollowingByUserForIdentifier(std::string_view identifier, ResultBlock block, Subscription* subscription = nullptr)
+    {
+        stopFollowingByUserForIdentifier(String::create(identifier).ptr(), std::move(block), subscription);
+    }
+    void postCommentWithTrackIdentifier(std::string_view trackIdentifier, std::string_view body, CommentBlock block, Subscription* subscription = nullptr)
+    {
+        postCommentWithTrackIdentifier(String::create(trackIdentifier).ptr(), String::create(body).ptr(), std::move(block), subscription);
+    }
+    void postCommentWithTrackIdentifier(std::string_view trackIdentifier, std::string_view body, double timestamp, CommentBlock block, Subscription* subscription = nullptr)
+    {
+        postCommentWithTrackIdentifier(String::create(trackIdentifier).ptr(), String::create(body).ptr(), timestamp, std::move(block), subscription);
+    }
+    void registerTrackPlayedForIdentifier(std::string_view trackIdentifier) { registerTrackPlayedForIdentifier(String::create(trackIdentifier).ptr()); }
+    bool hasTrackBeenPlayedForTrackIdentifier(std::string_view trackIdentifier) const { return hasTrackBeenPlayedForTrackIdentifier(String::create(trackIdentifier).ptr()); }
+    Ref<VXUserCollectionController> usersFollowingUserForIdentifier(std::string_view userIdentifier) { return usersFollowingUserForIdentifier(String::create(userIdentifier).ptr()); }
+    Ref<VXUserCollectionController> usersFollowedByUserForIdentifier(std::string_view userIdentifier) { return usersFollowedByUserForIdentifier(String::create(userIdentifier).ptr()); }
+    Ref<VXTrackCollectionController> tracksForUserIdentifier(std::string_view userIdentifier) { return tracksForUserIdentifier(String::create(userIdentifier).ptr()); }
+    Ref<VXTrackCollectionController> favoritesForUserIdentifier(std::string_view userIdentifier) { return favoritesForUserIdentifier(String::create(userIdentifier).ptr()); }
+    Ref<VXTrackCollectionController> tracksForSearchQuery(std::string_view query, Dictionary* searchOptions = nullptr) { return tracksForSearchQuery(String::create(query).ptr(), searchOptions); }
+    Ref<VXUserCollectionController> usersForSearchQuery(std::string_view query) { return usersForSearchQuery(String::create(query).ptr()); }
+    Ref<VXUserCollectionController> favoritersForTrackIdentifier(std::string_view trackIdentifier) { return favoritersForTrackIdentifier(String::create(trackIdentifier).ptr()); }
+    Ref<VXCommentCollectionController> commentsForTrackIdentifier(std::string_view trackIdentifier) { return commentsForTrackIdentifier(String::create(trackIdentifier).ptr()); }
 
     // How large the identity map has grown, for a host to watch.
     using ClassStatistics = VXIdentityMap::ClassStatistics;

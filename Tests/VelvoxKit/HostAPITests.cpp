@@ -1,6 +1,7 @@
-// Cancelling what a caller started: against the sandbox, with answers held
-// back by latency faults so that every call is still under way when its
-// token goes.
+// What a host meets first: the one-call set-up, identifiers as text, typed
+// lists, and cancelling what it started (against the sandbox, with answers
+// held back by latency faults so that every call is still under way when its
+// token goes).
 
 #include <Platform/Platform.h>
 #include <Sandbox/SandboxService.h>
@@ -345,4 +346,41 @@ TEST_F(Cancellation, CallsFromAnotherThreadRaiseNamingTheCallAndTokensCancelFrom
     EXPECT_FALSE(list->isLoadingItems());
     RunLoop::current().runFor(0.5);
     EXPECT_FALSE(called);
+}
+
+TEST(HostSetUp, OneCallConnectsAStoreThatTakesTextIdentifiersAndListsTypedItems)
+{
+    std::string problem;
+    EXPECT_FALSE(VXResourceController::connect("ftp://example.invalid", "token", &problem));
+    EXPECT_EQ(problem, "The base URL must start with http:// or https://.");
+
+    sandbox::SandboxService service({});
+    ASSERT_TRUE(service.start());
+    auto store = VXResourceController::connect(service.baseURL(), service.token(), &problem);
+    ASSERT_TRUE(store);
+    EXPECT_EQ(&VXResourceController::sharedResourceController(), store.get());
+
+    RefPtr<VXTrack> track;
+    RefPtr<VXUser> me;
+    int32_t following = -2;
+    store->meUserForceRefresh(true, [&](VXUser* user, Error*) { me = user; });
+    store->trackForIdentifier("20005", false, [&](VXTrack* fetched, Error*) { track = fetched; });
+    store->meIsFollowingUserForIdentifier("1003", [&](Number* answer, Error*) { following = answer->intValue(); });
+    auto tracks = store->tracksForUserIdentifier("1002");
+    RefPtr<Error> failure;
+    bool loaded = false;
+    tracks->loadMoreItemsForReloadOperationType(ZURemoteCollectionReloadOperationType::Reload, false, [&](Error* error) {
+        failure = error;
+        loaded = true;
+    });
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return track && me && following != -2 && loaded; }, 10));
+    EXPECT_EQ(store->cachedResource<VXTrack>("20005").get(), track.get());
+    EXPECT_FALSE(failure);
+    auto items = tracks->items<VXTrack>();
+    ASSERT_FALSE(items.empty());
+    for (auto& item : items)
+        EXPECT_EQ(item->userIdentifier()->str(), "1002");
+    store->registerTrackPlayedForIdentifier("20005");
+    EXPECT_TRUE(store->hasTrackBeenPlayedForTrackIdentifier("20005"));
+    VXResourceController::setSharedResourceController(nullptr);
 }
