@@ -99,7 +99,10 @@ RefPtr<String> VXAPIController::enqueue(const String& method, const String& reso
     }
     m_runningConnections->setObject(callers, identifier.ptr());
     auto clientInfo = Dictionary::create({ { VXAPIRequestIdentifierKey, identifier.ptr() } });
-    m_clientInfos.insert_or_assign(identifier->str(), clientInfo);
+    if (auto found = m_clientInfos.find(identifier->view()); found != m_clientInfos.end())
+        found->second.push_back(clientInfo);
+    else
+        m_clientInfos.emplace(identifier->str(), std::vector<Ref<Dictionary>> { clientInfo });
     Ref protectedThis { *this };
     m_api->performMethod(method, resource, parameters, context, clientInfo.ptr());
     return identifier;
@@ -141,10 +144,12 @@ void VXAPIController::cancelCaller(const CancellableCaller& caller)
     // The last caller is gone: so is the request.
     m_runningConnections->removeObjectForKey(identifier);
     if (auto found = m_clientInfos.find(identifier->view()); found != m_clientInfos.end()) {
-        Ref clientInfo = found->second;
+        auto inFlight = std::move(found->second);
         m_clientInfos.erase(found);
-        if (m_api)
-            m_api->cancelMethodWithUserInfo(clientInfo.ptr());
+        for (auto& clientInfo : inFlight) {
+            if (m_api)
+                m_api->cancelMethodWithUserInfo(clientInfo.ptr());
+        }
     }
 }
 
@@ -172,8 +177,6 @@ void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error*
             }
         }
         m_runningConnections->removeObjectForKey(requestIdentifier);
-        if (auto found = m_clientInfos.find(requestIdentifier->view()); found != m_clientInfos.end())
-            m_clientInfos.erase(found);
     }
     setExecutingCallbacksRequestIdentifier(requestIdentifier);
     for (auto& caller : callers) {
@@ -209,8 +212,20 @@ String* requestIdentifierIn(Dictionary* userInfo)
 
 } // namespace
 
+void VXAPIController::forgetClientInfo(Dictionary* clientInfo)
+{
+    auto* identifier = requestIdentifierIn(clientInfo);
+    auto found = identifier ? m_clientInfos.find(identifier->view()) : m_clientInfos.end();
+    if (found == m_clientInfos.end())
+        return;
+    std::erase_if(found->second, [&](const Ref<Dictionary>& inFlight) { return inFlight.ptr() == clientInfo; });
+    if (found->second.empty())
+        m_clientInfos.erase(found);
+}
+
 void VXAPIController::velvoxAPIDidFinishWithData(VXVelvoxAPI&, Data* data, Object*, Dictionary* userInfo)
 {
+    forgetClientInfo(userInfo);
     excuteCallbacksAndRemoveRequestWithData(data, nullptr, requestIdentifierIn(userInfo));
 }
 
@@ -218,6 +233,7 @@ void VXAPIController::velvoxAPIDidFailWithError(VXVelvoxAPI&, Error* error, Obje
 {
     Ref protectedThis { *this };
     RefPtr<Error> protectedError = error;
+    forgetClientInfo(userInfo);
     excuteCallbacksAndRemoveRequestWithData(nullptr, error, requestIdentifierIn(userInfo));
     if (error && error->code() == 401)
         VXLog("VXAPIController could not complete request, because the API is not correctly authenticed.");

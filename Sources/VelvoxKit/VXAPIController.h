@@ -159,12 +159,15 @@ private:
     mutable std::mutex m_executingMutex;
     RefPtr<String> m_executingCallbacksRequestIdentifier;
     std::unordered_map<const Dictionary*, std::shared_ptr<CancellableCaller>> m_cancellableCallers;
-    // What the client was given for each running request, to cancel it with.
+    // What the client was given for each request in flight, by identifier, to
+    // cancel them with: an identical PUT, POST or DELETE sent while one runs
+    // makes two in flight, whose callers are the later one's.
     struct IdentifierHash {
         using is_transparent = void;
         size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
     };
-    std::unordered_map<std::string, Ref<Dictionary>, IdentifierHash, std::equal_to<>> m_clientInfos;
+    std::unordered_map<std::string, std::vector<Ref<Dictionary>>, IdentifierHash, std::equal_to<>> m_clientInfos;
+    void forgetClientInfo(Dictionary* clientInfo);
 };
 
 } // namespace velvox
