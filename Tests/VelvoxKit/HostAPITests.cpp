@@ -105,6 +105,24 @@ TEST_F(Cancellation, NoCancelledCallEverCallsBackAndWhatItCapturedGoesAtOnce)
     EXPECT_EQ(calls.activeCount(), 0u) << "a token stays active after its call ended";
 }
 
+TEST_F(Cancellation, AThousandPendingCallsCancelledSendNothingMore)
+{
+    holdAnswers(0.5);
+    int called = 0;
+    SubscriptionSet calls;
+    for (int i = 0; i < 1000; ++i)
+        store->trackForIdentifier(std::to_string(100000 + i), true, [&](VXTrack*, Error*) { ++called; }, calls.add());
+    RunLoop::current().runFor(0.2);
+    int reached = service->totalRequestCount();
+    EXPECT_LE(reached, static_cast<int>(client().maximumRunningRequests()));
+    EXPECT_EQ(calls.activeCount(), 1000u);
+    calls.cancel();
+    expectNothingUnderWay();
+    RunLoop::current().runFor(0.8);
+    EXPECT_EQ(service->totalRequestCount(), reached);
+    EXPECT_EQ(called, 0);
+}
+
 TEST_F(Cancellation, ASharedRequestRunsOnForTheOthersAndStopsWithItsLastCaller)
 {
     holdAnswers(0.4, "/tracks/20005");
