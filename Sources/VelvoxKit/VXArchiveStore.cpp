@@ -39,6 +39,11 @@ std::string VXArchiveStore::identityMapPath()
     return stringByAppendingPathComponent(folder(), "ressources.archive");
 }
 
+std::string VXArchiveStore::receiptsPath()
+{
+    return stringByAppendingPathComponent(folder(), "receipts.archive");
+}
+
 std::string VXArchiveStore::playedTracksPath(String* account)
 {
     return stringByAppendingPathComponent(folder(), fileNameComponent(account) + "-playedTracks.archive");

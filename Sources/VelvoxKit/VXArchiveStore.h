@@ -21,6 +21,9 @@ public:
     // into being when a file is first written).
     static std::string folder();
     static std::string identityMapPath();
+    // When the identity map's objects came in, for freshness by age
+    // ("receipts.archive"); written only by stores that record it.
+    static std::string receiptsPath();
     static std::string playedTracksPath(String* account);
     static std::string refreshDatesPath(String* account);
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <unordered_map>
 
 namespace velvox {
@@ -136,15 +137,70 @@ Ref<VXResource> VXIdentityMap::updateCacheForResource(const ClassInfo& info, Ref
         auto created = make(dictionary);
         // A record without an identifier (an upload's own fields, say) makes
         // an object that cannot be shared, so it is not cached.
-        if (created->resourceIdentifier())
+        if (created->resourceIdentifier()) {
             cacheResource(created);
+            if (m_recordsReceipts)
+                m_receivedAt.insert_or_assign(created.ptr(), Date::now()->timeIntervalSince1970());
+        }
         return created;
     }
     if (cached->updateWithDictionary(dictionary))
         cacheResource(*cached);
     else if (m_bound)
         noteUse(*cached);
+    if (m_recordsReceipts)
+        m_receivedAt.insert_or_assign(cached.get(), Date::now()->timeIntervalSince1970());
     return cached.releaseNonNull();
+}
+
+double VXIdentityMap::receivedAt(const VXResource& resource) const
+{
+    auto found = m_receivedAt.find(&resource);
+    return found == m_receivedAt.end() ? 0 : found->second;
+}
+
+Ref<Dictionary> VXIdentityMap::receiptsDictionary() const
+{
+    auto receipts = MutableDictionary::create();
+    for (auto& entry : *m_dictionary) {
+        auto* classCache = dynamicDowncast<Dictionary>(entry.object);
+        if (!classCache)
+            continue;
+        auto times = MutableDictionary::create();
+        for (auto& item : *classCache) {
+            if (auto found = m_receivedAt.find(item.object); found != m_receivedAt.end())
+                times->setObject(Number::create(found->second), item.key);
+        }
+        if (times->count())
+            receipts->setObject(times, entry.key);
+    }
+    return receipts;
+}
+
+bool VXIdentityMap::adoptReceipts(Object* root)
+{
+    auto* archived = dynamicDowncast<Dictionary>(root);
+    if (!archived)
+        return false;
+    for (auto& entry : *archived) {
+        if (!is<String>(entry.key) || !is<Dictionary>(entry.object))
+            return false;
+    }
+    for (auto& entry : *archived) {
+        auto* classCache = dynamicDowncast<Dictionary>(m_dictionary->objectForKey(entry.key));
+        if (!classCache)
+            continue;
+        for (auto& item : *downcast<Dictionary>(entry.object)) {
+            auto* time = dynamicDowncast<Number>(item.object);
+            auto* object = classCache->objectForKey(item.key);
+            if (!time || !object)
+                continue;
+            double seconds = time->doubleValue();
+            if (std::isfinite(seconds) && seconds >= 0)
+                m_receivedAt.insert_or_assign(object, seconds);
+        }
+    }
+    return true;
 }
 
 void VXIdentityMap::noteUse(VXResource& resource)
@@ -156,6 +212,7 @@ void VXIdentityMap::clear()
 {
     m_dictionary = MutableDictionary::create();
     m_lastUse.clear();
+    m_receivedAt.clear();
 }
 
 bool VXIdentityMap::adoptArchivedRoot(Object* root)

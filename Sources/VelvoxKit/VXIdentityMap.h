@@ -25,7 +25,13 @@ public:
 
     // Class name, then identifier, then the object.
     MutableDictionary& dictionary() const { return m_dictionary; }
-    void setDictionary(MutableDictionary& dictionary) { m_dictionary = dictionary; }
+    // What the map knew of the objects it held (use order, receipts) goes with them.
+    void setDictionary(MutableDictionary& dictionary)
+    {
+        m_dictionary = dictionary;
+        m_lastUse.clear();
+        m_receivedAt.clear();
+    }
 
     RefPtr<VXResource> cachedResource(std::string_view className, String* identifier) const;
     RefPtr<VXResource> cachedResource(std::string_view className, std::string_view identifier) const;
@@ -51,6 +57,20 @@ public:
     // objects of each class, oldest first.
     Ref<Dictionary> archivedDictionary() const;
 
+    // When each object's record last came in (seconds since 1970, on the run
+    // loop's clock), kept only while asked for: freshness by age needs it.
+    void setRecordsReceipts(bool records) { m_recordsReceipts = records; }
+    bool recordsReceipts() const { return m_recordsReceipts; }
+    // 0 when unknown (never received while recording, nor read back).
+    double receivedAt(const VXResource&) const;
+    // Class name, then identifier, then the time (a Number) of every object of
+    // the map whose time is known: what the receipts' archive holds.
+    Ref<Dictionary> receiptsDictionary() const;
+    // Takes an archive of receipts: only finite, non-negative times of
+    // objects the map holds under that class and identifier are kept; false
+    // when the root is not a dictionary of dictionaries.
+    bool adoptReceipts(Object* root);
+
     struct ClassStatistics {
         std::string className;
         size_t objectCount { 0 };
@@ -72,6 +92,8 @@ private:
     // in their archived order, oldest first).
     std::unordered_map<const Object*, uint64_t> m_lastUse;
     uint64_t m_nextUse { 1 };
+    bool m_recordsReceipts { false };
+    std::unordered_map<const Object*, double> m_receivedAt;
 };
 
 } // namespace velvox

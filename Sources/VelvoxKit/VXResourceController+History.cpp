@@ -54,6 +54,11 @@ RefPtr<Error> VXResourceController::writeArchives()
 {
     using Folder = VXArchiveStore::Folder;
     RefPtr<Error> first = VXArchiveStore::write(m_identityMap.archivedDictionary().ptr(), VXArchiveStore::identityMapPath(), Folder::AsItIs);
+    if (m_identityMap.recordsReceipts()) {
+        auto receipts = VXArchiveStore::write(m_identityMap.receiptsDictionary().ptr(), VXArchiveStore::receiptsPath(), Folder::AsItIs);
+        if (!first)
+            first = receipts;
+    }
     if (auto* account = m_meUserIdentifier.get()) {
         auto timestamps = VXArchiveStore::write(m_lastRefreshTimestamps.get(), VXArchiveStore::refreshDatesPath(account), Folder::MadeWhenMissing);
         auto played = VXArchiveStore::write(m_playedTrackIdentifiers.get(), VXArchiveStore::playedTracksPath(account), Folder::MadeWhenMissing);

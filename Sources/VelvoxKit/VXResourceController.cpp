@@ -72,6 +72,7 @@ void VXResourceController::setOptions(const Options& options)
     checkThread(__func__);
     m_options = options;
     m_identityMap.setArchivedObjectsPerClass(options.archivedObjectsPerClass);
+    m_identityMap.setRecordsReceipts(!options.maximumAgeByClass.empty());
     m_poller.setLimits({ options.mergesTrackRefreshes, options.maximumTrackRefreshesInFlight });
 }
 
@@ -94,6 +95,8 @@ Ref<VXResourceController> VXResourceController::create(VXAPIController* apiContr
     // The archive holds model objects; their classes must be known to read it.
     VXRegisterArchiveClasses();
     VXArchiveStore::read(VXArchiveStore::identityMapPath(), [&store](RefPtr<Object> root) { return store->m_identityMap.adoptArchivedRoot(root.get()); });
+    if (store->m_identityMap.recordsReceipts())
+        VXArchiveStore::read(VXArchiveStore::receiptsPath(), [&store](RefPtr<Object> root) { return store->m_identityMap.adoptReceipts(root.get()); });
     store->setApiController(apiController);
     VXResourceController* self = store.ptr();
     store->m_terminationObserver = NotificationCenter::defaultCenter().addObserver(ApplicationWillTerminateNotification, nullptr,
@@ -222,10 +225,29 @@ void VXResourceController::forceRefreshTrackWithIdentfier(String* identifier)
 
 // MARK: Single fetches
 
-RefPtr<VXResource> VXResourceController::fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
+VXFetchPolicy VXResourceController::policyFor(bool forceRefresh, const ClassInfo& info) const
+{
+    if (forceRefresh)
+        return VXFetchPolicy::CacheAndNetwork;
+    auto found = m_options.fetchPolicyByClass.find(info.name);
+    return found == m_options.fetchPolicyByClass.end() ? VXFetchPolicy::CacheFirst : found->second;
+}
+
+bool VXResourceController::isFresh(const VXResource& resource) const
+{
+    auto maximumAge = m_options.maximumAgeByClass.find(resource.className());
+    if (maximumAge == m_options.maximumAgeByClass.end())
+        return true;
+    double received = m_identityMap.receivedAt(resource);
+    double age = Date::now()->timeIntervalSince1970() - received;
+    // A time from the future (a clock set back) is not trusted either.
+    return received > 0 && age >= 0 && age < maximumAge->second;
+}
+
+RefPtr<VXResource> VXResourceController::fetch(VXResource* cached, VXFetchPolicy policy, const std::function<void(VXAPICallbackBlock)>& send,
     std::function<std::string()> what, std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block)
 {
-    if (cached && !forceRefresh)
+    if (policy == VXFetchPolicy::CacheOnly || (policy == VXFetchPolicy::CacheFirst && cached && isFresh(*cached)))
         return cached;
     if (m_apiController) {
         Ref protectedThis { *this };
@@ -235,7 +257,7 @@ RefPtr<VXResource> VXResourceController::fetch(VXResource* cached, bool forceRef
             block(resource.get(), failure.get());
         });
     }
-    return cached;
+    return policy == VXFetchPolicy::NetworkOnly ? nullptr : cached;
 }
 
 // MARK: Answers that do not fit
@@ -321,27 +343,42 @@ std::function<void(VXResource*, Error*)> resourceBlock(std::function<void(T*, Er
 
 RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, bool forceRefresh, UserBlock block, Subscription* subscription)
 {
-    checkThread(__func__);
-    auto send = [&](VXAPICallbackBlock answer) { m_apiController->userRessouceWithIdentifer(identifier, std::move(answer), subscription); };
-    auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXUser>(nullptr, json); };
-    return downcast<VXUser>(fetch(cachedResource<VXUser>(identifier).get(), forceRefresh, send, answerAbout("user", identifier), convert, resourceBlock(std::move(block))));
+    return userForIdentifier(identifier, policyFor(forceRefresh, VXUser::s_info), std::move(block), subscription);
 }
 
 RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block, Subscription* subscription)
 {
-    checkThread(__func__);
-    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer), subscription); };
-    auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return trackWithTrackDictionary(json); };
-    return downcast<VXTrack>(fetch(cachedResource<VXTrack>(identifier).get(), forceRefresh, send, answerAbout("track", identifier), convert, resourceBlock(std::move(block))));
+    return trackForIdentifier(identifier, policyFor(forceRefresh, VXTrack::s_info), std::move(block), subscription);
 }
 
 RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block, Subscription* subscription)
+{
+    return commentForIdentifier(identifier, policyFor(forceRefresh, VXComment::s_info), std::move(block), subscription);
+}
+
+RefPtr<VXUser> VXResourceController::userForIdentifier(String* identifier, VXFetchPolicy policy, UserBlock block, Subscription* subscription)
+{
+    checkThread(__func__);
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->userRessouceWithIdentifer(identifier, std::move(answer), subscription); };
+    auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXUser>(nullptr, json); };
+    return downcast<VXUser>(fetch(cachedResource<VXUser>(identifier).get(), policy, send, answerAbout("user", identifier), convert, resourceBlock(std::move(block))));
+}
+
+RefPtr<VXTrack> VXResourceController::trackForIdentifier(String* identifier, VXFetchPolicy policy, TrackBlock block, Subscription* subscription)
+{
+    checkThread(__func__);
+    auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer), subscription); };
+    auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return trackWithTrackDictionary(json); };
+    return downcast<VXTrack>(fetch(cachedResource<VXTrack>(identifier).get(), policy, send, answerAbout("track", identifier), convert, resourceBlock(std::move(block))));
+}
+
+RefPtr<VXComment> VXResourceController::commentForIdentifier(String* identifier, VXFetchPolicy policy, CommentBlock block, Subscription* subscription)
 {
     checkThread(__func__);
     // Comments are fetched on the track path; the answer is stored as a comment.
     auto send = [&](VXAPICallbackBlock answer) { m_apiController->trackRessouceWithIdentifer(identifier, std::move(answer), subscription); };
     auto convert = [this](Dictionary* json) -> RefPtr<VXResource> { return updateCacheForResource<VXComment>(nullptr, json); };
-    return downcast<VXComment>(fetch(cachedResource<VXComment>(identifier).get(), forceRefresh, send, answerAbout("comment", identifier), convert, resourceBlock(std::move(block))));
+    return downcast<VXComment>(fetch(cachedResource<VXComment>(identifier).get(), policy, send, answerAbout("comment", identifier), convert, resourceBlock(std::move(block))));
 }
 
 RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserBlock block, Subscription* subscription)

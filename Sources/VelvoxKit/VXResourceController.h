@@ -64,6 +64,22 @@ enum : int64_t {
 enum class VXUnreadableAnswerPolicy { Raise,
     Report };
 
+// Where a single fetch takes its answer from.
+enum class VXFetchPolicy {
+    // The cached object when it is fresh (see Options::maximumAgeByClass),
+    // and no request; else the request, as CacheAndNetwork. What a fetch
+    // without forceRefresh does.
+    CacheFirst,
+    // The cached object (or null) at once, and the request; the block gets
+    // the fresh object, and the object's observers hear what changed. What a
+    // fetch with forceRefresh does.
+    CacheAndNetwork,
+    // Null at once, and the request; the block gets the fresh object.
+    NetworkOnly,
+    // The cached object or null, and never a request; the block is not called.
+    CacheOnly,
+};
+
 // A ZUObject for its key-value observing: "meUserIdentifier" is announced.
 class VXResourceController final : public ZUObject, public VXResourceStore {
     VX_OBJECT(VXResourceController)
@@ -104,6 +120,17 @@ public:
         // them to end, so that polling never crowds out what the host asks
         // for. 0: no limit, every refresh goes out when it is due.
         size_t maximumTrackRefreshesInFlight { 0 };
+        // How old an object of a class may grow (seconds since its record
+        // last came in) before a cache-first fetch asks the service again:
+        // {"VXTrack", 300}. A class without an entry never grows old, as the
+        // interface has it. With any entry, the store records when each
+        // record comes in and keeps it beside the identity map
+        // ("receipts.archive"), so that freshness outlives a restart; an
+        // object whose time is unknown counts as old.
+        std::map<std::string, double, std::less<>> maximumAgeByClass;
+        // The policy of fetches made without forceRefresh, by class
+        // ("VXTrack"); CacheFirst for a class without an entry.
+        std::map<std::string, VXFetchPolicy, std::less<>> fetchPolicyByClass;
     };
 
     // The one call a host needs: a client (VXVelvoxAPI) for the service's
@@ -146,6 +173,15 @@ public:
     RefPtr<VXUser> userForIdentifier(String* identifier, bool forceRefresh, UserBlock block, Subscription* subscription = nullptr) override;
     RefPtr<VXTrack> trackForIdentifier(String* identifier, bool forceRefresh, TrackBlock block, Subscription* subscription = nullptr) override;
     RefPtr<VXComment> commentForIdentifier(String* identifier, bool forceRefresh, CommentBlock block, Subscription* subscription = nullptr);
+    // The same fetches with a policy of their own (forceRefresh true is
+    // CacheAndNetwork, false the class's policy).
+    RefPtr<VXUser> userForIdentifier(String* identifier, VXFetchPolicy, UserBlock block, Subscription* subscription = nullptr);
+    RefPtr<VXTrack> trackForIdentifier(String* identifier, VXFetchPolicy, TrackBlock block, Subscription* subscription = nullptr);
+    RefPtr<VXComment> commentForIdentifier(String* identifier, VXFetchPolicy, CommentBlock block, Subscription* subscription = nullptr);
+    // Whether a cached object is fresh for a cache-first fetch, and when its
+    // record last came in (0: unknown or not recorded).
+    bool isFresh(const VXResource&) const;
+    double receivedAt(const VXResource& resource) const { return m_identityMap.receivedAt(resource); }
 
     // JSON into the identity map.
     RefPtr<VXUser> userWithUserDictionary(Dictionary*) override;
@@ -324,7 +360,8 @@ private:
     int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription*);
     // The single-fetch pattern: the cached object at once unless forced, else
     // the request, whose answer is converted and handed to the block.
-    RefPtr<VXResource> fetch(VXResource* cached, bool forceRefresh, const std::function<void(VXAPICallbackBlock)>& send,
+    VXFetchPolicy policyFor(bool forceRefresh, const ClassInfo&) const;
+    RefPtr<VXResource> fetch(VXResource* cached, VXFetchPolicy, const std::function<void(VXAPICallbackBlock)>& send,
         std::function<std::string()> what, std::function<RefPtr<VXResource>(Dictionary*)> convert, std::function<void(VXResource*, Error*)> block);
     // Runs the conversion of an answer about `what`. Under Report a raise in
     // it becomes the error answered; under Raise it goes on.
