@@ -154,6 +154,42 @@ void SandboxService::Impl::installAccounting()
             return answered();
         return httplib::Server::HandlerResponse::Unhandled;
     });
+    server.set_post_routing_handler([](const httplib::Request& request, httplib::Response& response) { validate(request, response); });
+}
+
+// A JSON answer to a GET carries an ETag made from its body, and a request
+// whose If-None-Match names it is answered 304 without the body, as caching
+// clients expect of a service.
+void SandboxService::Impl::validate(const httplib::Request& request, httplib::Response& response)
+{
+    if (request.method != "GET" || response.status != 200 || response.has_header("ETag")
+        || !response.get_header_value("Content-Type").starts_with("application/json"))
+        return;
+    char tag[32];
+    snprintf(tag, sizeof tag, "\"v%016zx\"", std::hash<std::string>()(response.body));
+    response.set_header("ETag", tag);
+    std::string header = request.get_header_value("If-None-Match");
+    std::string_view asked = header;
+    while (!asked.empty()) {
+        auto comma = asked.find(',');
+        auto candidate = asked.substr(0, comma);
+        while (!candidate.empty() && (candidate.front() == ' ' || candidate.front() == '\t'))
+            candidate.remove_prefix(1);
+        while (!candidate.empty() && (candidate.back() == ' ' || candidate.back() == '\t'))
+            candidate.remove_suffix(1);
+        if (candidate.starts_with("W/"))
+            candidate.remove_prefix(2);
+        if (candidate == tag || candidate == "*") {
+            response.status = 304;
+            response.body.clear();
+            response.headers.erase("Content-Length");
+            response.headers.erase("Content-Type");
+            return;
+        }
+        if (comma == std::string_view::npos)
+            break;
+        asked.remove_prefix(comma + 1);
+    }
 }
 
 // MARK: Answers

@@ -88,6 +88,7 @@ struct SandboxService::Impl {
     // Every route, in the order the server tries them.
     void installRoutes();
     void installAccounting();
+    static void validate(const httplib::Request&, httplib::Response&);
     void installMeRoutes();
     void installSocialRoutes();
     void installActivityRoutes();

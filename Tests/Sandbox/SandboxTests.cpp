@@ -398,3 +398,29 @@ TEST(SandboxFaults, LatenciesMustBeFiniteAndAreCapped)
     }
     service->stop();
 }
+
+TEST(SandboxValidators, AnUnchangedAnswerIsA304AndAChangedOneA200WithANewTag)
+{
+    auto service = startService();
+    auto client = clientOf(*service);
+    auto first = client.Get("/users/1003");
+    ASSERT_TRUE(first);
+    auto tag = first->get_header_value("ETag");
+    ASSERT_FALSE(tag.empty());
+    EXPECT_EQ(client.Get("/users/1003")->get_header_value("ETag"), tag) << "the same answer, the same tag";
+
+    auto again = client.Get("/users/1003", { { "If-None-Match", "W/\"elsewhere\", " + tag } });
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->status, 304);
+    EXPECT_TRUE(again->body.empty());
+    EXPECT_EQ(client.Get("/users/1003", { { "If-None-Match", "\"elsewhere\"" } })->status, 200);
+
+    // A follow changes the user's followers count, so its answer and its tag.
+    ASSERT_TRUE(client.Put("/me/followings/1003", "", "application/x-www-form-urlencoded"));
+    auto changed = client.Get("/users/1003", { { "If-None-Match", tag } });
+    ASSERT_TRUE(changed);
+    EXPECT_EQ(changed->status, 200);
+    EXPECT_NE(changed->get_header_value("ETag"), tag);
+    // Only answers to GETs carry tags.
+    EXPECT_FALSE(client.Put("/me/followings/1003", "", "application/x-www-form-urlencoded")->has_header("ETag"));
+}
