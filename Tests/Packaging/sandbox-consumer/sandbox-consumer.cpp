@@ -1,5 +1,7 @@
 // Fetches "/me" from an in-process sandbox through VXAPIController, as a
 // program built against the installed package. Exits 0 when it got the user.
+// With --find-resources it does not name the resource folder (VELVOX_RESOURCE_DIR)
+// but leaves the library to find it, and prints the sandbox's error if it cannot.
 
 #include <Platform/Platform.h>
 #include <Sandbox/SandboxService.h>
@@ -13,17 +15,16 @@
 
 static_assert(VELVOX_VERSION >= 100, "the version macros are there");
 
-int main()
+int main(int argc, char** argv)
 {
     using namespace velvox;
     // The consumer's own use of curl.
     if (!curl_version())
         return 1;
 
-#ifdef RESOURCE_DIR
     // A statically linked program outside the package's prefix is told where the resources are.
-    Bundle::mainBundle().setResourcePath(RESOURCE_DIR);
-#endif
+    if (argc < 2 || std::string(argv[1]) != "--find-resources")
+        Bundle::mainBundle().setResourcePath(VELVOX_RESOURCE_DIR);
     sandbox::SandboxService service({});
     std::string problem;
     if (!service.start(&problem)) {
