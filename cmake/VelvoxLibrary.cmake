@@ -20,8 +20,13 @@ endfunction()
 # One library per folder under Sources/: the target velvox::<name>, the file
 # libvelvox-<file>.so.<major> (or .a), headers installed under
 # include/velvox/<name>/ and included as <name/Header.h> from one include root.
+# EXPORT_SET: the CMake package's export set (VelvoxKitTargets, the framework;
+# a component has its own, VelvoxKit<Component>Targets).
 function(velvox_add_library name)
-  cmake_parse_arguments(ARG "" "FILE_NAME" "SOURCES;HEADERS;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "FILE_NAME;EXPORT_SET" "SOURCES;HEADERS;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  if(NOT ARG_EXPORT_SET)
+    set(ARG_EXPORT_SET VelvoxKitTargets)
+  endif()
   add_library(${name} ${ARG_SOURCES} ${ARG_HEADERS})
   add_library(velvox::${name} ALIAS ${name})
   if(NOT ARG_FILE_NAME)
@@ -38,7 +43,7 @@ function(velvox_add_library name)
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/velvox>)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
   velvox_target_warnings(${name})
-  install(TARGETS ${name} EXPORT VelvoxKitTargets
+  install(TARGETS ${name} EXPORT ${ARG_EXPORT_SET}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -264,6 +264,12 @@ int FileManager::openFileForReading(const std::string& path, RefPtr<Error>* erro
     return fd;
 }
 
+#ifdef VELVOX_RECORDED_RESOURCES
+namespace detail {
+extern const char recordedResourceFolder[4096];
+}
+#endif
+
 namespace {
 
 std::string executableFolder()
@@ -288,6 +294,18 @@ std::string libraryFolder()
     return stringByDeletingLastPathComponent(resolved);
 }
 
+// The resource folder a static library recorded for the tree it lies in
+// (RecordedResources.cpp), or nothing: the path up to the first line feed or NUL.
+std::string recordedResourceFolder()
+{
+#ifdef VELVOX_RECORDED_RESOURCES
+    std::string_view record(detail::recordedResourceFolder, sizeof(detail::recordedResourceFolder));
+    return std::string(record.substr(0, record.find_first_of(std::string_view("\n\0", 2))));
+#else
+    return {};
+#endif
+}
+
 } // namespace
 
 Bundle::Bundle()
@@ -303,14 +321,17 @@ Bundle::Bundle()
     // Resources are found relative to the install prefix (or the build tree,
     // which has the same shape): beside the program, from the program's bin/,
     // or from the folder of the library itself, for a program installed elsewhere.
+    // Last, the folder a static library recorded for its prefix: a program
+    // linked from it may live anywhere. A moved prefix's record names nothing.
     std::string folder = executableFolder();
     const std::string candidates[] = {
         folder + "/Resources",
         folder + "/" VELVOX_BIN_TO_RESOURCES,
         libraryFolder() + "/" VELVOX_LIB_TO_RESOURCES,
+        recordedResourceFolder(),
     };
     for (auto& candidate : candidates) {
-        if (isFolder(candidate)) {
+        if (!candidate.empty() && isFolder(candidate)) {
             m_resourcePath = std::filesystem::weakly_canonical(candidate).string();
             return;
         }

@@ -61,7 +61,9 @@ RefPtr<Error> posixError(int code, const std::string& path);
 // The program's resources: $VELVOX_RESOURCES when it names a folder, else the
 // folder "Resources" beside the program, else share/velvox/Resources of the
 // prefix the program or the VelvoxKit library is installed in (the build tree
-// has the same shape, so programs and tests there find it the same way).
+// has the same shape, so programs and tests there find it the same way), else,
+// for a static VelvoxKit, the folder of the prefix it was installed in (or of
+// its build tree), if it is still there.
 class Bundle {
 public:
     static Bundle& mainBundle();

@@ -95,6 +95,17 @@ std::string catalogueProblem(const Dictionary& root)
     return "\"me\" names no user of \"users\"";
 }
 
+// No shipped catalogue in the resources: most likely a statically linked
+// program outside VelvoxKit's prefix, which has to say where the resources are.
+std::string missingCatalogueMessage()
+{
+    return "cannot read the catalogue Resources/sandbox/catalogue.json: the resource folder "
+        + Bundle::mainBundle().resourcePath()
+        + " has none. A program that does not live in VelvoxKit's prefix names the folder"
+          " (VelvoxKit_RESOURCE_DIR in CMake, pkg-config's resourcedir) with"
+          " velvox::Bundle::mainBundle().setResourcePath(...) or $VELVOX_RESOURCES";
+}
+
 } // namespace
 
 bool SandboxService::Impl::loadCatalogue(std::string* error)
@@ -105,7 +116,7 @@ bool SandboxService::Impl::loadCatalogue(std::string* error)
     auto data = Data::createWithContentsOfFile(path);
     if (!data) {
         if (error)
-            *error = "cannot read the catalogue " + (path.empty() ? std::string("Resources/sandbox/catalogue.json") : path);
+            *error = path.empty() ? missingCatalogueMessage() : "cannot read the catalogue " + path;
         return false;
     }
     RefPtr<Error> parseError;

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Installs VelvoxKit into temporary prefixes, in the form of the main build and
 # in the other form (static or shared), and builds and runs consumers against
-# each: one with CMake's find_package, one with pkg-config. The prefixes are
-# moved after installing, to show that nothing depends on where they were made.
+# each, with CMake's find_package and with pkg-config: one of the framework
+# alone, one that tests with the sandbox (the package's component Sandbox).
+# The prefixes are moved after installing, to show that nothing depends on
+# where they were made; a static library's recorded resource folder is then
+# gone, and a program that does not name the folder is told how to.
 #
 #   packaging-test.sh SOURCE_DIR BUILD_DIR SHARED(ON|OFF)
 set -euo pipefail
@@ -10,6 +13,7 @@ source_dir=$1
 build_dir=$2
 main_shared=$3
 consumer_src=$source_dir/Tests/Packaging/consumer
+sandbox_consumer_src=$source_dir/Tests/Packaging/sandbox-consumer
 work=$build_dir/packaging
 rm -rf "$work/prefix" "$work/moved" "$work/consumers"
 mkdir -p "$work/prefix" "$work/moved" "$work/consumers"
@@ -21,7 +25,7 @@ if [ "$main_shared" = ON ]; then other=OFF; else other=ON; fi
 # it is kept between runs, so a second run only rebuilds what changed.
 cmake -S "$source_dir" -B "$work/build-$other" -G Ninja -DBUILD_SHARED_LIBS=$other \
   -DVELVOX_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$work/build-$other" >/dev/null
+cmake --build "$work/build-$other" --parallel 2 >/dev/null
 
 check_prefix() {
   local form=$1 build=$2
@@ -33,10 +37,11 @@ check_prefix() {
   [ -f "$prefix/share/doc/velvoxkit/LICENSE" ] || fail "$form: no LICENSE installed"
   [ -f "$prefix/include/velvox/VelvoxKit/VelvoxVersion.h" ] || fail "$form: no version header"
   [ -f "$prefix/include/velvox/Sandbox/SandboxService.h" ] || fail "$form: no sandbox header"
+  [ -f "$prefix/include/velvox/TemplateEngine/TemplateEngine.h" ] || fail "$form: no template engine header"
   [ -f "$prefix/share/velvox/Resources/sandbox/catalogue.json" ] || fail "$form: no resources"
 
   if [ "$form" = shared ]; then
-    for lib in platform jsoncodec zukit api kit sandbox; do
+    for lib in platform jsoncodec zukit api templates kit sandbox; do
       local file=$libdir/libvelvox-$lib.so.0
       [ -e "$file" ] || fail "libvelvox-$lib.so.0 not installed"
       readelf -d "$file" | grep -q "SONAME.*\[libvelvox-$lib.so.0\]" || fail "libvelvox-$lib: no SOVERSION in its SONAME"
@@ -53,12 +58,44 @@ check_prefix() {
   (cd / && env -u VELVOX_TOKEN "$prefix/bin/velvox" api GET /me) | grep -q '"username"' || fail "$form: velvox api GET /me"
   (cd / && "$prefix/bin/velvox-sandbox" --help) >/dev/null || fail "$form: velvox-sandbox --help"
 
-  # A CMake consumer.
-  local consumer=$work/consumers/cmake-$form
+  # The CMake package: the sandbox in an export set of its own, loaded as a component.
+  local package
+  package=$(dirname "$(find "$prefix" -name VelvoxKitConfig.cmake | head -1)")
+  [ -f "$package/VelvoxKitSandboxTargets.cmake" ] || fail "$form: no VelvoxKitSandboxTargets.cmake"
+  ! grep -q 'velvox::Sandbox' "$package/VelvoxKitTargets.cmake" || fail "$form: VelvoxKitTargets.cmake holds the sandbox"
+
+  # CMake consumers, as docs/using.md says: find_package(VelvoxKit 0.1 REQUIRED),
+  # and with COMPONENTS Sandbox.
+  local consumer=$work/consumers/cmake-$form sandbox_consumer=$work/consumers/cmake-sandbox-$form
   cmake -S "$consumer_src" -B "$consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null ||
     fail "$form: the CMake consumer does not configure"
   cmake --build "$consumer" >/dev/null || fail "$form: the CMake consumer does not build"
-  "$consumer/consumer" | tee "$consumer/output.txt" | grep -q 'me is ' || fail "$form: the CMake consumer did not fetch /me"
+  "$consumer/consumer" | grep -q 'hello consumer' || fail "$form: the CMake consumer did not render its template"
+  cmake -S "$sandbox_consumer_src" -B "$sandbox_consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null ||
+    fail "$form: the CMake sandbox consumer does not configure"
+  cmake --build "$sandbox_consumer" >/dev/null || fail "$form: the CMake sandbox consumer does not build"
+  local program=$sandbox_consumer/sandbox-consumer
+  (cd / && "$program") | grep -q 'me is ' || fail "$form: the CMake sandbox consumer did not fetch /me"
+
+  # The same program, outside the prefix, not naming the resource folder.
+  local output
+  if [ "$form" = shared ]; then
+    (cd / && "$program" --find-resources) | grep -q 'me is ' ||
+      fail "$form: the shared library does not find the resources relative to itself"
+  else
+    # Moved: the recorded folder is gone; the error names both remedies.
+    output=$(cd / && "$program" --find-resources 2>&1) && fail "$form: found resources the moved prefix does not have: $output"
+    for part in "sandbox: cannot read the catalogue" "setResourcePath(" '$VELVOX_RESOURCES'; do
+      grep -qF -- "$part" <<<"$output" || fail "$form: the missing catalogue's error does not say \"$part\": $output"
+    done
+    (cd / && VELVOX_RESOURCES=$prefix/share/velvox/Resources "$program" --find-resources) | grep -q 'me is ' ||
+      fail "$form: \$VELVOX_RESOURCES does not name the resources"
+    # Where it was installed, the library finds the folder it recorded.
+    mv "$prefix" "$made"
+    output=$(cd / && "$program" --find-resources 2>&1) || true
+    mv "$made" "$prefix"
+    grep -q 'me is ' <<<"$output" || fail "$form: the static library did not find the resources it was installed with: $output"
+  fi
 
   # A pkg-config consumer, as docs/using.md says: the framework is velvoxkit, the
   # sandbox velvox-sandbox (which requires it); the moved files need no override.
@@ -74,11 +111,16 @@ check_prefix() {
   local resources
   resources=$(pkg-config --variable=resourcedir velvox-sandbox)
   [ -f "$resources/sandbox/catalogue.json" ] || fail "$form: the sandbox's resourcedir holds no catalogue: $resources"
-  pc_flags="$pc_flags -DRESOURCE_DIR=\"$resources\""
-  g++ -std=c++20 -o "$work/consumers/pkgconfig-$form" "$consumer_src/consumer.cpp" $pc_flags -lcurl \
-    $([ "$form" = shared ] && echo "-Wl,-rpath,$libdir") || fail "$form: the pkg-config consumer does not build"
-  "$work/consumers/pkgconfig-$form" | grep -q 'me is ' || fail "$form: the pkg-config consumer did not fetch /me"
-  echo "$form: installed, moved, programs start, CMake and pkg-config consumers fetch /me"
+  pc_flags="$pc_flags -DVELVOX_RESOURCE_DIR=\"$resources\""
+  local rpath
+  rpath=$([ "$form" = shared ] && echo "-Wl,-rpath,$libdir" || true)
+  g++ -std=c++20 -o "$work/consumers/pkgconfig-$form" "$consumer_src/consumer.cpp" \
+    $(pkg-config --cflags --libs $static_flag velvoxkit) -lcurl $rpath || fail "$form: the pkg-config consumer does not build"
+  "$work/consumers/pkgconfig-$form" | grep -q 'hello consumer' || fail "$form: the pkg-config consumer did not render its template"
+  g++ -std=c++20 -o "$work/consumers/pkgconfig-sandbox-$form" "$sandbox_consumer_src/sandbox-consumer.cpp" $pc_flags -lcurl $rpath ||
+    fail "$form: the pkg-config sandbox consumer does not build"
+  "$work/consumers/pkgconfig-sandbox-$form" | grep -q 'me is ' || fail "$form: the pkg-config sandbox consumer did not fetch /me"
+  echo "$form: installed, moved, programs start, CMake and pkg-config consumers build and run, the resources are found or named"
 }
 
 if [ "$main_shared" = ON ]; then

@@ -1,7 +1,8 @@
 // The sandbox service against hostile clients, over real HTTP on loopback:
 // bodies that never end, ever new targets, requests that get no answer and
-// latencies no clock can wait.
+// latencies no clock can wait; and a program that cannot find the catalogue.
 
+#include <Platform/FileManager.h>
 #include <Sandbox/SandboxService.h>
 
 #include <TestServer.h>
@@ -423,4 +424,48 @@ TEST(SandboxValidators, AnUnchangedAnswerIsA304AndAChangedOneA200WithANewTag)
     EXPECT_NE(changed->get_header_value("ETag"), tag);
     // Only answers to GETs carry tags.
     EXPECT_FALSE(client.Put("/me/followings/1003", "", "application/x-www-form-urlencoded")->has_header("ETag"));
+}
+
+// A program that cannot reach the resources (one linked statically from a
+// moved prefix) is told how to name them; a catalogue it names itself is
+// reported by its path alone.
+TEST(SandboxCatalogue, AMissingCatalogueNamesTheWaysToFindTheResources)
+{
+    test::TemporaryFolder empty;
+    auto& bundle = Bundle::mainBundle();
+    const std::string shipped = bundle.resourcePath();
+    struct Case {
+        const char* name;
+        std::string resources;
+        std::string cataloguePath;
+        bool starts;
+        std::vector<std::string> inMessage;
+        std::vector<std::string> notInMessage;
+    };
+    const Case cases[] = {
+        { "the shipped resources", shipped, "", true, {}, {} },
+        { "resources without a catalogue", empty.path(), "", false,
+            { "cannot read the catalogue Resources/sandbox/catalogue.json", empty.path(),
+                "velvox::Bundle::mainBundle().setResourcePath(", "$VELVOX_RESOURCES" },
+            {} },
+        { "a named catalogue that is not there", shipped, empty.path() + "/mine.json", false,
+            { "cannot read the catalogue " + empty.path() + "/mine.json" }, { "setResourcePath" } },
+    };
+    for (auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        bundle.setResourcePath(test.resources);
+        SandboxService::Options options;
+        options.cataloguePath = test.cataloguePath;
+        SandboxService service(options);
+        std::string error;
+        bool started = service.start(&error);
+        service.stop();
+        bundle.setResourcePath(shipped);
+        EXPECT_EQ(started, test.starts) << error;
+        EXPECT_EQ(error.starts_with("cannot read the catalogue "), !test.starts) << error;
+        for (auto& part : test.inMessage)
+            EXPECT_NE(error.find(part), std::string::npos) << "no \"" << part << "\" in: " << error;
+        for (auto& part : test.notInMessage)
+            EXPECT_EQ(error.find(part), std::string::npos) << "\"" << part << "\" in: " << error;
+    }
 }

@@ -1,8 +1,9 @@
-// Fetches "/me" from an in-process sandbox through VXAPIController, as a
-// program built against the installed package. Exits 0 when it got the user.
+// Renders a template and makes a client of the service, as a program built
+// against the installed framework alone. Exits 0 when both worked.
 
 #include <Platform/Platform.h>
-#include <Sandbox/SandboxService.h>
+#include <TemplateEngine/RegexTemplateMatcher.h>
+#include <TemplateEngine/TemplateEngine.h>
 #include <VelvoxKit/VXAPIController.h>
 #include <VelvoxKit/VelvoxVersion.h>
 
@@ -20,39 +21,23 @@ int main()
     if (!curl_version())
         return 1;
 
-#ifdef RESOURCE_DIR
-    // A statically linked program outside the package's prefix is told where the resources are.
-    Bundle::mainBundle().setResourcePath(RESOURCE_DIR);
-#endif
-    sandbox::SandboxService service({});
-    std::string problem;
-    if (!service.start(&problem)) {
-        fprintf(stderr, "sandbox: %s\n", problem.c_str());
+    auto engine = TemplateEngine::templateEngine();
+    engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));
+    auto variables = Dictionary::create({ { "name", String::create("consumer").ptr() } });
+    RefPtr<Error> error;
+    auto text = engine->processTemplate("hello {{ name }}", variables.ptr(), &error);
+    if (!text || text->str() != "hello consumer") {
+        fprintf(stderr, "template: %s\n", error ? error->localizedDescription()->utf8() : "wrong text");
         return 1;
     }
-    auto api = VXVelvoxAPI::create(service.baseURL(), service.token(), &problem);
+
+    std::string problem;
+    auto api = VXVelvoxAPI::create("http://127.0.0.1:9", "token", &problem);
     if (!api) {
         fprintf(stderr, "client: %s\n", problem.c_str());
         return 1;
     }
     auto controller = VXAPIController::create(api.get());
-    std::string username;
-    bool done = false;
-    controller->meUserRessouce([&](VXAPIController*, Object* json, Error* error) {
-        done = true;
-        if (error) {
-            fprintf(stderr, "error: %s\n", error->description()->utf8());
-            return;
-        }
-        if (auto* user = dynamicDowncast<Dictionary>(json)) {
-            if (auto* name = dynamicDowncast<String>(user->objectForKey("username")))
-                username = name->str();
-        }
-    });
-    RunLoop::current().runUntil([&] { return done; }, 20);
-    service.stop();
-    if (username.empty())
-        return 1;
-    printf("velvox %s: me is %s\n", VELVOX_VERSION_STRING, username.c_str());
+    printf("velvox %s: %s, and a client\n", VELVOX_VERSION_STRING, text->utf8());
     return 0;
 }
