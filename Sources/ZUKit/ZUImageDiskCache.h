@@ -1,19 +1,13 @@
 #pragma once
 
-// The disk tier of the loading image cache: one file per URL in a folder
-// (a header with the URL, its validators, the body's length and checksum,
-// then the body), written atomically, bounded in bytes with the oldest use
-// going first, and indexed from the folder at first use so that it survives
-// a restart. Apart from the memory tier and the loads because it is a file
-// format and a folder's bookkeeping, with nothing of requests in it.
+// The disk tier of the loading image cache: a validated disk cache whose
+// bodies must be images (see Platform/ValidatedDiskCache.h for the files).
 
 #include <Platform/Image.h>
+#include <Platform/ValidatedDiskCache.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 namespace velvox {
 
@@ -25,47 +19,27 @@ public:
         std::string lastModified;
     };
 
-    // `enabled` false: nothing is read or written. `maximumImageSize` bounds
-    // the bodies read back (a larger file is damage, not an image).
     ZUImageDiskCache(std::string path, size_t capacity, size_t maximumImageSize, bool enabled);
 
-    bool enabled() const { return m_enabled; }
-    const std::string& path() const { return m_path; }
-    size_t capacity() const { return m_capacity; }
-    // Drops the oldest entries down to the new capacity.
-    void setCapacity(size_t bytes);
+    bool enabled() const { return m_files.enabled(); }
+    const std::string& path() const { return m_files.path(); }
+    size_t capacity() const { return m_files.capacity(); }
+    void setCapacity(size_t bytes) { m_files.setCapacity(bytes); }
 
-    // The entry of a URL, checked whole; a damaged one is removed (and counted).
+    // The entry of a URL, checked whole (an image that decodes); a damaged one is removed.
     std::optional<Entry> read(const std::string& url);
-    // Keeps the image unless the tier is off, a field would break the header,
-    // or the body could never fit; failures to write lose only the entry.
-    void write(const std::string& url, Image&, const std::string& etag, const std::string& lastModified);
-    void removeAll();
+    void write(const std::string& url, Image& image, const std::string& etag, const std::string& lastModified)
+    {
+        m_files.write(url, image.data(), etag, lastModified);
+    }
+    void removeAll() { m_files.removeAll(); }
 
-    size_t bytes();
-    size_t count();
-    uint64_t corruptEntries() const { return m_corruptEntries; }
+    size_t bytes() { return m_files.bytes(); }
+    size_t count() { return m_files.count(); }
+    uint64_t corruptEntries() const { return m_files.corruptEntries(); }
 
 private:
-    struct IndexEntry {
-        size_t size;
-        double lastUse;
-    };
-
-    std::string pathOfFile(const std::string& file) const;
-    void index();
-    void forget(const std::string& file, bool remove);
-    void trim();
-
-    std::string m_path;
-    size_t m_capacity;
-    size_t m_maximumImageSize;
-    bool m_enabled;
-    // Read from the folder at first use.
-    std::unordered_map<std::string, IndexEntry> m_byFile;
-    size_t m_bytes { 0 };
-    bool m_indexed { false };
-    uint64_t m_corruptEntries { 0 };
+    ValidatedDiskCache m_files;
 };
 
 } // namespace velvox
