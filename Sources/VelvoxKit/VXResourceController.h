@@ -37,6 +37,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -131,6 +132,14 @@ public:
         // The policy of fetches made without forceRefresh, by class
         // ("VXTrack"); CacheFirst for a class without an entry.
         std::map<std::string, VXFetchPolicy, std::less<>> fetchPolicyByClass;
+        // Follow, unfollow, favorite and unfavorite show at once: the user's
+        // "followedByMe" or the track's "userFavorite" changes (one
+        // announcement), the request goes out, and a failure rolls the value
+        // back (one more) and hands the caller the error. Changes to one user
+        // or track are sent one at a time, so that quick opposite changes end
+        // in the last one's state on the service and in the model; follow
+        // checks answer the value under way. Off: the interface's behaviour.
+        bool optimisticChanges { false };
     };
 
     // The one call a host needs: a client (VXVelvoxAPI) for the service's
@@ -254,6 +263,13 @@ public:
     int32_t meIsFollowedByUserForIdentifier(String* identifier, FollowCheckBlock block, Subscription* subscription = nullptr) override;
     void startFollowingUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr) override;
     void stopFollowingByUserForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr) override;
+    // The signed-in user's favorites: PUT or DELETE "me/favorites/<id>"; the
+    // cached track's "userFavorite" takes the new value when the service
+    // agrees (at once under optimistic changes). The block gets the answer.
+    void favoriteTrackForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr);
+    void unfavoriteTrackForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr);
+    // Optimistic changes not yet settled with the service.
+    size_t pendingChangeCount() const { return m_changes.size(); }
 
     // Play history and refresh dates of the signed-in account.
     void registerTrackPlayedForIdentifier(String* trackIdentifier) override;
@@ -328,6 +344,14 @@ public:
     {
         postCommentWithTrackIdentifier(String::create(trackIdentifier).ptr(), String::create(body).ptr(), timestamp, std::move(block), subscription);
     }
+    void favoriteTrackForIdentifier(std::string_view identifier, ResultBlock block, Subscription* subscription = nullptr)
+    {
+        favoriteTrackForIdentifier(String::create(identifier).ptr(), std::move(block), subscription);
+    }
+    void unfavoriteTrackForIdentifier(std::string_view identifier, ResultBlock block, Subscription* subscription = nullptr)
+    {
+        unfavoriteTrackForIdentifier(String::create(identifier).ptr(), std::move(block), subscription);
+    }
     void registerTrackPlayedForIdentifier(std::string_view trackIdentifier) { registerTrackPlayedForIdentifier(String::create(trackIdentifier).ptr()); }
     bool hasTrackBeenPlayedForTrackIdentifier(std::string_view trackIdentifier) const { return hasTrackBeenPlayedForTrackIdentifier(String::create(trackIdentifier).ptr()); }
     Ref<VXUserCollectionController> usersFollowingUserForIdentifier(std::string_view userIdentifier) { return usersFollowingUserForIdentifier(String::create(userIdentifier).ptr()); }
@@ -358,6 +382,26 @@ private:
 
     Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*create)(Dictionary*), String* identifier, Dictionary*);
     int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription*);
+    void changeFollow(bool follow, String* identifier, ResultBlock block, Subscription*);
+    void changeFavorite(bool favorite, String* identifier, ResultBlock block, Subscription*);
+
+    // An optimistic change of one value (a follow, a favorite) until it is
+    // settled with the service: what the caller wants now, what the service
+    // last agreed to, and the callers told when it settles.
+    struct Change {
+        int32_t desired { 0 };
+        int32_t confirmed { unknownToTheService };
+        int32_t rollback { -1 };
+        bool inFlight { false };
+        std::vector<std::shared_ptr<ResultBlock>> callers;
+        std::function<void(int32_t)> apply;
+        std::function<void(int32_t, VXAPICallbackBlock)> send;
+        static constexpr int32_t unknownToTheService = -3;
+    };
+    void requestChange(const std::string& target, int32_t desired, int32_t current, std::function<void(int32_t)> apply,
+        std::function<void(int32_t, VXAPICallbackBlock)> send, ResultBlock block, Subscription*);
+    void sendChange(const std::string& target);
+    void settleChange(const std::string& target, Object* answer, Error*);
     // The single-fetch pattern: the cached object at once unless forced, else
     // the request, whose answer is converted and handed to the block.
     VXFetchPolicy policyFor(bool forceRefresh, const ClassInfo&) const;
@@ -387,6 +431,7 @@ private:
     // The refreshes of unfinished tracks, stopped with the store.
     VXTrackPoller m_poller;
     Options m_options;
+    std::map<std::string, std::shared_ptr<Change>> m_changes;
 };
 
 } // namespace velvox

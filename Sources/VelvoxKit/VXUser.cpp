@@ -66,17 +66,24 @@ void VXUser::setFollowedByMe(int32_t followedByMe)
         return;
     Ref protectedThis { *this };
     auto done = [protectedThis, followedByMe](Object*, Error* error) {
-        if (error)
-            return;
-        protectedThis->willChangeValueForKey("followedByMe");
-        protectedThis->m_followedByMe = followedByMe;
-        protectedThis->didChangeValueForKey("followedByMe");
+        if (!error)
+            protectedThis->applyFollowedByMe(followedByMe);
     };
     auto& store = VXResourceStore::shared();
     if (followedByMe == 1)
         store.startFollowingUserForIdentifier(resourceIdentifier(), done);
     else
         store.stopFollowingByUserForIdentifier(resourceIdentifier(), done);
+}
+
+void VXUser::applyFollowedByMe(int32_t followedByMe)
+{
+    if (followedByMe == m_followedByMe)
+        return;
+    Ref protectedThis { *this };
+    willChangeValueForKey("followedByMe");
+    m_followedByMe = followedByMe;
+    didChangeValueForKey("followedByMe");
 }
 
 RefPtr<Image> VXUser::avatarImage()

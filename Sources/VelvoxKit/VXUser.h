@@ -63,8 +63,13 @@ public:
     int32_t isFollowedByMe() { return isFollowedByMe(false); }
     int32_t isFollowedByMe(bool forceRefresh);
     // Asks the service to follow (1) or stop following (0); the property
-    // changes when the service has agreed.
+    // changes when the service has agreed (at once, under the store's
+    // optimistic changes).
     void setFollowedByMe(int32_t);
+    // Takes a value the store knows (an optimistic change, its rollback),
+    // announced to observers of "followedByMe" when it differs; asks nothing.
+    void applyFollowedByMe(int32_t);
+    int32_t followedByMeValue() const { return m_followedByMe; }
 
     // From the shared loading image cache: the image if it is at hand, else
     // null, and a load whose end announces the key and posts the notification.
