@@ -21,7 +21,7 @@ int main(int argc, char** argv)
     app.add_option("--max-upload", options.maximumUploadBytes, "The largest request body accepted, in bytes, with a length or chunked")->default_val(64u * 1024 * 1024);
     std::vector<std::string> faults;
     app.add_option("--fault", faults,
-        "Answer requests under PATH badly: PATH=latency:SECONDS (finite, at most 3600 applied), status:CODE, not-json, cut-off, drop "
+        "Answer requests under PATH badly: PATH=latency:SECONDS (finite, at most 3600 applied), status:CODE[:retry-after:VALUE] (VALUE sent as \"Retry-After\"), not-json, cut-off, drop "
         "or no-answer (at most 8 held at once; past that the connection closes) (repeatable)");
     try {
         app.parse(argc, argv);

@@ -196,6 +196,7 @@ int runAPI(const APIOptions& options)
             parameters->setObject(String::create(value), key);
     }
 
+    // The default retry policy (none): one raw request, whose answer is printed as the service gave it.
     auto client = TappedAPI::create(baseURL, token);
     client->setShowBar(uploads);
     auto controller = VXAPIController::create(client.ptr());

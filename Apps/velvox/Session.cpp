@@ -55,6 +55,9 @@ int Session::open(const char* command)
         return ExitUsage;
     }
     api->setTimeout(30);
+    // A service that fails for a moment (no connection, 429, 5xx) is asked
+    // again for what may be asked twice: lists, records, follow changes.
+    api->setRetryPolicy(VXVelvoxAPI::RetryPolicy::recommended());
     // The host makes the store's folder, which the store itself only fills,
     // so that the identity map is kept from the first run on.
     FileManager::defaultManager().createDirectoryAtPath(

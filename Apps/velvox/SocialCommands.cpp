@@ -28,14 +28,20 @@ bool worthRetrying(Error* error)
 int32_t followState(Session& session, String* identifier, RefPtr<Error>& failure)
 {
     static constexpr double pauses[] = { 1, 2 };
+    // These spaced checks are the retries: the client's own would multiply
+    // them. A request keeps the policy it was made with.
+    auto* client = session.store().apiController()->api();
     for (size_t attempt = 0;; ++attempt) {
         RefPtr<Number> result;
         bool done = false;
+        auto policy = client->retryPolicy();
+        client->setRetryPolicy({});
         session.store().meIsFollowingUserForIdentifier(identifier, [&](Number* answer, Error* error) {
             result = answer;
             failure = error;
             done = true;
         });
+        client->setRetryPolicy(policy);
         if (!session.waitFor([&] { return done; })) {
             failure = session.noAnswer();
             return -1;

@@ -54,8 +54,22 @@ bool parseFault(std::string_view text, Fault& fault, std::string* problem)
             return fail("latency:SECONDS needs a finite number of seconds, 0 or more, not \"" + std::string(argument) + "\"");
         fault.kind = Fault::Kind::Latency;
         fault.seconds = std::min(value, Fault::maximumLatencySeconds);
-    } else if (mode == "status" && number(value) && value >= 100 && value <= 599)
+    } else if (mode == "status") {
+        static constexpr std::string_view retryAfter = ":retry-after:";
+        if (size_t option = argument.find(':'); option != std::string_view::npos) {
+            if (!argument.substr(option).starts_with(retryAfter))
+                return fail("status:CODE takes only :retry-after:VALUE after it, not \"" + std::string(argument.substr(option)) + "\"");
+            fault.retryAfter = std::string(argument.substr(option + retryAfter.size()));
+            argument = argument.substr(0, option);
+            // A line break would end the header and start another.
+            bool control = std::any_of(fault.retryAfter.begin(), fault.retryAfter.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; });
+            if (fault.retryAfter.empty() || control)
+                return fail("retry-after:VALUE needs a value without control characters");
+        }
+        if (!number(value) || value < 100 || value > 599)
+            return fail("status:CODE needs a status from 100 to 599, not \"" + std::string(argument) + "\"");
         fault.kind = Fault::Kind::Status, fault.status = static_cast<int>(value);
+    }
     else if (mode == "not-json" && argument.empty())
         fault.kind = Fault::Kind::NotJSON;
     else if (mode == "cut-off" && argument.empty())
@@ -66,7 +80,7 @@ bool parseFault(std::string_view text, Fault& fault, std::string* problem)
         fault.kind = Fault::Kind::NoAnswer;
     else
         return fail("unknown fault mode " + std::string(text.substr(equals + 1))
-            + " (latency:SECONDS, status:CODE, not-json, cut-off, drop or no-answer)");
+            + " (latency:SECONDS, status:CODE[:retry-after:VALUE], not-json, cut-off, drop or no-answer)");
     return true;
 }
 
@@ -90,6 +104,8 @@ bool SandboxService::Impl::applyFault(const httplib::Request& request, httplib::
     }
     case Fault::Kind::Status:
         sendError(response, fault.status, std::to_string(fault.status) + " - Sandbox fault");
+        if (!fault.retryAfter.empty())
+            response.set_header("Retry-After", fault.retryAfter);
         return true;
     case Fault::Kind::NotJSON:
         response.status = 200;

@@ -20,9 +20,13 @@ namespace velvox::sandbox {
 
 // A fault injected into the answers of paths that start with `pathPrefix`.
 // Parses "PATH=MODE" as the command line gives a fault: MODE is one of
-// latency:SECONDS, status:CODE, not-json, cut-off, drop, no-answer. Answers
-// false, with the reason, for anything else (a latency that is negative or not
-// a finite number included); a latency above Fault::maximumLatencySeconds is
+// latency:SECONDS, status:CODE, status:CODE:retry-after:VALUE, not-json,
+// cut-off, drop, no-answer. VALUE, the rest of the text as it is ("2", or a
+// date such as "Sun, 06 Nov 1994 08:49:37 GMT"), is sent as the answer's
+// "Retry-After" header; it may be anything but empty or a control character,
+// so that clients can be tested with values they must ignore. Answers false,
+// with the reason, for anything else (a latency that is negative or not a
+// finite number included); a latency above Fault::maximumLatencySeconds is
 // cut to it.
 struct Fault;
 bool parseFault(std::string_view text, Fault& fault, std::string* problem);
@@ -48,6 +52,10 @@ struct Fault {
     double seconds { 0 };
     // How many requests it applies to; -1 for all.
     int count { -1 };
+    // For Status: the "Retry-After" header sent with it, when not empty. Last, and with
+    // an initializer, so that faults written as { kind, path, status, seconds,
+    // count } stay valid (no missing-initializer warning).
+    std::string retryAfter {};
 };
 
 class SandboxService {

@@ -5,7 +5,10 @@
 #include <Platform/RunLoop.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <cmath>
+#include <random>
 
 namespace velvox {
 
@@ -45,6 +48,7 @@ VXVelvoxAPI::~VXVelvoxAPI()
     // Requests of a client that is gone end silently.
     m_queue.clear();
     m_refusals.clear();
+    m_retries.clear();
     auto tasks = std::move(m_tasks);
     for (auto& [identifier, task] : tasks)
         task->cancel();
@@ -58,6 +62,7 @@ Ref<VXVelvoxAPI> VXVelvoxAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate)
     copy->m_maximumAnswerSize = m_maximumAnswerSize;
     copy->m_connectTimeout = m_connectTimeout;
     copy->m_maximumRunningRequests = m_maximumRunningRequests;
+    copy->m_retryPolicy = m_retryPolicy;
     return copy;
 }
 
@@ -93,7 +98,104 @@ bool isUpload(Object* value)
     return url && url->scheme() == "file";
 }
 
+// The transfer failures worth another attempt, by libcurl's number: no
+// connection (7), a time-out (28), a connection that ended early (18 partial
+// body, 52 empty reply, 55 send and 56 receive failure). Not an unknown host
+// (6), a TLS failure (35, 60) or an answer over the size limit (63): another
+// attempt would fail the same way.
+bool isPassingTransferFailure(int64_t code)
+{
+    static constexpr std::array<int64_t, 6> passing { 7, 18, 28, 52, 55, 56 };
+    return std::find(passing.begin(), passing.end(), code) != passing.end();
+}
+
+// Seconds since 1970 of an IMF-fixdate ("Sun, 06 Nov 1994 08:49:37 GMT"),
+// the form services send; -1 for anything else.
+double parseHTTPDate(std::string_view text)
+{
+    static constexpr std::string_view months[] = { "Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec" };
+    if (text.size() != 29 || text[3] != ',' || text.substr(25) != " GMT")
+        return -1;
+    auto number = [&](size_t at, size_t length, int& out) {
+        out = 0;
+        for (char c : text.substr(at, length)) {
+            if (c < '0' || c > '9')
+                return false;
+            out = out * 10 + (c - '0');
+        }
+        return true;
+    };
+    int day, year, hour, minute, second;
+    if (!number(5, 2, day) || !number(12, 4, year) || !number(17, 2, hour) || !number(20, 2, minute) || !number(23, 2, second))
+        return -1;
+    if (text[4] != ' ' || text[7] != ' ' || text[11] != ' ' || text[16] != ' ' || text[19] != ':' || text[22] != ':')
+        return -1;
+    auto month = std::find(std::begin(months), std::end(months), text.substr(8, 3)) - std::begin(months);
+    if (month == 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60)
+        return -1;
+    // Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's days_from_civil).
+    int y = year - (month < 2);
+    int era = y / 400;
+    int yearOfEra = y - era * 400;
+    int shiftedMonth = static_cast<int>(month) + (month < 2 ? 10 : -2);
+    int dayOfYear = (153 * shiftedMonth + 2) / 5 + day - 1;
+    int dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+    double days = era * 146097.0 + dayOfEra - 719468;
+    return days * 86400 + hour * 3600 + minute * 60 + second;
+}
+
+// The wait a "Retry-After" value asks for, at most `ceiling`; -1 when it is
+// neither delta-seconds nor an HTTP date.
+double retryAfterSeconds(std::string_view value, double wallNow, double ceiling)
+{
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
+        value.remove_prefix(1);
+    while (!value.empty() && (value.back() == ' ' || value.back() == '\t'))
+        value.remove_suffix(1);
+    if (value.empty())
+        return -1;
+    if (std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        // Digit by digit, stopping at the ceiling: 10^12 or a thousand digits cannot overflow.
+        double seconds = 0;
+        for (char c : value) {
+            seconds = seconds * 10 + (c - '0');
+            if (seconds >= ceiling)
+                return ceiling;
+        }
+        return seconds;
+    }
+    double date = parseHTTPDate(value);
+    if (date < 0)
+        return -1;
+    return std::clamp(date - wallNow, 0.0, ceiling);
+}
+
+// A policy's number as a wait: never negative or NaN, never beyond a day.
+double saneDelay(double seconds)
+{
+    static constexpr double longest = 24 * 60 * 60;
+    return seconds > 0 ? std::min(seconds, longest) : 0;
+}
+
 } // namespace
+
+bool VXVelvoxAPI::isIdempotent(std::string_view method, std::string_view resource)
+{
+    if (method == "GET")
+        return true;
+    if (method != "PUT" && method != "DELETE")
+        return false;
+    // Following a user or favoriting a track twice leaves it followed or favorited once.
+    while (!resource.empty() && resource.front() == '/')
+        resource.remove_prefix(1);
+    for (std::string_view collection : { std::string_view("me/followings/"), std::string_view("me/favorites/") }) {
+        if (resource.starts_with(collection)) {
+            auto identifier = resource.substr(collection.size());
+            return !identifier.empty() && identifier.find_first_of("/?") == std::string_view::npos;
+        }
+    }
+    return false;
+}
 
 std::string VXVelvoxAPI::URLForResource(std::string_view resource, Dictionary* queryParameters) const
 {
@@ -182,8 +284,22 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
     // A waiting request keeps what it was made with and becomes an HTTP
     // request only when its turn comes: waiting, or cancelled while waiting,
     // costs little. The parameters are copied, as a caller may change its own.
-    QueuedRequest queued { identifier, method.str(), Ref<String>(const_cast<String&>(resource)), parameters ? RefPtr<Dictionary>(parameters->copy()) : nullptr, context, userInfo };
+    QueuedRequest queued { identifier, method.str(), Ref<String>(const_cast<String&>(resource)), parameters ? RefPtr<Dictionary>(parameters->copy()) : nullptr, context, userInfo, m_retryPolicy };
+    // An upload is never sent twice, whatever its path.
+    bool upload = false;
+    if (parameters) {
+        for (auto& entry : *parameters)
+            upload |= isUpload(entry.object);
+    }
+    if (!upload && isIdempotent(queued.method, resource.view()))
+        queued.retriesLeft = m_retryPolicy.maximumRetries;
+    startOrQueue(std::move(queued));
+}
+
+void VXVelvoxAPI::startOrQueue(QueuedRequest&& queued)
+{
     if (m_maximumRunningRequests && m_tasks.size() >= m_maximumRunningRequests) {
+        uint64_t identifier = queued.identifier;
         m_queue.emplace(identifier, std::move(queued));
         return;
     }
@@ -226,37 +342,58 @@ URLRequest VXVelvoxAPI::requestFor(const std::string& method, const String& reso
     return request;
 }
 
-URLTaskCallbacks VXVelvoxAPI::callbacksFor(uint64_t identifier, Object* context, Dictionary* userInfo)
+URLTaskCallbacks VXVelvoxAPI::callbacksFor(std::shared_ptr<QueuedRequest> request)
 {
-    RefPtr<Object> protectedContext = context;
-    RefPtr<Dictionary> protectedUserInfo = userInfo;
     URLTaskCallbacks callbacks;
-    callbacks.didSendBytes = [this, protectedContext, protectedUserInfo](uint64_t sent, uint64_t total) {
-        Ref protectedThis { *this };
-        if (m_delegate)
-            m_delegate->velvoxAPIDidSendBytes(*this, sent, total, protectedContext.get(), protectedUserInfo.get());
-    };
-    if (!m_delegate || m_delegate->velvoxAPIWantsReceivedData()) {
-        callbacks.didReceiveBytes = [this, protectedContext, protectedUserInfo](uint64_t received, uint64_t total) {
+    // The progress of an attempt that may be followed by another is not told:
+    // the delegate would hear the same bytes twice. When such an attempt ends
+    // the request, its answer is told as one piece before the outcome.
+    bool live = !request->retriesLeft;
+    bool wantsPieces = !m_delegate || m_delegate->velvoxAPIWantsReceivedData();
+    if (live) {
+        callbacks.didSendBytes = [this, request](uint64_t sent, uint64_t total) {
             Ref protectedThis { *this };
             if (m_delegate)
-                m_delegate->velvoxAPIDidReceiveBytes(*this, received, total, protectedContext.get(), protectedUserInfo.get());
-        };
-        callbacks.didReceiveData = [this, protectedContext, protectedUserInfo](Data& chunk) {
-            Ref protectedThis { *this };
-            if (m_delegate)
-                m_delegate->velvoxAPIDidReceiveData(*this, &chunk, protectedContext.get(), protectedUserInfo.get());
+                m_delegate->velvoxAPIDidSendBytes(*this, sent, total, request->context.get(), request->userInfo.get());
         };
     }
-    callbacks.didComplete = [this, identifier, protectedContext, protectedUserInfo](URLResponse* response, Error* error) {
+    if (live && wantsPieces) {
+        callbacks.didReceiveBytes = [this, request](uint64_t received, uint64_t total) {
+            Ref protectedThis { *this };
+            if (m_delegate)
+                m_delegate->velvoxAPIDidReceiveBytes(*this, received, total, request->context.get(), request->userInfo.get());
+        };
+        callbacks.didReceiveData = [this, request](Data& chunk) {
+            Ref protectedThis { *this };
+            if (m_delegate)
+                m_delegate->velvoxAPIDidReceiveData(*this, &chunk, request->context.get(), request->userInfo.get());
+        };
+    }
+    callbacks.didComplete = [this, request, live, wantsPieces](URLResponse* response, Error* error) {
         Ref protectedThis { *this }; // the delegate may release the last reference to us
+        uint64_t identifier = request->identifier;
         m_tasks.erase(identifier);
-        forgetUserInfo(protectedUserInfo.get(), identifier);
+        if (double delay = retryDelay(*request, response, error); delay >= 0) {
+            retryLater(request, delay);
+            startQueuedRequests();
+            return;
+        }
+        forgetUserInfo(request->userInfo.get(), identifier);
         startQueuedRequests();
         if (!m_delegate)
             return;
+        Object* context = request->context.get();
+        Dictionary* userInfo = request->userInfo.get();
+        if (!live && wantsPieces && response && response->body().length()) {
+            uint64_t length = response->body().length();
+            m_delegate->velvoxAPIDidReceiveBytes(*this, length, length, context, userInfo);
+            if (m_delegate)
+                m_delegate->velvoxAPIDidReceiveData(*this, &response->body(), context, userInfo);
+            if (!m_delegate)
+                return;
+        }
         if (error) {
-            m_delegate->velvoxAPIDidFailWithError(*this, error, protectedContext.get(), protectedUserInfo.get());
+            m_delegate->velvoxAPIDidFailWithError(*this, error, context, userInfo);
             return;
         }
         // Redirects are not followed, so a 3xx is no more an answer than a 4xx.
@@ -267,12 +404,51 @@ URLTaskCallbacks VXVelvoxAPI::callbacksFor(uint64_t identifier, Object* context,
                 { VXVelvoxAPIResponseStatusKey, Number::withInteger(response->statusCode()).ptr() },
             });
             auto failure = Error::create(VXVelvoxAPIErrorDomain, response->statusCode(), info.ptr());
-            m_delegate->velvoxAPIDidFailWithError(*this, failure.ptr(), protectedContext.get(), protectedUserInfo.get());
+            m_delegate->velvoxAPIDidFailWithError(*this, failure.ptr(), context, userInfo);
             return;
         }
-        m_delegate->velvoxAPIDidFinishWithData(*this, &response->body(), protectedContext.get(), protectedUserInfo.get());
+        m_delegate->velvoxAPIDidFinishWithData(*this, &response->body(), context, userInfo);
     };
     return callbacks;
+}
+
+double VXVelvoxAPI::retryDelay(const QueuedRequest& request, URLResponse* response, Error* error)
+{
+    if (!request.retriesLeft)
+        return -1;
+    const auto& policy = request.policy;
+    if (error) {
+        if (!error->domain()->isEqualToString(URLErrorDomain) || !isPassingTransferFailure(error->code()))
+            return -1;
+    } else {
+        long status = response->statusCode();
+        if (status != 429 && (status < 500 || status > 599))
+            return -1;
+        if (auto* value = response->headers().objectForKey<String>("retry-after")) {
+            double asked = retryAfterSeconds(value->view(), RunLoop::current().clock().wallTime(), saneDelay(policy.maximumRetryAfter));
+            if (asked >= 0)
+                return asked;
+        }
+    }
+    int doublings = static_cast<int>(std::min(request.retries, 64u));
+    double delay = std::min(saneDelay(std::ldexp(saneDelay(policy.initialDelay), doublings)), saneDelay(policy.maximumDelay));
+    if (!(delay > 0))
+        return 0;
+    thread_local std::minstd_rand random { std::random_device {}() };
+    return delay / 2 + std::uniform_real_distribution<double>(0, delay / 2)(random);
+}
+
+void VXVelvoxAPI::retryLater(std::shared_ptr<QueuedRequest> request, double delay)
+{
+    --request->retriesLeft;
+    ++request->retries;
+    uint64_t identifier = request->identifier;
+    // The client stops the timer when it goes, so the timer may use it bare.
+    m_retries.emplace(identifier, RunLoop::current().performAfterDelay(delay, [this, request] {
+        Ref protectedThis { *this };
+        auto waited = m_retries.extract(request->identifier);
+        startOrQueue(std::move(*request));
+    }));
 }
 
 void VXVelvoxAPI::forgetUserInfo(const Dictionary* userInfo, uint64_t identifier)
@@ -295,17 +471,19 @@ void VXVelvoxAPI::cancelMethodWithUserInfo(Dictionary* userInfo)
         startQueuedRequests();
         return;
     }
-    if (m_queue.erase(identifier))
+    if (m_queue.erase(identifier) || m_retries.erase(identifier))
         return;
     m_refusals.erase(identifier);
 }
 
 void VXVelvoxAPI::start(QueuedRequest&& queued)
 {
-    auto request = requestFor(queued.method, queued.resource, queued.parameters.get());
-    auto task = URLLoader::current().start(request, callbacksFor(queued.identifier, queued.context.get(), queued.userInfo.get()));
+    // Shared with the task's callbacks, which may send it again.
+    auto request = std::make_shared<QueuedRequest>(std::move(queued));
+    uint64_t identifier = request->identifier;
+    auto task = URLLoader::current().start(requestFor(request->method, request->resource, request->parameters.get()), callbacksFor(request));
     if (!task->isFinished())
-        m_tasks.emplace(queued.identifier, std::move(task));
+        m_tasks.emplace(identifier, std::move(task));
 }
 
 void VXVelvoxAPI::startQueuedRequests()

@@ -22,6 +22,12 @@
 // At most maximumRunningRequests() requests run at once; later ones wait, in
 // the order they were made, for a running one to end. A waiting request's
 // time-out starts when it is sent.
+//
+// Retries (RetryPolicy, off unless set): an idempotent request (a GET, or a
+// PUT or DELETE of "me/followings/<id>" or "me/favorites/<id>") that fails
+// for a passing reason (no connection, a time-out, a broken transfer, HTTP 429
+// or 5xx) is sent again after a wait, at most maximumRetries times. The
+// delegate hears of it as of one request: its outcome is that of the last attempt.
 
 #include "VXVelvoxAPIDelegate.h"
 
@@ -29,6 +35,7 @@
 #include <Platform/URLLoading.h>
 
 #include <map>
+#include <memory>
 #include <string_view>
 #include <unordered_map>
 
@@ -45,6 +52,32 @@ inline constexpr int64_t VXVelvoxAPIErrorInvalidResource = 1;
 class VXVelvoxAPI : public Object {
     VX_OBJECT(VXVelvoxAPI)
 public:
+    // When and how often a failed idempotent request is sent again. The
+    // default sends nothing again: a failing request fails at once, exactly as
+    // a client without retries does, which callers that count requests or
+    // keep their own spaced attempts rely on. Hosts turn it on (recommended()).
+    //
+    // The n-th retry (from 0) waits d/2 plus a random part of d/2 ("equal
+    // jitter"), d being initialDelay * 2^n capped at maximumDelay, so that
+    // clients that failed together do not come back together, and no retry
+    // comes at once. A failed answer with "Retry-After" (delta-seconds or an
+    // HTTP date, RFC 9110) waits that long instead, capped at maximumRetryAfter;
+    // a date already past waits nothing; a value that is neither is ignored.
+    struct RetryPolicy {
+        unsigned maximumRetries { 0 };
+        double initialDelay { 1 };
+        double maximumDelay { 30 };
+        double maximumRetryAfter { 60 };
+
+        // Three retries, 1 s doubling up to 30 s, "Retry-After" up to 60 s.
+        static RetryPolicy recommended()
+        {
+            RetryPolicy policy;
+            policy.maximumRetries = 3;
+            return policy;
+        }
+    };
+
     // Null when the configuration is refused (see configurationProblem); then
     // `problem`, when given, receives the reason.
     static RefPtr<VXVelvoxAPI> create(std::string_view baseURL, std::string_view accessToken, std::string* problem = nullptr);
@@ -63,7 +96,8 @@ public:
     // Sends the request asynchronously; the delegate hears of it later.
     virtual void performMethod(const String& method, const String& resource, Dictionary* parameters, Object* context, Dictionary* userInfo);
     // Stops the request last performed with this very userInfo object, whether
-    // it runs (the transfer is cancelled), waits its turn or was refused; the
+    // it runs (the transfer is cancelled), waits its turn, waits to be sent
+    // again or was refused; the
     // delegate hears nothing more of it. Does nothing once it has ended.
     virtual void cancelMethodWithUserInfo(Dictionary* userInfo);
 
@@ -93,6 +127,17 @@ public:
     // the request with the URL loader's size error. 64 MiB unless set.
     size_t maximumAnswerSize() const { return m_maximumAnswerSize; }
     void setMaximumAnswerSize(size_t bytes) { m_maximumAnswerSize = bytes; }
+    // A request follows the policy the client had when it was performed.
+    const RetryPolicy& retryPolicy() const { return m_retryPolicy; }
+    void setRetryPolicy(const RetryPolicy& policy) { m_retryPolicy = policy; }
+    // Requests that failed and wait to be sent again. While it waits, a request
+    // holds no running slot: a failing service does not keep the other
+    // requests waiting. When its time comes, it takes its turn as a new
+    // request would, ahead of the requests made after it.
+    size_t retryingRequestCount() const { return m_retries.size(); }
+    // Whether a request of this method on this resource may be sent twice
+    // with the same effect as once, and so be retried.
+    static bool isIdempotent(std::string_view method, std::string_view resource);
 
 protected:
     VXVelvoxAPI(std::string baseURL, std::string accessToken)
@@ -111,9 +156,19 @@ private:
         RefPtr<Dictionary> parameters;
         RefPtr<Object> context;
         RefPtr<Dictionary> userInfo;
+        RetryPolicy policy;
+        // Retries sent so far, and how many may still follow (0 for a request
+        // that is not idempotent or when the policy is off).
+        unsigned retries { 0 };
+        unsigned retriesLeft { 0 };
     };
     URLRequest requestFor(const std::string& method, const String& resource, Dictionary* parameters) const;
-    URLTaskCallbacks callbacksFor(uint64_t identifier, Object* context, Dictionary* userInfo);
+    URLTaskCallbacks callbacksFor(std::shared_ptr<QueuedRequest>);
+    // How long to wait before sending a failed request again, or a negative
+    // number when it is not sent again.
+    double retryDelay(const QueuedRequest&, URLResponse*, Error*);
+    void retryLater(std::shared_ptr<QueuedRequest>, double delay);
+    void startOrQueue(QueuedRequest&&);
     void start(QueuedRequest&&);
     void startQueuedRequests();
     void refuse(std::string problem, Object* context, Dictionary* userInfo);
@@ -135,6 +190,9 @@ private:
     bool m_startingQueued { false };
     // Refusals are told on a later turn of the run loop, as any failure is.
     std::unordered_map<uint64_t, Subscription> m_refusals;
+    RetryPolicy m_retryPolicy;
+    // The timers of requests waiting to be sent again.
+    std::unordered_map<uint64_t, Subscription> m_retries;
 };
 
 } // namespace velvox

@@ -124,6 +124,15 @@ TEST_F(VelvoxClient, FailureKindsHaveTheirExitCodes)
     EXPECT_EQ(failing.status, 6);
     EXPECT_TRUE(contains(failing, "the service failed")) << failing.output;
 
+    // A failure that passes is asked again: the command succeeds.
+    service.clearFaults();
+    fault.count = 1;
+    service.addFault(fault);
+    service.resetRequestCounts();
+    auto passing = velvox("--base-url " + service.baseURL() + " --token " + service.token() + " user 1004");
+    EXPECT_EQ(passing.status, 0) << passing.output;
+    EXPECT_EQ(service.requestCount("GET /users/1004"), 2);
+
     // A service that answers a list with something that is not one: a
     // service error that says so, and the archives are saved.
     service.clearFaults();

@@ -469,3 +469,50 @@ TEST(SandboxCatalogue, AMissingCatalogueNamesTheWaysToFindTheResources)
             EXPECT_EQ(error.find(part), std::string::npos) << "\"" << part << "\" in: " << error;
     }
 }
+
+TEST(SandboxFaults, StatusFaultsMaySendRetryAfter)
+{
+    struct Case {
+        const char* text;
+        bool accepted;
+        int status;
+        const char* retryAfter;
+    };
+    const Case cases[] = {
+        { "/me=status:503", true, 503, "" },
+        { "/me=status:503:retry-after:2", true, 503, "2" },
+        { "/me=status:429:retry-after:Sun, 06 Nov 1994 08:49:37 GMT", true, 429, "Sun, 06 Nov 1994 08:49:37 GMT" },
+        { "/me=status:503:retry-after:soon", true, 503, "soon" }, // for clients that must ignore it
+        { "/me=status:503:retry-after:", false, 0, "" },
+        { "/me=status:503:retry-after:2\r\nX-Injected: 1", false, 0, "" },
+        { "/me=status:503:after:2", false, 0, "" },
+        { "/me=status:99:retry-after:2", false, 0, "" },
+        { "/me=status:", false, 0, "" },
+    };
+    for (auto& c : cases) {
+        Fault fault;
+        std::string problem;
+        EXPECT_EQ(sandbox::parseFault(c.text, fault, &problem), c.accepted) << c.text << ": " << problem;
+        if (!c.accepted)
+            continue;
+        EXPECT_EQ(fault.kind, Fault::Kind::Status) << c.text;
+        EXPECT_EQ(fault.status, c.status) << c.text;
+        EXPECT_EQ(fault.retryAfter, c.retryAfter) << c.text;
+    }
+
+    // The header goes out with the status, as many times as the fault's count.
+    auto service = startService();
+    Fault fault;
+    ASSERT_TRUE(sandbox::parseFault("/me=status:503:retry-after:7", fault, nullptr));
+    fault.count = 1;
+    service->addFault(fault);
+    auto faulty = clientOf(*service, 2).Get("/me");
+    ASSERT_TRUE(faulty);
+    EXPECT_EQ(faulty->status, 503);
+    EXPECT_EQ(faulty->get_header_value("Retry-After"), "7");
+    auto fine = clientOf(*service, 2).Get("/me");
+    ASSERT_TRUE(fine);
+    EXPECT_EQ(fine->status, 200);
+    EXPECT_FALSE(fine->has_header("Retry-After"));
+    service->stop();
+}
