@@ -38,6 +38,13 @@ RefPtr<Error> posixError(int code, const std::string& path)
     return Error::create(POSIXErrorDomain, code, format("%s: %s", path, strerror(code))).ptr();
 }
 
+std::string userCacheDirectory()
+{
+    if (const char* cacheHome = getenv("XDG_CACHE_HOME"); cacheHome && cacheHome[0] == '/')
+        return cacheHome;
+    return stringByExpandingTildeInPath("~/.cache");
+}
+
 std::string applicationSupportDirectory()
 {
     if (const char* dataHome = getenv("XDG_DATA_HOME"); dataHome && dataHome[0] == '/')

@@ -17,6 +17,9 @@ class Error;
 // The per-user application-support folder: $XDG_DATA_HOME when it is set to an
 // absolute path, else ~/.local/share. The folder may not exist yet.
 std::string applicationSupportDirectory();
+// The per-user cache folder: $XDG_CACHE_HOME when it is set to an absolute
+// path, else ~/.cache. The folder may not exist yet.
+std::string userCacheDirectory();
 
 std::string stringByAppendingPathComponent(std::string_view path, std::string_view component);
 std::string stringByDeletingLastPathComponent(std::string_view path);

@@ -63,6 +63,7 @@ Ref<VXVelvoxAPI> VXVelvoxAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate)
     copy->m_connectTimeout = m_connectTimeout;
     copy->m_maximumRunningRequests = m_maximumRunningRequests;
     copy->m_retryPolicy = m_retryPolicy;
+    copy->m_answerCacheConfiguration = m_answerCacheConfiguration;
     return copy;
 }
 
@@ -284,7 +285,7 @@ void VXVelvoxAPI::performMethod(const String& method, const String& resource, Di
     // A waiting request keeps what it was made with and becomes an HTTP
     // request only when its turn comes: waiting, or cancelled while waiting,
     // costs little. The parameters are copied, as a caller may change its own.
-    QueuedRequest queued { identifier, method.str(), Ref<String>(const_cast<String&>(resource)), parameters ? RefPtr<Dictionary>(parameters->copy()) : nullptr, context, userInfo, m_retryPolicy };
+    QueuedRequest queued { identifier, method.str(), Ref<String>(const_cast<String&>(resource)), parameters ? RefPtr<Dictionary>(parameters->copy()) : nullptr, context, userInfo, m_retryPolicy, 0, 0, {}, nullptr };
     // An upload is never sent twice, whatever its path.
     bool upload = false;
     if (parameters) {
@@ -396,6 +397,24 @@ URLTaskCallbacks VXVelvoxAPI::callbacksFor(std::shared_ptr<QueuedRequest> reques
             m_delegate->velvoxAPIDidFailWithError(*this, error, context, userInfo);
             return;
         }
+        // Not modified: what was kept is the answer. A 304 to a request that
+        // asked nothing conditionally is a failure like any other 3xx.
+        if (response->statusCode() == 304 && request->keptBody) {
+            ++m_notModifiedCount;
+            Ref body = *request->keptBody;
+            request->keptBody = nullptr;
+            // As if it had just come: in one piece, then whole.
+            if (wantsPieces && body->length()) {
+                m_delegate->velvoxAPIDidReceiveBytes(*this, body->length(), body->length(), context, userInfo);
+                if (m_delegate)
+                    m_delegate->velvoxAPIDidReceiveData(*this, body.ptr(), context, userInfo);
+                if (!m_delegate)
+                    return;
+            }
+            m_delegate->velvoxAPIDidFinishWithData(*this, body.ptr(), context, userInfo);
+            return;
+        }
+        keepAnswer(*request, *response);
         // Redirects are not followed, so a 3xx is no more an answer than a 4xx.
         if (response->statusCode() < 200 || response->statusCode() > 299) {
             auto info = Dictionary::create({
@@ -476,12 +495,142 @@ void VXVelvoxAPI::cancelMethodWithUserInfo(Dictionary* userInfo)
     m_refusals.erase(identifier);
 }
 
+std::string VXVelvoxAPI::AnswerCache::defaultPath()
+{
+    return stringByAppendingPathComponent(stringByAppendingPathComponent(userCacheDirectory(), "Velvox"), "Answers");
+}
+
+void VXVelvoxAPI::setAnswerCache(const AnswerCache& configuration)
+{
+    m_answerCacheConfiguration = configuration;
+    m_answers = nullptr;
+}
+
+namespace {
+
+// FNV-1a: a stable digest for keys, so that a token never appears in a file.
+uint64_t digest(std::string_view bytes)
+{
+    uint64_t hash = 0xcbf29ce484222325ull;
+    for (unsigned char c : bytes) {
+        hash ^= c;
+        hash *= 0x100000001b3ull;
+    }
+    return hash;
+}
+
+bool isUsableValidator(std::string_view value)
+{
+    if (value.empty() || value.size() > VXVelvoxAPI::AnswerCache::maximumValidatorLength)
+        return false;
+    for (unsigned char c : value) {
+        if (c < 0x20 || c == 0x7F)
+            return false;
+    }
+    return true;
+}
+
+std::string headerValue(URLResponse& response, std::string_view name)
+{
+    auto* value = response.headers().objectForKey<String>(name);
+    return value ? value->str() : std::string();
+}
+
+} // namespace
+
+ValidatedDiskCache* VXVelvoxAPI::answers()
+{
+    if (!m_answerCacheConfiguration.enabled)
+        return nullptr;
+    if (!m_answers) {
+        std::string path = m_answerCacheConfiguration.path.empty() ? AnswerCache::defaultPath() : m_answerCacheConfiguration.path;
+        // One index per folder and thread: the clients of a thread share it.
+        thread_local std::map<std::string, std::weak_ptr<ValidatedDiskCache>> shared;
+        if (auto existing = shared[path].lock(); existing && existing->capacity() == m_answerCacheConfiguration.capacity)
+            m_answers = existing;
+        else {
+            m_answers = std::make_shared<ValidatedDiskCache>(ValidatedDiskCache::Format { "VXANS1\n", ".answer", nullptr }, path,
+                m_answerCacheConfiguration.capacity, m_maximumAnswerSize, true);
+            shared[path] = m_answers;
+        }
+    }
+    return m_answers.get();
+}
+
+size_t VXVelvoxAPI::keptAnswerBytes()
+{
+    auto* cache = answers();
+    return cache ? cache->bytes() : 0;
+}
+
+size_t VXVelvoxAPI::keptAnswerCount()
+{
+    auto* cache = answers();
+    return cache ? cache->count() : 0;
+}
+
+void VXVelvoxAPI::addValidators(QueuedRequest& request, URLRequest& urlRequest)
+{
+    request.keptBody = nullptr;
+    if (request.method != "GET")
+        return;
+    auto* cache = answers();
+    if (!cache)
+        return;
+    if (request.answerKey.empty()) {
+        char account[17];
+        snprintf(account, sizeof account, "%016llx", static_cast<unsigned long long>(digest(m_accessToken)));
+        request.answerKey = std::string(account) + " " + urlRequest.url;
+    }
+    auto kept = cache->read(request.answerKey);
+    if (!kept)
+        return;
+    bool asked = false;
+    if (isUsableValidator(kept->etag)) {
+        urlRequest.headers.emplace_back("If-None-Match", kept->etag);
+        asked = true;
+    }
+    if (isUsableValidator(kept->lastModified)) {
+        urlRequest.headers.emplace_back("If-Modified-Since", kept->lastModified);
+        asked = true;
+    }
+    if (asked) {
+        request.keptBody = kept->body.ptr();
+        ++m_conditionalRequestCount;
+    }
+}
+
+void VXVelvoxAPI::keepAnswer(const QueuedRequest& request, URLResponse& response)
+{
+    auto* cache = answers();
+    if (!cache || request.answerKey.empty())
+        return;
+    if (response.statusCode() != 200) {
+        // What was kept no longer is the resource's answer.
+        if (response.statusCode() == 404 || response.statusCode() == 410)
+            cache->remove(request.answerKey);
+        return;
+    }
+    std::string control = headerValue(response, "cache-control");
+    std::transform(control.begin(), control.end(), control.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::string etag = headerValue(response, "etag");
+    std::string lastModified = headerValue(response, "last-modified");
+    bool validated = isUsableValidator(etag) || isUsableValidator(lastModified);
+    if (control.find("no-store") != std::string::npos || !validated || response.body().length() > m_answerCacheConfiguration.capacity / 4) {
+        cache->remove(request.answerKey);
+        return;
+    }
+    cache->write(request.answerKey, response.body(), isUsableValidator(etag) ? etag : std::string(), isUsableValidator(lastModified) ? lastModified : std::string());
+}
+
 void VXVelvoxAPI::start(QueuedRequest&& queued)
 {
     // Shared with the task's callbacks, which may send it again.
     auto request = std::make_shared<QueuedRequest>(std::move(queued));
     uint64_t identifier = request->identifier;
-    auto task = URLLoader::current().start(requestFor(request->method, request->resource, request->parameters.get()), callbacksFor(request));
+    auto urlRequest = requestFor(request->method, request->resource, request->parameters.get());
+    addValidators(*request, urlRequest);
+    auto task = URLLoader::current().start(urlRequest, callbacksFor(request));
     if (!task->isFinished())
         m_tasks.emplace(identifier, std::move(task));
 }

@@ -28,11 +28,18 @@
 // for a passing reason (no connection, a time-out, a broken transfer, HTTP 429
 // or 5xx) is sent again after a wait, at most maximumRetries times. The
 // delegate hears of it as of one request: its outcome is that of the last attempt.
+//
+// Validators (AnswerCache, on unless set off): the body of a GET's answer
+// that names an ETag or a Last-Modified is kept on disk, per account and URL,
+// with them; the next GET of that URL asks If-None-Match / If-Modified-Since,
+// and a 304 hands the kept body to the delegate as the answer, exactly as if
+// it had come again. A service that sends no validators sees no difference.
 
 #include "VXVelvoxAPIDelegate.h"
 
 #include <Platform/Subscription.h>
 #include <Platform/URLLoading.h>
+#include <Platform/ValidatedDiskCache.h>
 
 #include <map>
 #include <memory>
@@ -76,6 +83,23 @@ public:
             policy.maximumRetries = 3;
             return policy;
         }
+    };
+
+    // Where answers are kept for revalidation. Kept privately (a 0700 folder,
+    // 0600 files), bounded in bytes (the oldest use goes first), checked
+    // whole when read back (a damaged or foreign file is a miss), and keyed
+    // by the account (a digest of the token, never the token) and the URL.
+    // Not kept: answers with "Cache-Control: no-store" (which also drops what
+    // was kept), answers over a quarter of the capacity, and validators longer
+    // than maximumValidatorLength or holding control characters.
+    struct AnswerCache {
+        bool enabled { true };
+        // Empty: defaultPath().
+        std::string path;
+        size_t capacity { 32u * 1024 * 1024 };
+        static constexpr size_t maximumValidatorLength = 1024;
+        // "Velvox/Answers" in the per-user cache folder ($XDG_CACHE_HOME, else ~/.cache).
+        static std::string defaultPath();
     };
 
     // Null when the configuration is refused (see configurationProblem); then
@@ -135,6 +159,17 @@ public:
     // requests waiting. When its time comes, it takes its turn as a new
     // request would, ahead of the requests made after it.
     size_t retryingRequestCount() const { return m_retries.size(); }
+    // Applies to requests sent from now on.
+    const AnswerCache& answerCache() const { return m_answerCacheConfiguration; }
+    void setAnswerCache(const AnswerCache&);
+    // What is kept (the files of every account in the folder), for a host to show.
+    size_t keptAnswerBytes();
+    size_t keptAnswerCount();
+    // Answers that came as a 304 and were handed over from what was kept, and
+    // requests sent with validators, since this client was made.
+    uint64_t notModifiedCount() const { return m_notModifiedCount; }
+    uint64_t conditionalRequestCount() const { return m_conditionalRequestCount; }
+
     // Whether a request of this method on this resource may be sent twice
     // with the same effect as once, and so be retried.
     static bool isIdempotent(std::string_view method, std::string_view resource);
@@ -161,7 +196,16 @@ private:
         // that is not idempotent or when the policy is off).
         unsigned retries { 0 };
         unsigned retriesLeft { 0 };
+        // A GET's key in the answer cache (empty: not kept), and the body
+        // kept for it when this attempt was sent with its validators.
+        std::string answerKey;
+        RefPtr<Data> keptBody;
     };
+    ValidatedDiskCache* answers();
+    // Adds the validators of what is kept for the request, if anything.
+    void addValidators(QueuedRequest&, URLRequest&);
+    // Keeps (or drops) a GET's answer as its headers say.
+    void keepAnswer(const QueuedRequest&, URLResponse&);
     URLRequest requestFor(const std::string& method, const String& resource, Dictionary* parameters) const;
     URLTaskCallbacks callbacksFor(std::shared_ptr<QueuedRequest>);
     // How long to wait before sending a failed request again, or a negative
@@ -191,6 +235,11 @@ private:
     // Refusals are told on a later turn of the run loop, as any failure is.
     std::unordered_map<uint64_t, Subscription> m_refusals;
     RetryPolicy m_retryPolicy;
+    AnswerCache m_answerCacheConfiguration;
+    // Shared by the clients of a thread that use one folder.
+    std::shared_ptr<ValidatedDiskCache> m_answers;
+    uint64_t m_notModifiedCount { 0 };
+    uint64_t m_conditionalRequestCount { 0 };
     // The timers of requests waiting to be sent again.
     std::unordered_map<uint64_t, Subscription> m_retries;
 };

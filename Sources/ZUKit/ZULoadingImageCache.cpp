@@ -187,12 +187,7 @@ std::unique_ptr<ZULoadingImageCache> ZULoadingImageCache::create(Configuration c
 
 std::string ZULoadingImageCache::defaultDiskPath()
 {
-    std::string base;
-    if (const char* cacheHome = getenv("XDG_CACHE_HOME"); cacheHome && cacheHome[0] == '/')
-        base = cacheHome;
-    else
-        base = stringByExpandingTildeInPath("~/.cache");
-    return stringByAppendingPathComponent(stringByAppendingPathComponent(base, "Velvox"), "Images");
+    return stringByAppendingPathComponent(stringByAppendingPathComponent(userCacheDirectory(), "Velvox"), "Images");
 }
 
 RefPtr<Image> ZULoadingImageCache::cachedImageForURL(URL* url, bool forceReload, Block block, Subscription* subscription)
