@@ -22,16 +22,6 @@ namespace {
 // Room for the header lines of a disk entry beyond its body.
 constexpr size_t diskHeaderAllowance = 64 * 1024;
 
-uint64_t fnv1a64(std::string_view bytes)
-{
-    uint64_t hash = 0xcbf29ce484222325ull;
-    for (unsigned char c : bytes) {
-        hash ^= c;
-        hash *= 0x100000001b3ull;
-    }
-    return hash;
-}
-
 std::string hex64(uint64_t value)
 {
     char buffer[17];
@@ -53,9 +43,19 @@ double fileTimeNow()
 
 } // namespace
 
+uint64_t ValidatedDiskCache::digest(std::string_view bytes)
+{
+    uint64_t hash = 0xcbf29ce484222325ull;
+    for (unsigned char c : bytes) {
+        hash ^= c;
+        hash *= 0x100000001b3ull;
+    }
+    return hash;
+}
+
 std::string ValidatedDiskCache::fileNameForKey(std::string_view key) const
 {
-    return hex64(fnv1a64(key)) + m_format.suffix;
+    return hex64(ValidatedDiskCache::digest(key)) + m_format.suffix;
 }
 
 ValidatedDiskCache::ValidatedDiskCache(Format format, std::string path, size_t capacity, size_t maximumBodySize, bool enabled)
@@ -148,7 +148,7 @@ std::optional<ValidatedDiskCache::Entry> ValidatedDiskCache::read(const std::str
     char* end = nullptr;
     std::string lengthText(*length);
     unsigned long long bodyLength = strtoull(lengthText.c_str(), &end, 10);
-    if (lengthText.empty() || *end || bodyLength != rest.size() || hex64(fnv1a64(rest)) != *checksum)
+    if (lengthText.empty() || *end || bodyLength != rest.size() || hex64(ValidatedDiskCache::digest(rest)) != *checksum)
         return damaged();
     auto bytes = Data::create(rest);
     if (m_format.accepts && !m_format.accepts(bytes))
@@ -178,7 +178,7 @@ void ValidatedDiskCache::write(const std::string& url, Data& data, const std::st
     }
     contents.append(std::to_string(body.size()));
     contents.push_back('\n');
-    contents.append(hex64(fnv1a64(body)));
+    contents.append(hex64(ValidatedDiskCache::digest(body)));
     contents.push_back('\n');
     contents.append(body);
     std::string file = fileNameForKey(url);

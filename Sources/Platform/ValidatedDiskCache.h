@@ -37,6 +37,10 @@ public:
         std::string lastModified;
     };
 
+    // A digest that stays the same across runs and builds (FNV-1a): file names,
+    // checksums, keys that must not show what they stand for verbatim.
+    static uint64_t digest(std::string_view bytes);
+
     // `enabled` false: nothing is read or written. `maximumBodySize` bounds
     // the bodies read back (a larger file is damage).
     ValidatedDiskCache(Format, std::string path, size_t capacity, size_t maximumBodySize, bool enabled);

@@ -508,17 +508,6 @@ void VXVelvoxAPI::setAnswerCache(const AnswerCache& configuration)
 
 namespace {
 
-// FNV-1a: a stable digest for keys, so that a token never appears in a file.
-uint64_t digest(std::string_view bytes)
-{
-    uint64_t hash = 0xcbf29ce484222325ull;
-    for (unsigned char c : bytes) {
-        hash ^= c;
-        hash *= 0x100000001b3ull;
-    }
-    return hash;
-}
-
 bool isUsableValidator(std::string_view value)
 {
     if (value.empty() || value.size() > VXVelvoxAPI::AnswerCache::maximumValidatorLength)
@@ -579,7 +568,7 @@ void VXVelvoxAPI::addValidators(QueuedRequest& request, URLRequest& urlRequest)
         return;
     if (request.answerKey.empty()) {
         char account[17];
-        snprintf(account, sizeof account, "%016llx", static_cast<unsigned long long>(digest(m_accessToken)));
+        snprintf(account, sizeof account, "%016llx", static_cast<unsigned long long>(ValidatedDiskCache::digest(m_accessToken)));
         request.answerKey = std::string(account) + " " + urlRequest.url;
     }
     auto kept = cache->read(request.answerKey);

@@ -177,15 +177,28 @@ Ref<Dictionary> VXIdentityMap::receiptsDictionary() const
     return receipts;
 }
 
-bool VXIdentityMap::adoptReceipts(Object* root)
+namespace {
+
+// An archive's root of the map's shape (class names to dictionaries), or null.
+Dictionary* dictionaryOfDictionaries(Object* root)
 {
     auto* archived = dynamicDowncast<Dictionary>(root);
     if (!archived)
-        return false;
+        return nullptr;
     for (auto& entry : *archived) {
         if (!is<String>(entry.key) || !is<Dictionary>(entry.object))
-            return false;
+            return nullptr;
     }
+    return archived;
+}
+
+} // namespace
+
+bool VXIdentityMap::adoptReceipts(Object* root)
+{
+    auto* archived = dictionaryOfDictionaries(root);
+    if (!archived)
+        return false;
     for (auto& entry : *archived) {
         auto* classCache = dynamicDowncast<Dictionary>(m_dictionary->objectForKey(entry.key));
         if (!classCache)
@@ -217,13 +230,9 @@ void VXIdentityMap::clear()
 
 bool VXIdentityMap::adoptArchivedRoot(Object* root)
 {
-    auto* archived = dynamicDowncast<Dictionary>(root);
+    auto* archived = dictionaryOfDictionaries(root);
     if (!archived)
         return false;
-    for (auto& entry : *archived) {
-        if (!is<String>(entry.key) || !is<Dictionary>(entry.object))
-            return false;
-    }
     // Only what cacheResource() itself would have filed there is kept: an
     // object of exactly that class, under its own identifier. Anything else
     // would surface later as an object of an unexpected class.
