@@ -69,6 +69,12 @@ Ref<VXVelvoxAPI> VXVelvoxAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate)
 
 namespace {
 
+std::string headerValue(URLResponse& response, std::string_view name)
+{
+    auto* value = response.headers().objectForKey<String>(name);
+    return value ? value->str() : std::string();
+}
+
 std::string parameterText(Object* value)
 {
     if (auto* string = dynamicDowncast<String>(value))
@@ -397,6 +403,12 @@ URLTaskCallbacks VXVelvoxAPI::callbacksFor(std::shared_ptr<QueuedRequest> reques
             m_delegate->velvoxAPIDidFailWithError(*this, error, context, userInfo);
             return;
         }
+        // What the answer says of its freshness, for whoever converts it.
+        struct Delivering {
+            double& maximumAge;
+            ~Delivering() { maximumAge = -1; }
+        } delivering { m_deliveringMaximumAge };
+        m_deliveringMaximumAge = maximumAgeInCacheControl(headerValue(*response, "cache-control"));
         // Not modified: what was kept is the answer. A 304 to a request that
         // asked nothing conditionally is a failure like any other 3xx.
         if (response->statusCode() == 304 && request->keptBody) {
@@ -519,13 +531,46 @@ bool isUsableValidator(std::string_view value)
     return true;
 }
 
-std::string headerValue(URLResponse& response, std::string_view name)
-{
-    auto* value = response.headers().objectForKey<String>(name);
-    return value ? value->str() : std::string();
-}
-
 } // namespace
+
+double VXVelvoxAPI::maximumAgeInCacheControl(std::string_view value)
+{
+    constexpr double tenYears = 10 * 365.25 * 86400;
+    double found = -1;
+    while (!value.empty()) {
+        auto comma = value.find(',');
+        auto directive = value.substr(0, comma);
+        value = comma == std::string_view::npos ? std::string_view() : value.substr(comma + 1);
+        while (!directive.empty() && (directive.front() == ' ' || directive.front() == '\t'))
+            directive.remove_prefix(1);
+        while (!directive.empty() && (directive.back() == ' ' || directive.back() == '\t'))
+            directive.remove_suffix(1);
+        std::string name(directive.substr(0, directive.find('=')));
+        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        if (name == "no-store" || name == "no-cache")
+            return 0;
+        if (name != "max-age" || directive.find('=') == std::string_view::npos)
+            continue;
+        auto number = directive.substr(directive.find('=') + 1);
+        if (number.size() >= 2 && number.front() == '"' && number.back() == '"')
+            number = number.substr(1, number.size() - 2);
+        if (number.empty())
+            continue;
+        // Digit by digit, stopping at the cap: no length of digits overflows.
+        double seconds = 0;
+        bool digits = true;
+        for (char c : number) {
+            if (c < '0' || c > '9') {
+                digits = false;
+                break;
+            }
+            seconds = std::min(seconds * 10 + (c - '0'), tenYears);
+        }
+        if (digits)
+            found = seconds;
+    }
+    return found;
+}
 
 ValidatedDiskCache* VXVelvoxAPI::answers()
 {

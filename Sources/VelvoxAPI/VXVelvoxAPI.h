@@ -159,6 +159,14 @@ public:
     // requests waiting. When its time comes, it takes its turn as a new
     // request would, ahead of the requests made after it.
     size_t retryingRequestCount() const { return m_retries.size(); }
+    // While the delegate hears of an answer (didFinishWithData): how long its
+    // "Cache-Control" said it stays fresh, in seconds ("max-age", at most ten
+    // years; "no-cache" and "no-store" are 0), or a negative number when it
+    // said nothing. Negative outside a delivery.
+    double maximumAgeOfAnswerBeingDelivered() const { return m_deliveringMaximumAge; }
+    // The "max-age" of a Cache-Control header value, as above.
+    static double maximumAgeInCacheControl(std::string_view);
+
     // Applies to requests sent from now on.
     const AnswerCache& answerCache() const { return m_answerCacheConfiguration; }
     void setAnswerCache(const AnswerCache&);
@@ -239,6 +247,7 @@ private:
     // Shared by the clients of a thread that use one folder.
     std::shared_ptr<ValidatedDiskCache> m_answers;
     uint64_t m_notModifiedCount { 0 };
+    double m_deliveringMaximumAge { -1 };
     uint64_t m_conditionalRequestCount { 0 };
     // The timers of requests waiting to be sent again.
     std::unordered_map<uint64_t, Subscription> m_retries;

@@ -140,7 +140,7 @@ Ref<VXResource> VXIdentityMap::updateCacheForResource(const ClassInfo& info, Ref
         if (created->resourceIdentifier()) {
             cacheResource(created);
             if (m_recordsReceipts)
-                m_receivedAt.insert_or_assign(created.ptr(), Date::now()->timeIntervalSince1970());
+                m_receivedAt.insert_or_assign(created.ptr(), Receipt { Date::now()->timeIntervalSince1970(), m_answerMaximumAge });
         }
         return created;
     }
@@ -149,14 +149,20 @@ Ref<VXResource> VXIdentityMap::updateCacheForResource(const ClassInfo& info, Ref
     else if (m_bound)
         noteUse(*cached);
     if (m_recordsReceipts)
-        m_receivedAt.insert_or_assign(cached.get(), Date::now()->timeIntervalSince1970());
+        m_receivedAt.insert_or_assign(cached.get(), Receipt { Date::now()->timeIntervalSince1970(), m_answerMaximumAge });
     return cached.releaseNonNull();
 }
 
 double VXIdentityMap::receivedAt(const VXResource& resource) const
 {
     auto found = m_receivedAt.find(&resource);
-    return found == m_receivedAt.end() ? 0 : found->second;
+    return found == m_receivedAt.end() ? 0 : found->second.at;
+}
+
+double VXIdentityMap::serviceMaximumAge(const VXResource& resource) const
+{
+    auto found = m_receivedAt.find(&resource);
+    return found == m_receivedAt.end() ? -1 : found->second.maximumAge;
 }
 
 Ref<Dictionary> VXIdentityMap::receiptsDictionary() const
@@ -168,8 +174,14 @@ Ref<Dictionary> VXIdentityMap::receiptsDictionary() const
             continue;
         auto times = MutableDictionary::create();
         for (auto& item : *classCache) {
-            if (auto found = m_receivedAt.find(item.object); found != m_receivedAt.end())
-                times->setObject(Number::create(found->second), item.key);
+            auto found = m_receivedAt.find(item.object);
+            if (found == m_receivedAt.end())
+                continue;
+            // A time, or a time and the service's maximum age.
+            if (found->second.maximumAge < 0)
+                times->setObject(Number::create(found->second.at), item.key);
+            else
+                times->setObject(Array::create({ Number::create(found->second.at).ptr(), Number::create(found->second.maximumAge).ptr() }), item.key);
         }
         if (times->count())
             receipts->setObject(times, entry.key);
@@ -204,13 +216,21 @@ bool VXIdentityMap::adoptReceipts(Object* root)
         if (!classCache)
             continue;
         for (auto& item : *downcast<Dictionary>(entry.object)) {
-            auto* time = dynamicDowncast<Number>(item.object);
             auto* object = classCache->objectForKey(item.key);
+            Number* time = dynamicDowncast<Number>(item.object);
+            Number* maximumAge = nullptr;
+            if (auto* pair = dynamicDowncast<Array>(item.object); pair && pair->count() == 2) {
+                time = dynamicDowncast<Number>(pair->objectAtIndex(0));
+                maximumAge = dynamicDowncast<Number>(pair->objectAtIndex(1));
+                if (!maximumAge)
+                    continue;
+            }
             if (!time || !object)
                 continue;
             double seconds = time->doubleValue();
-            if (std::isfinite(seconds) && seconds >= 0)
-                m_receivedAt.insert_or_assign(object, seconds);
+            double age = maximumAge ? maximumAge->doubleValue() : -1;
+            if (std::isfinite(seconds) && seconds >= 0 && std::isfinite(age))
+                m_receivedAt.insert_or_assign(object, Receipt { seconds, maximumAge ? std::max(age, 0.0) : -1 });
         }
     }
     return true;

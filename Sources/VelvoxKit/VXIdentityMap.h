@@ -63,6 +63,12 @@ public:
     bool recordsReceipts() const { return m_recordsReceipts; }
     // 0 when unknown (never received while recording, nor read back).
     double receivedAt(const VXResource&) const;
+    // How long the service said the object's record stays fresh ("Cache-Control:
+    // max-age" of the answer it came in), or a negative number when it said nothing.
+    double serviceMaximumAge(const VXResource&) const;
+    // The maximum age the service gave the answer being read now (negative: none);
+    // recorded with the receipts of what it brings in.
+    void setAnswerMaximumAge(double seconds) { m_answerMaximumAge = seconds; }
     // Class name, then identifier, then the time (a Number) of every object of
     // the map whose time is known: what the receipts' archive holds.
     Ref<Dictionary> receiptsDictionary() const;
@@ -93,7 +99,12 @@ private:
     std::unordered_map<const Object*, uint64_t> m_lastUse;
     uint64_t m_nextUse { 1 };
     bool m_recordsReceipts { false };
-    std::unordered_map<const Object*, double> m_receivedAt;
+    struct Receipt {
+        double at;
+        double maximumAge; // negative: the service said nothing
+    };
+    std::unordered_map<const Object*, Receipt> m_receivedAt;
+    double m_answerMaximumAge { -1 };
 };
 
 } // namespace velvox

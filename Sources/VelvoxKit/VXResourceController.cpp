@@ -72,7 +72,7 @@ void VXResourceController::setOptions(const Options& options)
     checkThread(__func__);
     m_options = options;
     m_identityMap.setArchivedObjectsPerClass(options.archivedObjectsPerClass);
-    m_identityMap.setRecordsReceipts(!options.maximumAgeByClass.empty());
+    m_identityMap.setRecordsReceipts(!options.maximumAgeByClass.empty() || options.honoursCacheControl);
     m_poller.setLimits({ options.mergesTrackRefreshes, options.maximumTrackRefreshesInFlight });
 }
 
@@ -177,6 +177,8 @@ void VXResourceController::cacheResource(VXResource& resource)
 Ref<VXResource> VXResourceController::updateCacheForResource(const ClassInfo& info, Ref<VXResource> (*make)(Dictionary*), String* identifier, Dictionary* dictionary)
 {
     checkThread(__func__);
+    if (m_identityMap.recordsReceipts())
+        m_identityMap.setAnswerMaximumAge(m_options.honoursCacheControl && m_apiController && m_apiController->api() ? m_apiController->api()->maximumAgeOfAnswerBeingDelivered() : -1);
     return m_identityMap.updateCacheForResource(info, make, identifier, dictionary);
 }
 
@@ -235,13 +237,18 @@ VXFetchPolicy VXResourceController::policyFor(bool forceRefresh, const ClassInfo
 
 bool VXResourceController::isFresh(const VXResource& resource) const
 {
-    auto maximumAge = m_options.maximumAgeByClass.find(resource.className());
-    if (maximumAge == m_options.maximumAgeByClass.end())
-        return true;
+    // The service's word for what it answered, else the class's maximum age.
+    double maximumAge = m_options.honoursCacheControl ? m_identityMap.serviceMaximumAge(resource) : -1;
+    if (maximumAge < 0) {
+        auto byClass = m_options.maximumAgeByClass.find(resource.className());
+        if (byClass == m_options.maximumAgeByClass.end())
+            return true;
+        maximumAge = byClass->second;
+    }
     double received = m_identityMap.receivedAt(resource);
     double age = Date::now()->timeIntervalSince1970() - received;
     // A time from the future (a clock set back) is not trusted either.
-    return received > 0 && age >= 0 && age < maximumAge->second;
+    return received > 0 && age >= 0 && age < maximumAge;
 }
 
 RefPtr<VXResource> VXResourceController::fetch(VXResource* cached, VXFetchPolicy policy, const std::function<void(VXAPICallbackBlock)>& send,

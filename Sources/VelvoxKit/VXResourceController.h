@@ -132,6 +132,10 @@ public:
         // The policy of fetches made without forceRefresh, by class
         // ("VXTrack"); CacheFirst for a class without an entry.
         std::map<std::string, VXFetchPolicy, std::less<>> fetchPolicyByClass;
+        // Whether "Cache-Control: max-age" of an answer sets how long what it
+        // brought stays fresh, over the class's maximum age ("no-cache" and
+        // "no-store": not at all). Records receipts as a maximum age does.
+        bool honoursCacheControl { false };
         // Follow, unfollow, favorite and unfavorite show at once: the user's
         // "followedByMe" or the track's "userFavorite" changes (one
         // announcement), the request goes out, and a failure rolls the value

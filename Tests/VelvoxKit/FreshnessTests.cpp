@@ -8,6 +8,9 @@
 #include <VelvoxKit/VXResourceController.h>
 
 #include <StoreFixture.h>
+#include <TestServer.h>
+
+#include <atomic>
 
 #include <filesystem>
 #include <fstream>
@@ -165,4 +168,53 @@ TEST_F(Freshness, ACraftedOrTruncatedReceiptsArchiveReadsAsEmpty)
         EXPECT_FALSE(std::filesystem::exists(path)) << damage << ": not set aside";
         ASSERT_FALSE(aged->save());
     }
+}
+
+TEST(FreshnessFromTheService, CacheControlSetsHowLongWhatItAnsweredStaysFresh)
+{
+    constexpr double tenYears = 10 * 365.25 * 86400;
+    struct Case {
+        const char* header;
+        double maximumAge;
+    } cases[] = {
+        { "max-age=60", 60 }, { "public, MAX-AGE=\"30\"", 30 }, { "private,max-age=0", 0 },
+        { "max-age=99999999999999999999999999", tenYears }, { "max-age=-5", -1 }, { "max-age=abc", -1 },
+        { "max-age=", -1 }, { "", -1 }, { "no-store", 0 }, { "max-age=600, no-cache", 0 }, { ",,, =, max-age", -1 },
+    };
+    for (auto& test : cases)
+        EXPECT_EQ(VXVelvoxAPI::maximumAgeInCacheControl(test.header), test.maximumAge) << test.header;
+
+    test::TemporaryFolder data;
+    test::ScopedEnvironment dataHome { "XDG_DATA_HOME", data.path() };
+    test::ManualTime time;
+    std::atomic<int> requests { 0 };
+    test::TestServer server;
+    server.routes().Get(R"(/tracks/(\d+))", [&](const httplib::Request& request, httplib::Response& response) {
+        ++requests;
+        std::string id = request.matches[1];
+        response.set_header("Cache-Control", id == "1" ? "max-age=100" : "no-cache");
+        response.set_content("{\"id\":" + id + ",\"title\":\"Track " + id + "\",\"state\":\"finished\"}", "application/json");
+    });
+    auto base = server.start();
+    VXResourceController::Options options;
+    options.honoursCacheControl = true;
+    auto store = VXResourceController::connect(base, "token", options);
+    ASSERT_TRUE(store);
+    auto fetch = [&](const char* identifier) {
+        int before = requests;
+        bool answered = false;
+        store->trackForIdentifier(identifier, false, [&](VXTrack*, Error*) { answered = true; });
+        if (!store->cachedResource<VXTrack>(identifier) || !store->isFresh(*store->cachedResource<VXTrack>(identifier)) || answered)
+            RunLoop::current().runUntil([&] { return answered; }, 10);
+        RunLoop::current().runUntilIdle();
+        return requests - before;
+    };
+    EXPECT_EQ(fetch("1"), 1);
+    time.clock.advance(50);
+    EXPECT_EQ(fetch("1"), 0);
+    time.clock.advance(60);
+    EXPECT_EQ(fetch("1"), 1);
+    EXPECT_EQ(fetch("2"), 1);
+    EXPECT_EQ(fetch("2"), 1) << "no-cache: never fresh";
+    VXResourceController::setSharedResourceController(nullptr);
 }
