@@ -216,5 +216,12 @@ TEST(FreshnessFromTheService, CacheControlSetsHowLongWhatItAnsweredStaysFresh)
     EXPECT_EQ(fetch("1"), 1);
     EXPECT_EQ(fetch("2"), 1);
     EXPECT_EQ(fetch("2"), 1) << "no-cache: never fresh";
+    // The service's word is kept with the receipt: a restart within it asks nothing.
+    ASSERT_FALSE(store->save());
+    time.clock.advance(90);
+    store = VXResourceController::connect(base, "token", options);
+    EXPECT_EQ(fetch("1"), 0);
+    time.clock.advance(20);
+    EXPECT_EQ(fetch("1"), 1);
     VXResourceController::setSharedResourceController(nullptr);
 }
