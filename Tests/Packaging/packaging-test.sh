@@ -15,10 +15,15 @@ main_shared=$3
 consumer_src=$source_dir/Tests/Packaging/consumer
 sandbox_consumer_src=$source_dir/Tests/Packaging/sandbox-consumer
 work=$build_dir/packaging
-rm -rf "$work/prefix" "$work/moved" "$work/consumers"
+rm -rf "$work/prefix" "$work/moved" "$work/consumers" "$work/home"
 mkdir -p "$work/prefix" "$work/moved" "$work/consumers"
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
+
+# The programs and consumers run as a user would, but in folders of the test's
+# own: nothing reaches the person's own data, cache or configuration.
+mkdir -p "$work/home"
+export HOME=$work/home XDG_DATA_HOME=$work/home/data XDG_CACHE_HOME=$work/home/cache XDG_CONFIG_HOME=$work/home/config XDG_STATE_HOME=$work/home/state
 
 if [ "$main_shared" = ON ]; then other=OFF; else other=ON; fi
 # The other form is built beside the main build, libraries and programs only;
