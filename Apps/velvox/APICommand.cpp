@@ -1,91 +1,20 @@
 #include "Commands.h"
+#include "ObservedAPI.h"
 
 #include <JSONCodec/JSONCodec.h>
 #include <Platform/Platform.h>
 #include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXAPIController.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
 #include <filesystem>
 #include <fstream>
 #include <unistd.h>
 
 namespace velvox::app {
-
-namespace {
-
-// Draws upload progress on standard error from the client's byte counts,
-// and passes every call on to the controller.
-class ProgressTap final : public VXVelvoxAPIDelegate {
-public:
-    explicit ProgressTap(VXVelvoxAPIDelegate* controller)
-        : m_controller(controller)
-    {
-    }
-    void velvoxAPIDidFinishWithData(VXVelvoxAPI& api, Data* data, Object* context, Dictionary* userInfo) override
-    {
-        endBar();
-        m_controller->velvoxAPIDidFinishWithData(api, data, context, userInfo);
-    }
-    void velvoxAPIDidFailWithError(VXVelvoxAPI& api, Error* error, Object* context, Dictionary* userInfo) override
-    {
-        endBar();
-        m_controller->velvoxAPIDidFailWithError(api, error, context, userInfo);
-    }
-    void velvoxAPIDidReceiveData(VXVelvoxAPI& api, Data* data, Object* context, Dictionary* userInfo) override
-    {
-        m_controller->velvoxAPIDidReceiveData(api, data, context, userInfo);
-    }
-    void velvoxAPIDidReceiveBytes(VXVelvoxAPI& api, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override
-    {
-        m_controller->velvoxAPIDidReceiveBytes(api, bytes, total, context, userInfo);
-    }
-    void velvoxAPIDidSendBytes(VXVelvoxAPI& api, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override
-    {
-        if (m_showBar && total) {
-            int percent = static_cast<int>(bytes * 100 / total);
-            int filled = percent / 4;
-            fprintf(stderr, "\rUploading [%.*s%*s] %3d%%  %.1f of %.1f MB", filled, "#########################", 25 - filled, "", percent,
-                static_cast<double>(bytes) / 1e6, static_cast<double>(total) / 1e6);
-            m_drawn = true;
-        }
-        m_controller->velvoxAPIDidSendBytes(api, bytes, total, context, userInfo);
-    }
-    void setShowBar(bool show) { m_showBar = show; }
-
-private:
-    void endBar()
-    {
-        if (m_drawn)
-            fputc('\n', stderr);
-        m_drawn = false;
-    }
-    VXVelvoxAPIDelegate* m_controller;
-    bool m_showBar { false };
-    bool m_drawn { false };
-};
-
-class TappedAPI final : public VXVelvoxAPI {
-public:
-    static Ref<TappedAPI> create(std::string baseURL, std::string token) { return adoptRef(*new TappedAPI(std::move(baseURL), std::move(token))); }
-    Ref<VXVelvoxAPI> copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate) const override
-    {
-        m_tap = std::make_unique<ProgressTap>(delegate);
-        m_tap->setShowBar(m_showBar);
-        return VXVelvoxAPI::copyWithAPIDelegate(m_tap.get());
-    }
-    void setShowBar(bool show) { m_showBar = show; }
-
-private:
-    TappedAPI(std::string baseURL, std::string token)
-        : VXVelvoxAPI(std::move(baseURL), std::move(token))
-    {
-    }
-    mutable std::unique_ptr<ProgressTap> m_tap;
-    bool m_showBar { false };
-};
-
-} // namespace
 
 std::string printableExcerpt(std::string_view bytes, size_t limit)
 {
@@ -133,8 +62,13 @@ bool resolveToken(const std::string& option, const std::string& tokenFile, const
     }
     if (token.empty() && !tokenFile.empty()) {
         std::ifstream file(tokenFile);
+        int reason = errno;
         if (!file || !std::getline(file, token)) {
-            fprintf(stderr, "velvox %s: cannot read the token file %s\n", command, tokenFile.c_str());
+            struct stat info {};
+            std::string why = !file ? strerror(reason)
+                : ::stat(tokenFile.c_str(), &info) == 0 && S_ISDIR(info.st_mode) ? "it is a folder"
+                                                                                : "it holds no line";
+            fprintf(stderr, "velvox %s: cannot read the token file %s: %s\n", command, tokenFile.c_str(), why.c_str());
             return false;
         }
         if (!token.empty() && token.back() == '\r')
@@ -197,9 +131,14 @@ int runAPI(const APIOptions& options)
     }
 
     // The default retry policy (none): one raw request, whose answer is printed as the service gave it.
-    auto client = TappedAPI::create(baseURL, token);
-    client->setShowBar(uploads);
-    auto controller = VXAPIController::create(client.ptr());
+    std::string problem;
+    auto client = ObservedAPI::create(baseURL, token, { uploads && !options.quiet && isatty(STDERR_FILENO), options.verbose }, &problem);
+    if (!client) {
+        fprintf(stderr, "velvox api: %s\n", problem.c_str());
+        return 1;
+    }
+    client->setTimeout(options.timeout);
+    auto controller = VXAPIController::create(client.get());
     bool done = false;
     int status = 0;
     auto userInfo = Dictionary::create({ { VXAPICallbackBlockKey,

@@ -27,6 +27,9 @@ struct APIOptions {
     std::string baseURL;                 // empty: an in-process sandbox
     std::string token;                   // else $VELVOX_TOKEN, else tokenFile
     std::string tokenFile;
+    bool verbose { false }; // each request on standard error
+    bool quiet { false };   // no progress bar
+    double timeout { 30 };
 };
 
 // At most `limit` bytes of a body that came from a server, safe to show on a

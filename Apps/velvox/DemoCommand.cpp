@@ -8,6 +8,7 @@
 #include <Views/VXViewRenderer.h>
 
 #include <cstdio>
+#include <filesystem>
 
 namespace velvox::app {
 
@@ -21,10 +22,16 @@ void step(const char* text)
 
 } // namespace
 
-int runDemo(const ServiceOptions& options)
+int runDemo(const ServiceOptions& options, const std::string& output)
 {
     ServiceOptions demoOptions = options;
     demoOptions.baseURL.clear(); // always the embedded sandbox
+    // A folder of its own, emptied first: every tour tells the same story
+    // (the sandbox gives the upload the same identifier each time, which an
+    // earlier tour's history would call played).
+    demoOptions.folderName = "demo";
+    std::error_code ignored;
+    std::filesystem::remove_all(serviceDataHome(demoOptions.folderName), ignored);
     Session session(demoOptions);
     if (int code = session.open("demo"))
         return code;
@@ -115,9 +122,13 @@ int runDemo(const ServiceOptions& options)
     auto variables = Dictionary::create({ { "activities", &feed->items() }, { "me", me.get() } });
     RefPtr<Error> error;
     if (auto page = VXViewRenderer::renderPage("dashboard", variables.ptr(), &error)) {
-        std::string file = "velvox-dashboard.html";
-        if (FileManager::writeFileAtomically(file, page->view()))
+        // Into the current folder only when asked; else beside the demo's archives.
+        std::string file = output.empty() ? stringByAppendingPathComponent(store.applicationSupportDirectory(), "velvox-dashboard.html") : output;
+        std::string problem;
+        if (writeUserFile(file, page->view(), problem))
             printf("Wrote %s (%zu bytes, images inlined).\n", file.c_str(), page->view().size());
+        else
+            printf("Could not write %s: %s\n", file.c_str(), problem.c_str());
     } else {
         printf("The view could not be rendered: %s\n", error ? error->localizedDescription()->utf8() : "");
     }

@@ -12,7 +12,7 @@ namespace {
 // A single fetch through the store, saying when the answer came from the
 // identity map of an earlier run.
 template<typename T, typename Fetch>
-int showSingle(Session& session, const StoreCommand& command, Fetch fetch)
+int showSingle(Session& session, const StoreCommand& command, const std::string& what, Fetch fetch)
 {
     RefPtr<T> fetched;
     RefPtr<Error> failure;
@@ -29,7 +29,7 @@ int showSingle(Session& session, const StoreCommand& command, Fetch fetch)
     if (!session.waitFor([&] { return done; }))
         return session.fail(command.name.c_str(), session.noAnswer().ptr());
     if (!fetched)
-        return session.fail(command.name.c_str(), failure.get());
+        return session.fail(command.name.c_str(), failure.get(), what);
     showObject(session, *fetched);
     return ExitSuccess;
 }
@@ -107,7 +107,7 @@ int showSingleObject(Session& session, const StoreCommand& command)
         auto cached = store.cachedResource<VXUser>(identifier.ptr());
         StoreCommand userCommand = command;
         userCommand.refresh = command.refresh || (cached && !cached->hasFullUserRepresentation());
-        return showSingle<VXUser>(session, userCommand, [&](bool refresh, auto block) { return store.userForIdentifier(identifier.ptr(), refresh, block); });
+        return showSingle<VXUser>(session, userCommand, userNamed(command.arguments[0]), [&](bool refresh, auto block) { return store.userForIdentifier(identifier.ptr(), refresh, block); });
     }
     // The signed-in account decides which tracks are unplayed.
     if (store.meUserIdentifier() == nullptr) {
@@ -115,7 +115,7 @@ int showSingleObject(Session& session, const StoreCommand& command)
         if (!session.signIn(code))
             return code;
     }
-    return showSingle<VXTrack>(session, command, [&](bool refresh, auto block) { return store.trackForIdentifier(identifier.ptr(), refresh, block); });
+    return showSingle<VXTrack>(session, command, trackNamed(command.arguments[0]), [&](bool refresh, auto block) { return store.trackForIdentifier(identifier.ptr(), refresh, block); });
 }
 
 int showList(Session& session, const StoreCommand& command)
@@ -130,7 +130,11 @@ int showList(Session& session, const StoreCommand& command)
         if (!session.signIn(code))
             return code;
     }
-    if (int failed = session.loadCollection(name.c_str(), *collection))
+    // A list of a track or user that is not there: named, not just "not found".
+    std::string owner = !command.arguments.empty() ? trackNamed(command.arguments[0])
+        : !command.userIdentifier.empty()          ? userNamed(command.userIdentifier)
+                                                   : std::string();
+    if (int failed = session.loadCollection(name.c_str(), *collection, owner))
         return failed;
     showItems(session, collection->items());
     if (collection->hasMoreItems() && !session.options().all && !session.options().quiet && !session.options().json)

@@ -13,11 +13,17 @@ int play(Session& session, const StoreCommand& command)
     int code = ExitSuccess;
     if (!session.signIn(code))
         return code;
-    auto track = fetchTrack(session, command.arguments[0], code);
+    auto track = fetchTrack(session, command, command.arguments[0], code);
     if (!track)
         return code;
     bool wasUnplayed = track->isUnplayed();
     track->setUnplayed(false);
+    if (session.options().json) {
+        auto record = Dictionary::create({ { "id", jsonIdentifier(command.arguments[0]).ptr() }, { "title", track->title() ? track->title() : text("").ptr() },
+            { "played_before", Number::withBool(!wasUnplayed).ptr() } });
+        session.print(jsonText(record));
+        return ExitSuccess;
+    }
     session.print(std::string(wasUnplayed ? "played " : "played again ") + printable(str(track->title())) + "\n");
     return ExitSuccess;
 }
@@ -34,11 +40,14 @@ int history(Session& session)
         for (auto* identifier : *played)
             identifiers.push_back(identifier->description()->str());
     }
-    std::sort(identifiers.begin(), identifiers.end());
+    // In numeric order: "20003" before "100000".
+    std::sort(identifiers.begin(), identifiers.end(), [](const std::string& a, const std::string& b) {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    });
     if (session.options().json) {
         auto list = MutableArray::create();
         for (auto& identifier : identifiers)
-            list->addObject(text(identifier));
+            list->addObject(jsonIdentifier(identifier));
         session.print(jsonText(list));
         return ExitSuccess;
     }
@@ -47,7 +56,7 @@ int history(Session& session)
         auto track = session.store().cachedResource<VXTrack>(text(identifier).ptr());
         rows.push_back({ identifier, track ? str(track->title()) : "" });
     }
-    session.print(identifiers.empty() ? "No tracks played yet by " + printable(str(me->username())) + ".\n" : columns(rows));
+    session.print(identifiers.empty() ? "No tracks played yet by " + printable(str(me->username())) + ".\n" : columns(rows, terminalWidth()));
     return ExitSuccess;
 }
 

@@ -7,9 +7,21 @@
 #include <VelvoxKit/VXKit.h>
 #include <ZUKit/ZUPastDateFormatter.h>
 
+#include "ObservedAPI.h"
+
+#include <VelvoxKit/VXActivity.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <fstream>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace velvox::app {
 
@@ -26,18 +38,96 @@ Session::~Session()
         m_sandbox->stop();
 }
 
+std::string resolvedBaseURL(const ServiceOptions& options)
+{
+    if (!options.baseURL.empty())
+        return options.baseURL;
+    const char* fromEnvironment = getenv("VELVOX_BASE_URL");
+    return fromEnvironment ? fromEnvironment : "";
+}
+
+std::string serviceFolderName(const std::string& baseURL)
+{
+    if (baseURL.empty())
+        return "sandbox";
+    // No credentials ("user:password@") in a folder name; the rest decides.
+    std::string url = baseURL;
+    size_t scheme = url.find("://");
+    size_t hostStart = scheme == std::string::npos ? 0 : scheme + 3;
+    size_t hostEnd = url.find_first_of("/?#", hostStart);
+    if (size_t at = url.rfind('@', hostEnd == std::string::npos ? url.size() : hostEnd); at != std::string::npos && at >= hostStart)
+        url.erase(hostStart, at + 1 - hostStart);
+    while (url.size() > hostStart && url.back() == '/')
+        url.pop_back();
+    for (size_t i = 0; i < std::min(url.size(), hostEnd == std::string::npos ? url.size() : hostEnd); ++i)
+        url[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(url[i])));
+    // FNV-1a of the whole URL keeps "a_b" and "a/b" apart; the readable part
+    // is the host, port and path with every other byte as "_".
+    uint32_t hash = 2166136261u;
+    for (unsigned char c : url)
+        hash = (hash ^ c) * 16777619u;
+    std::string readable;
+    for (size_t i = hostStart; i < url.size() && readable.size() < 64; ++i) {
+        char c = url[i];
+        readable += std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' ? c : '_';
+    }
+    return readable + format("-%08x", hash);
+}
+
+std::string serviceDataHome(const std::string& folderName)
+{
+    return stringByAppendingPathComponent(stringByAppendingPathComponent(applicationSupportDirectory(), "Velvox/services"), folderName);
+}
+
+std::string useServiceFolder(const std::string& folderName)
+{
+    std::string home = serviceDataHome(folderName);
+    setenv("XDG_DATA_HOME", home.c_str(), 1);
+    return stringByAppendingPathComponent(home, "Velvox");
+}
+
+namespace {
+
+int interruptPipe[2] { -1, -1 };
+volatile sig_atomic_t interruption = 0;
+
+void interrupted(int signal)
+{
+    int saved = errno;
+    if (interruption) {
+        // A second Ctrl-C ends at once, as people expect of it.
+        ::signal(signal, SIG_DFL);
+        raise(signal);
+    }
+    interruption = signal;
+    char byte = 1;
+    [[maybe_unused]] auto written = write(interruptPipe[1], &byte, 1);
+    errno = saved;
+}
+
+} // namespace
+
+void catchInterruptions()
+{
+    if (interruptPipe[0] >= 0 || pipe2(interruptPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return;
+    struct sigaction action {};
+    action.sa_handler = interrupted;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
 int Session::open(const char* command)
 {
     m_command = command;
-    std::string baseURL = m_options.baseURL;
-    if (baseURL.empty()) {
-        if (const char* fromEnvironment = getenv("VELVOX_BASE_URL"))
-            baseURL = fromEnvironment;
-    }
+    std::string baseURL = resolvedBaseURL(m_options);
+    // Before anything reads it: the archives of this service, apart from any other's.
+    std::string folder = useServiceFolder(m_options.folderName.empty() ? serviceFolderName(baseURL) : m_options.folderName);
     std::string token;
     if (!baseURL.empty()) {
         if (!resolveToken(m_options.token, m_options.tokenFile, command, token))
-            return ExitUsage;
+            return ExitFailure;
     } else {
         m_sandbox = std::make_unique<sandbox::SandboxService>(sandbox::SandboxService::Options {});
         std::string problem;
@@ -49,19 +139,21 @@ int Session::open(const char* command)
         token = m_sandbox->token();
     }
     std::string problem;
-    auto api = VXVelvoxAPI::create(baseURL, token, &problem);
+    auto api = ObservedAPI::create(baseURL, token, { showsFeedback(), m_options.verbose }, &problem);
     if (!api) {
         fprintf(stderr, "velvox %s: %s\n", command, problem.c_str());
         return ExitUsage;
     }
-    api->setTimeout(30);
+    api->setTimeout(m_options.timeout);
+    api->setConnectTimeout(std::min(m_options.timeout, api->connectTimeout()));
     // A service that fails for a moment (no connection, 429, 5xx) is asked
     // again for what may be asked twice: lists, records, follow changes.
     api->setRetryPolicy(VXVelvoxAPI::RetryPolicy::recommended());
+    if (m_options.verbose)
+        fprintf(stderr, "* %s (Authorization: OAuth [redacted]); archives in %s\n", printable(baseURL).c_str(), folder.c_str());
     // The host makes the store's folder, which the store itself only fills,
     // so that the identity map is kept from the first run on.
-    FileManager::defaultManager().createDirectoryAtPath(
-        stringByAppendingPathComponent(applicationSupportDirectory(), "Velvox"), true, nullptr, 0700);
+    FileManager::defaultManager().createDirectoryAtPath(folder, true, nullptr, 0700);
     // The shared store: it loads the identity map of earlier runs, and finish()
     // saves it. Runs over long lists would grow the map without end; the most
     // recent objects of each class are what a next run is likely to show.
@@ -74,13 +166,22 @@ int Session::open(const char* command)
     storeOptions.mergesTrackRefreshes = true;
     storeOptions.maximumTrackRefreshesInFlight = 2;
     m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), storeOptions);
+    catchInterruptions();
     VXResourceController::setSharedResourceController(m_store);
     return ExitSuccess;
 }
 
 bool Session::waitFor(const std::function<bool()>& condition, double seconds)
 {
-    return RunLoop::current().runUntil(condition, seconds);
+    // The wake-up of a signal, watched while this wait runs.
+    char drained[16];
+    auto watch = interruptPipe[0] < 0 ? Subscription() : RunLoop::current().watchSocket(interruptPipe[0], SocketEvent::Readable, [&](int fd, SocketEvent) {
+        while (read(fd, drained, sizeof drained) > 0) { }
+    });
+    bool met = RunLoop::current().runUntil([&] { return interruption || condition(); }, seconds > 0 ? seconds : m_options.timeout + 5);
+    if (interruption)
+        throw Interrupted { interruption };
+    return met;
 }
 
 RefPtr<VXUser> Session::signIn(int& code)
@@ -108,13 +209,59 @@ Ref<Error> Session::noAnswer()
     return Error::create(URLErrorDomain, 28, "No answer from the service.");
 }
 
-int Session::fail(const char* command, Error* error)
+namespace {
+
+// What a failing answer's body says: the "error_message" texts of the
+// service's {"errors": [...]} record, else nothing.
+std::string serviceMessages(Error& error)
+{
+    auto* body = error.userInfo() ? error.userInfo()->objectForKey<Data>(VXVelvoxAPIResponseBodyKey) : nullptr;
+    if (!body || body->length() > 65536)
+        return {};
+    auto decoded = JSONObject(*String::create(body->view()));
+    auto* record = dynamicDowncast<Dictionary>(decoded.get());
+    auto* errors = record ? record->objectForKey<Array>("errors") : nullptr;
+    std::string messages;
+    if (!errors)
+        return messages;
+    for (auto* item : *errors) {
+        auto* entry = dynamicDowncast<Dictionary>(item);
+        auto* message = entry ? entry->objectForKey<String>("error_message") : nullptr;
+        if (!message || message->isEmpty())
+            continue;
+        messages += (messages.empty() ? "" : "; ") + printableExcerpt(message->view(), 512);
+    }
+    return messages;
+}
+
+// "A: B: A" as "A: B": the URL loader's description can repeat libcurl's own.
+std::string withoutRepeats(const std::string& message)
+{
+    std::vector<std::string> parts;
+    for (size_t start = 0; start <= message.size();) {
+        size_t end = message.find(": ", start);
+        std::string part = message.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        if (std::find(parts.begin(), parts.end(), part) == parts.end())
+            parts.push_back(part);
+        if (end == std::string::npos)
+            break;
+        start = end + 2;
+    }
+    std::string out;
+    for (auto& part : parts)
+        out += (out.empty() ? "" : ": ") + part;
+    return out;
+}
+
+} // namespace
+
+int Session::fail(const char* command, Error* error, const std::string& what)
 {
     if (!error) {
         fprintf(stderr, "velvox %s: the service's answer was not understood\n", command);
         return ExitService;
     }
-    std::string message = printableExcerpt(error->localizedDescription()->view(), 512);
+    std::string message = withoutRepeats(printableExcerpt(error->localizedDescription()->view(), 512));
     bool network = error->domain()->isEqualToString(URLErrorDomain);
     int64_t status = error->code();
     if (network) {
@@ -128,16 +275,24 @@ int Session::fail(const char* command, Error* error)
         fprintf(stderr, "velvox %s: %s\n", command, message.c_str());
         return ExitService;
     }
+    std::string said = serviceMessages(*error);
     if (status == 401 || status == 403) {
         fprintf(stderr, "velvox %s: not authorised (%lld). Pass a valid token with --token, --token-file FILE or $VELVOX_TOKEN.\n",
             command, static_cast<long long>(status));
         return ExitNotAuthorised;
     }
     if (status == 404) {
-        fprintf(stderr, "velvox %s: not found\n", command);
+        if (what.empty())
+            fprintf(stderr, "velvox %s: not found\n", command);
+        else
+            fprintf(stderr, "velvox %s: %s was not found\n", command, printable(what).c_str());
         return ExitNotFound;
     }
-    fprintf(stderr, "velvox %s: the service failed: %s\n", command, message.c_str());
+    if (!said.empty())
+        fprintf(stderr, "velvox %s: %s (%lld): %s\n", command, status >= 500 ? "the service failed" : "the service refused it",
+            static_cast<long long>(status), said.c_str());
+    else
+        fprintf(stderr, "velvox %s: the service failed: %s\n", command, message.c_str());
     return ExitService;
 }
 
@@ -152,21 +307,41 @@ int Session::pageCap()
     return maximumPages;
 }
 
-int Session::loadCollection(const char* command, VXRemoteCollectionController& collection)
+int Session::loadCollection(const char* command, VXRemoteCollectionController& collection, const std::string& what)
 {
     if (!is<VXCursorCollectionController>(collection))
         collection.setPageSize(50);
     bool first = true;
     int pages = 0;
     int cap = pageCap();
+    // On a terminal, a list that keeps people waiting says which page it is at.
+    bool spinning = false;
+    static const char* const frames[] = { "|", "/", "-", "\\" };
+    int frame = 0;
+    Subscription spinner;
+    if (showsFeedback()) {
+        spinner = RunLoop::current().scheduleRepeatingTimer(0.25, [&] {
+            fprintf(stderr, "\r%s loading page %d…\033[K", frames[frame++ % 4], pages + 1);
+            spinning = true;
+        });
+    }
+    struct Clear {
+        bool& spinning;
+        ~Clear()
+        {
+            if (spinning)
+                fputs("\r\033[K", stderr);
+        }
+    } clear { spinning };
     for (; pages < cap && (first || (m_options.all && collection.hasMoreItems())); ++pages) {
         collection.loadMoreItemsForReloadOperationType(first ? ZURemoteCollectionReloadOperationType::Reload : ZURemoteCollectionReloadOperationType::LoadMore, !first);
         first = false;
         if (!waitFor([&] { return !collection.isLoadingItems(); }))
             return fail(command, noAnswer().ptr());
         if (collection.lastError())
-            return fail(command, collection.lastError());
+            return fail(command, collection.lastError(), what);
     }
+    spinner = {};
     // A service that never ends a list gets a bounded one, and the user hears of the cut.
     if (m_options.all && collection.hasMoreItems()) {
         fprintf(stderr, "velvox %s: stopped after %d pages; the list goes on\n", command, pages);
@@ -177,9 +352,15 @@ int Session::loadCollection(const char* command, VXRemoteCollectionController& c
 
 void Session::print(const std::string& text)
 {
-    if (m_options.quiet)
+    if (m_options.quiet || m_writeError)
         return;
-    fwrite(text.data(), 1, text.size(), stdout);
+    if (fwrite(text.data(), 1, text.size(), stdout) != text.size())
+        m_writeError = errno ? errno : EIO;
+}
+
+bool Session::showsFeedback() const
+{
+    return !m_options.quiet && isatty(STDERR_FILENO);
 }
 
 int Session::finish(int code)
@@ -195,8 +376,13 @@ int Session::finish(int code)
             code = code ? code : ExitFailure;
         }
     }
-    if (fflush(stdout) != 0 || ferror(stdout)) {
-        fprintf(stderr, "velvox: cannot write the output\n");
+    if (!m_writeError && (fflush(stdout) != 0 || ferror(stdout)))
+        m_writeError = errno ? errno : EIO;
+    // A reader that stopped reading (velvox tracks --all | head -1) wanted no more.
+    if (m_writeError == EPIPE)
+        return code;
+    if (m_writeError) {
+        fprintf(stderr, "velvox: cannot write the output: %s\n", strerror(m_writeError));
         return code ? code : ExitFailure;
     }
     return code;
@@ -222,6 +408,16 @@ std::string durationText(double seconds)
     return stringWithMilliseconds(static_cast<int64_t>(seconds * 1000))->str();
 }
 
+Ref<Object> jsonIdentifier(const std::string& identifier)
+{
+    // Decimal, without a sign or leading zeros, and within 64 bits: a number.
+    bool decimal = !identifier.empty() && identifier.size() <= 18 && (identifier == "0" || identifier[0] != '0')
+        && identifier.find_first_not_of("0123456789") == std::string::npos;
+    if (decimal)
+        return Number::withInteger(std::stoll(identifier));
+    return String::create(identifier);
+}
+
 Ref<Dictionary> jsonRecord(ZUObject& object)
 {
     auto record = MutableDictionary::create();
@@ -229,6 +425,15 @@ Ref<Dictionary> jsonRecord(ZUObject& object)
         auto value = descriptor->accessor().get(object);
         if (!value) {
             record->setObject(&Null::null(), descriptor->source().view());
+            continue;
+        }
+        // Lists (a track's tags, an activity's) stay lists: their transformers'
+        // reverse texts are the models' business, not a script's.
+        if (auto* list = dynamicDowncast<Array>(value.get())) {
+            auto items = MutableArray::create();
+            for (auto* item : *list)
+                items->addObject(is<String>(item) ? Ref<Object>(*item) : Ref<Object>(item->description()));
+            record->setObject(items, descriptor->source().view());
             continue;
         }
         if (auto* transformer = descriptor->cachedTransformer(); transformer && transformer->allowsReverseTransformation()) {
@@ -245,6 +450,16 @@ Ref<Dictionary> jsonRecord(ZUObject& object)
             value = Number::create(downcast<Date>(value.get())->timeIntervalSince1970());
         record->setObject(value ? value.get() : &Null::null(), descriptor->source().view());
     }
+    // An activity as its table row shows it: the track, who made it, the note.
+    if (auto* activity = dynamicDowncast<VXActivity>(&object)) {
+        auto* track = activity->track();
+        RefPtr<VXUser> owner;
+        if (track && track->userIdentifier())
+            owner = VXResourceController::sharedResourceController().cachedResource<VXUser>(track->userIdentifier());
+        record->setObject(track ? Ref<Object>(jsonRecord(*track)) : Ref<Object>(Null::null()), "track");
+        record->setObject(owner ? Ref<Object>(jsonRecord(*owner)) : Ref<Object>(Null::null()), "user");
+        record->setObject(activity->sharingNote() ? Ref<Object>(jsonRecord(*activity->sharingNote())) : Ref<Object>(Null::null()), "sharing_note");
+    }
     return record;
 }
 
@@ -252,10 +467,16 @@ std::string jsonText(Object& object)
 {
     RefPtr<Error> error;
     RefPtr<String> text;
-    if (auto* array = dynamicDowncast<Array>(&object))
+    // The encoder writes an empty container over lines; scripts and people read "[]".
+    if (auto* array = dynamicDowncast<Array>(&object)) {
+        if (!array->count())
+            return "[]\n";
         text = JSONStringWithOptions(*array, JCSerializeOptionPretty, &error);
-    else if (auto* dictionary = dynamicDowncast<Dictionary>(&object))
+    } else if (auto* dictionary = dynamicDowncast<Dictionary>(&object)) {
+        if (!dictionary->count())
+            return "{}\n";
         text = JSONStringWithOptions(*dictionary, JCSerializeOptionPretty, &error);
+    }
     return text ? escapingControlCharacters(text->view()) + "\n" : "null\n";
 }
 
@@ -290,8 +511,53 @@ std::string printable(const std::string& text)
     return out;
 }
 
-std::string columns(const std::vector<std::vector<std::string>>& unsafeRows)
+namespace {
+
+size_t displayWidth(const std::string& text)
 {
+    size_t count = 0;
+    for (unsigned char c : text)
+        count += (c & 0xC0) != 0x80; // code points, for aligned UTF-8
+    return count;
+}
+
+// The cell cut to `width` code points, the last of them "…".
+std::string cut(const std::string& cell, size_t width)
+{
+    if (displayWidth(cell) <= width)
+        return cell;
+    if (!width)
+        return "";
+    size_t kept = 0, at = 0;
+    for (; at < cell.size() && kept < width - 1; ++at)
+        kept += (static_cast<unsigned char>(cell[at]) & 0xC0) != 0x80;
+    while (at < cell.size() && (static_cast<unsigned char>(cell[at]) & 0xC0) == 0x80)
+        ++at;
+    return cell.substr(0, at) + "…";
+}
+
+bool isNumeric(const std::string& cell)
+{
+    return !cell.empty() && cell.find_first_not_of("0123456789,.") == std::string::npos && std::isdigit(static_cast<unsigned char>(cell[0]));
+}
+
+} // namespace
+
+size_t terminalWidth()
+{
+    if (!isatty(STDOUT_FILENO))
+        return 0;
+    struct winsize size {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+        return size.ws_col;
+    if (const char* columns = getenv("COLUMNS"); columns && atoi(columns) > 0)
+        return static_cast<size_t>(atoi(columns));
+    return 80;
+}
+
+std::string columns(const std::vector<std::vector<std::string>>& unsafeRows, size_t lineWidth)
+{
+    static constexpr size_t widest = 48, narrowest = 6;
     std::vector<std::vector<std::string>> rows;
     rows.reserve(unsafeRows.size());
     for (auto& row : unsafeRows) {
@@ -301,40 +567,112 @@ std::string columns(const std::vector<std::vector<std::string>>& unsafeRows)
         rows.push_back(std::move(cells));
     }
     std::vector<size_t> widths;
-    auto width = [](const std::string& text) {
-        size_t count = 0;
-        for (unsigned char c : text)
-            count += (c & 0xC0) != 0x80; // code points, for aligned UTF-8
-        return count;
-    };
-    for (auto& row : rows) {
-        for (size_t i = 0; i < row.size(); ++i) {
-            if (widths.size() <= i)
+    std::vector<bool> numeric;
+    for (size_t r = 0; r < rows.size(); ++r) {
+        for (size_t i = 0; i < rows[r].size(); ++i) {
+            if (widths.size() <= i) {
                 widths.push_back(0);
-            widths[i] = std::max(widths[i], std::min<size_t>(width(row[i]), 48));
+                numeric.push_back(true);
+            }
+            widths[i] = std::max(widths[i], std::min(displayWidth(rows[r][i]), widest));
+            // The heading does not count; empty cells do not make a column text.
+            if (r > 0 && !rows[r][i].empty() && !isNumeric(rows[r][i]))
+                numeric[i] = false;
+        }
+    }
+    // Too wide for the terminal: the widest text column gives way first.
+    if (lineWidth) {
+        auto total = [&] {
+            size_t sum = widths.empty() ? 0 : 2 * (widths.size() - 1);
+            for (auto w : widths)
+                sum += w;
+            return sum;
+        };
+        while (total() > lineWidth) {
+            size_t column = widths.size();
+            for (size_t i = 0; i < widths.size(); ++i) {
+                if (!numeric[i] && widths[i] > narrowest && (column == widths.size() || widths[i] > widths[column]))
+                    column = i;
+            }
+            if (column == widths.size())
+                break;
+            widths[column] -= std::min(widths[column] - narrowest, total() - lineWidth);
         }
     }
     std::string out;
     for (auto& row : rows) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
-            std::string cell = row[i];
-            // Cut long cells at a code point boundary.
-            if (width(cell) > 48) {
-                size_t kept = 0, at = 0;
-                for (; at < cell.size() && kept < 47; ++at)
-                    kept += (static_cast<unsigned char>(cell[at]) & 0xC0) != 0x80;
-                while (at < cell.size() && (static_cast<unsigned char>(cell[at]) & 0xC0) == 0x80)
-                    ++at;
-                cell = cell.substr(0, at) + "…";
-            }
-            line += cell;
-            if (i + 1 < row.size())
-                line += std::string(widths[i] - width(cell) + 2, ' ');
+            std::string cell = cut(row[i], widths[i]);
+            std::string padding(widths[i] - displayWidth(cell), ' ');
+            bool last = i + 1 == row.size();
+            if (numeric[i])
+                line += padding + cell;
+            else
+                line += cell + (last ? "" : padding);
+            if (!last)
+                line += "  ";
         }
         out += line + "\n";
     }
     return out;
+}
+
+std::string grouped(uint64_t count)
+{
+    std::string digits = std::to_string(count);
+    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
+        digits.insert(static_cast<size_t>(at), ",");
+    return digits;
+}
+
+std::string byteSize(uint64_t bytes)
+{
+    if (bytes < 1000)
+        return std::to_string(bytes) + " B";
+    double value = static_cast<double>(bytes);
+    if (bytes < 1000 * 1000)
+        return format(value < 10000 ? "%.1f KB" : "%.0f KB", value / 1e3);
+    if (bytes < 1000ull * 1000 * 1000)
+        return format("%.1f MB", value / 1e6);
+    return format("%.1f GB", value / 1e9);
+}
+
+bool writeUserFile(const std::string& path, std::string_view contents, std::string& problem)
+{
+    std::string folder = stringByDeletingLastPathComponent(path);
+    struct stat info {};
+    if (!folder.empty() && folder != path && ::stat(folder.c_str(), &info) != 0) {
+        problem = "the folder " + folder + " does not exist";
+        return false;
+    }
+    // The umask decides who may read it, as for any file the user makes.
+    std::string temporary = path + ".velvox-" + std::to_string(getpid());
+    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        problem = strerror(errno);
+        return false;
+    }
+    size_t written = 0;
+    while (written < contents.size()) {
+        ssize_t n = ::write(fd, contents.data() + written, contents.size() - written);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        written += static_cast<size_t>(n);
+    }
+    int failure = written == contents.size() ? 0 : errno ? errno : EIO;
+    if (::close(fd) != 0 && !failure)
+        failure = errno;
+    if (!failure && ::rename(temporary.c_str(), path.c_str()) != 0)
+        failure = errno;
+    if (failure) {
+        ::unlink(temporary.c_str());
+        problem = strerror(failure);
+        return false;
+    }
+    return true;
 }
 
 } // namespace velvox::app

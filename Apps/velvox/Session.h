@@ -35,7 +35,35 @@ struct ServiceOptions {
     bool json { false };
     bool quiet { false };
     bool all { false };
+    bool verbose { false }; // each request on standard error
+    double timeout { 30 };  // seconds a request may take
+    std::string folderName; // the data folder's name when not the service's own (the demo's)
 };
+
+// The service's base URL: the option, else $VELVOX_BASE_URL; empty for the embedded sandbox.
+std::string resolvedBaseURL(const ServiceOptions&);
+// Each service's identity map and play history are kept apart, in a folder
+// "<data>/Velvox/services/<name>" that stands for $XDG_DATA_HOME while velvox
+// talks to it. The name: "sandbox" for the embedded sandbox (an empty base
+// URL), "<host>_<port>-<hash>" for another: one component that cannot leave
+// the folder, with no credentials of the URL in it.
+std::string serviceFolderName(const std::string& baseURL);
+std::string serviceDataHome(const std::string& folderName);
+// Points the store's archives at that folder (through $XDG_DATA_HOME, which
+// the store honours), before anything else runs; answers the store's folder
+// ("<data>/Velvox/services/<name>/Velvox").
+std::string useServiceFolder(const std::string& folderName);
+
+// Thrown out of Session::waitFor when Ctrl-C (or SIGTERM) arrives, so that
+// the command unwinds and its archives are saved before velvox exits.
+struct Interrupted {
+    int signal;
+};
+// From here on, SIGINT and SIGTERM interrupt the waits instead of ending the
+// process at once; a second one ends it.
+void catchInterruptions();
+// The exit status for an interruption by the signal (130 for SIGINT).
+inline int interruptedStatus(int signal) { return 128 + signal; }
 
 class Session {
 public:
@@ -47,26 +75,32 @@ public:
     VXResourceController& store() { return *m_store; }
     const ServiceOptions& options() const { return m_options; }
 
-    // Runs the loop until the condition holds; false after the time-out.
-    bool waitFor(const std::function<bool()>& condition, double seconds = 30);
+    // Runs the loop until the condition holds; false after the time-out
+    // (0: the --timeout and a margin). Throws Interrupted on Ctrl-C.
+    bool waitFor(const std::function<bool()>& condition, double seconds = 0);
     // Signs in (the "/me" user); null with the exit code in `code` when it fails.
     RefPtr<VXUser> signIn(int& code);
 
-    // The exit code for an error, after saying what went wrong on standard error.
-    int fail(const char* command, Error* error);
+    // The exit code for an error, after saying what went wrong on standard
+    // error; `what` names the resource ("the track 99999") for a 404.
+    int fail(const char* command, Error* error, const std::string& what = {});
     // The error of a request that was not answered within waitFor's time.
     static Ref<Error> noAnswer();
     // Loads a collection's first page (or every page with --all, at most
     // maximumPages: a longer list is cut, which is said on standard error).
-    int loadCollection(const char* command, VXRemoteCollectionController&);
+    // `what` names the list's owner for a 404 ("the track 20005").
+    int loadCollection(const char* command, VXRemoteCollectionController&, const std::string& what = {});
     static constexpr int maximumPages = 1000;
     // maximumPages, or fewer when $VELVOX_TEST_MAXIMUM_PAGES says so.
     static int pageCap();
     // Whether a list was cut at maximumPages (the command then fails with ExitService).
     bool listWasCut() const { return m_listCut; }
 
-    // Output: standard output unless --quiet; write errors make finish() fail.
+    // Output: standard output unless --quiet; write errors make finish() fail,
+    // but a reader that went away (a broken pipe) ends the output silently.
     void print(const std::string& text);
+    // Whether people watch standard error: feedback (progress, spinners) goes there.
+    bool showsFeedback() const;
     // Saves the store's archives (the application's termination) and checks
     // that standard output took everything. Answers the final exit code: a
     // failed save or write turns success into ExitFailure.
@@ -79,6 +113,7 @@ private:
     std::string m_command;
     bool m_finished { false };
     bool m_listCut { false };
+    int m_writeError { 0 };
 };
 
 // How many objects of each class the identity map keeps across runs.
@@ -98,8 +133,21 @@ std::string escapingControlCharacters(std::string_view json);
 // Text from a service as a terminal may show it: a control character in a
 // title must not move the cursor or clear the screen (line breaks become blanks).
 std::string printable(const std::string&);
-// Rows as aligned columns (the first row is the heading), each cell printable.
-std::string columns(const std::vector<std::vector<std::string>>& rows);
+// Rows as aligned columns (the first row is the heading), each cell
+// printable; numeric columns right-aligned. With `width`, the widest columns
+// are cut (with "…") until every line fits.
+std::string columns(const std::vector<std::vector<std::string>>& rows, size_t width = 0);
+// The terminal's width when standard output is one, else 0.
+size_t terminalWidth();
+// A count with thousands grouped: "81,044".
+std::string grouped(uint64_t);
+// A byte count as people read it: "812 B", "48 KB", "3.4 MB".
+std::string byteSize(uint64_t);
+// An identifier as scripts get it: a number when it is a decimal one, else the text.
+Ref<Object> jsonIdentifier(const std::string&);
+// Writes a file the user asked for (-o): through a temporary file and a
+// rename, with the permissions the umask leaves. False with the reason.
+bool writeUserFile(const std::string& path, std::string_view contents, std::string& problem);
 
 // velvox store commands: each answers its exit code.
 struct StoreCommand {
@@ -115,6 +163,6 @@ struct StoreCommand {
     bool wait { false };
 };
 int runStoreCommand(Session&, const StoreCommand&);
-int runDemo(const ServiceOptions&);
+int runDemo(const ServiceOptions&, const std::string& output);
 
 } // namespace velvox::app

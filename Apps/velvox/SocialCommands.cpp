@@ -62,14 +62,15 @@ int follow(Session& session, const StoreCommand& command, bool following)
     int code = ExitSuccess;
     if (!session.signIn(code))
         return code;
-    auto user = fetchUser(session, command.arguments[0], code);
+    auto user = fetchUser(session, command, command.arguments[0], code);
     if (!user)
         return code;
     RefPtr<Error> failure;
     int32_t state = followState(session, user->resourceIdentifier(), failure);
     if (state == -1)
         return session.fail(command.name.c_str(), failure.get());
-    if (state != (following ? 1 : 0)) {
+    bool changes = state != (following ? 1 : 0);
+    if (changes) {
         bool done = false;
         auto changed = [&](Object*, Error* error) {
             failure = error;
@@ -84,7 +85,14 @@ int follow(Session& session, const StoreCommand& command, bool following)
         if (failure)
             return session.fail(command.name.c_str(), failure.get());
     }
-    session.print(std::string(following ? "following " : "not following ") + printable(str(user->username())) + "\n");
+    if (session.options().json) {
+        auto record = Dictionary::create({ { "id", jsonIdentifier(command.arguments[0]).ptr() },
+            { "username", user->username() ? user->username() : text("").ptr() }, { "following", Number::withBool(following).ptr() },
+            { "changed", Number::withBool(changes).ptr() } });
+        session.print(jsonText(record));
+        return ExitSuccess;
+    }
+    session.print(std::string(following ? "following " : "not following ") + printable(str(user->username())) + (changes ? "" : " (already)") + "\n");
     return ExitSuccess;
 }
 
@@ -103,9 +111,31 @@ int favorite(Session& session, const StoreCommand& command, bool on)
         session.store().apiController()->favoriteTrackIdentifer(identifier.ptr(), answer);
     else
         session.store().apiController()->unfavoriteTrackIdentifer(identifier.ptr(), answer);
-    if (!session.waitFor([&] { return done; }) || failure)
-        return session.fail(command.name.c_str(), failure.get());
-    session.print(std::string(on ? "favorited " : "unfavorited ") + command.arguments[0] + "\n");
+    if (!session.waitFor([&] { return done; }))
+        return session.fail(command.name.c_str(), session.noAnswer().ptr());
+    bool changed = !failure;
+    RefPtr<VXTrack> track;
+    if (failure) {
+        // A 404 to unfavorite is the service's "no such favorite": when the
+        // track is there, it simply was no favorite, as a second unfollow is
+        // simply not following.
+        if (on || failure->code() != 404 || !failure->domain()->isEqualToString(VXVelvoxAPIErrorDomain))
+            return session.fail(command.name.c_str(), failure.get(), trackNamed(command.arguments[0]));
+        int code = ExitSuccess;
+        track = fetchTrack(session, command, command.arguments[0], code, true);
+        if (!track)
+            return code;
+    }
+    if (session.options().json) {
+        auto record = Dictionary::create({ { "id", jsonIdentifier(command.arguments[0]).ptr() }, { "favorite", Number::withBool(on).ptr() },
+            { "changed", Number::withBool(changed).ptr() } });
+        session.print(jsonText(record));
+        return ExitSuccess;
+    }
+    if (!changed)
+        session.print("not a favorite: " + command.arguments[0] + (track->title() ? " " + printable(str(track->title())) : "") + " (nothing to change)\n");
+    else
+        session.print(std::string(on ? "favorited " : "unfavorited ") + command.arguments[0] + "\n");
     return ExitSuccess;
 }
 
@@ -126,8 +156,10 @@ int comment(Session& session, const StoreCommand& command)
         session.store().postCommentWithTrackIdentifier(track.ptr(), body.ptr(), command.at, block);
     else
         session.store().postCommentWithTrackIdentifier(track.ptr(), body.ptr(), block);
-    if (!session.waitFor([&] { return done; }) || !posted)
-        return session.fail("comment", failure.get());
+    if (!session.waitFor([&] { return done; }))
+        return session.fail("comment", session.noAnswer().ptr());
+    if (!posted)
+        return session.fail("comment", failure.get(), trackNamed(command.arguments[0]));
     showObject(session, *posted);
     return ExitSuccess;
 }

@@ -20,7 +20,7 @@ namespace {
 std::vector<std::string> userRow(VXUser& user)
 {
     return { str(user.resourceIdentifier()), str(user.username()), str(user.fullName()), str(user.city()),
-        std::to_string(user.trackCount()), std::to_string(user.followersCount()) };
+        grouped(user.trackCount()), grouped(user.followersCount()) };
 }
 const std::vector<std::string> userHeading { "ID", "USERNAME", "NAME", "CITY", "TRACKS", "FOLLOWERS" };
 
@@ -29,7 +29,7 @@ std::vector<std::string> trackRow(VXResourceController& store, VXTrack& track)
     auto owner = store.cachedResource<VXUser>(track.userIdentifier());
     bool unplayed = store.meUserIdentifier() && track.resourceIdentifier() && track.isUnplayed();
     return { unplayed ? "•" : " ", str(track.resourceIdentifier()), str(track.title()), owner ? str(owner->username()) : str(track.userIdentifier()),
-        durationText(track.duration()), std::to_string(track.playbackCount()), relativeDate(track.createdAt()) };
+        durationText(track.duration()), grouped(track.playbackCount()), relativeDate(track.createdAt()) };
 }
 const std::vector<std::string> trackHeading { " ", "ID", "TITLE", "USER", "LENGTH", "PLAYS", "CREATED" };
 
@@ -75,7 +75,7 @@ void showObject(Session& session, ZUObject& object, const std::string& note)
     } else if (auto* comment = dynamicDowncast<VXComment>(&object)) {
         rows = { commentHeading, commentRow(*comment) };
     }
-    session.print(columns(rows));
+    session.print(columns(rows, terminalWidth()));
     if (!note.empty() && !session.options().quiet)
         fprintf(stderr, "%s\n", note.c_str());
 }
@@ -115,7 +115,7 @@ void showItems(Session& session, Array& items)
         session.print("(nothing)\n");
         return;
     }
-    session.print(columns(rows));
+    session.print(columns(rows, terminalWidth()));
 }
 
 int needArguments(const StoreCommand& command, size_t count, const char* usage)
@@ -126,7 +126,11 @@ int needArguments(const StoreCommand& command, size_t count, const char* usage)
     return ExitUsage;
 }
 
-RefPtr<VXTrack> fetchTrack(Session& session, const std::string& identifier, int& code, bool refresh)
+std::string trackNamed(const std::string& identifier) { return "the track " + identifier; }
+
+std::string userNamed(const std::string& identifier) { return "the user " + identifier; }
+
+RefPtr<VXTrack> fetchTrack(Session& session, const StoreCommand& command, const std::string& identifier, int& code, bool refresh)
 {
     RefPtr<VXTrack> track;
     RefPtr<Error> failure;
@@ -139,11 +143,11 @@ RefPtr<VXTrack> fetchTrack(Session& session, const std::string& identifier, int&
     if (cached && !refresh)
         return cached;
     if (!session.waitFor([&] { return done; }) || !track)
-        code = session.fail("track", failure.get());
+        code = session.fail(command.name.c_str(), failure.get(), trackNamed(identifier));
     return track;
 }
 
-RefPtr<VXUser> fetchUser(Session& session, const std::string& identifier, int& code)
+RefPtr<VXUser> fetchUser(Session& session, const StoreCommand& command, const std::string& identifier, int& code)
 {
     RefPtr<VXUser> user;
     RefPtr<Error> failure;
@@ -154,7 +158,7 @@ RefPtr<VXUser> fetchUser(Session& session, const std::string& identifier, int& c
         done = true;
     });
     if (!session.waitFor([&] { return done; }) || !user)
-        code = session.fail("user", failure.get());
+        code = session.fail(command.name.c_str(), failure.get(), userNamed(identifier));
     return user;
 }
 

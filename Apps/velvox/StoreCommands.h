@@ -20,9 +20,13 @@ void showObject(Session&, ZUObject&, const std::string& note = {});
 void showItems(Session&, Array& items);
 // ExitSuccess when the command has `count` arguments, else ExitUsage after saying the usage.
 int needArguments(const StoreCommand&, size_t count, const char* usage);
-// A track or user through the store; null with the exit code in `code` when it fails.
-RefPtr<VXTrack> fetchTrack(Session&, const std::string& identifier, int& code, bool refresh = false);
-RefPtr<VXUser> fetchUser(Session&, const std::string& identifier, int& code);
+// A track or user through the store for a command; null with the exit code
+// in `code` when it fails (a 404 says "the track ID was not found").
+RefPtr<VXTrack> fetchTrack(Session&, const StoreCommand&, const std::string& identifier, int& code, bool refresh = false);
+RefPtr<VXUser> fetchUser(Session&, const StoreCommand&, const std::string& identifier, int& code);
+// What a command's failure names: "the track 20005", "the user 1004".
+std::string trackNamed(const std::string& identifier);
+std::string userNamed(const std::string& identifier);
 
 // me, user, track (ObjectCommands.cpp).
 int showSingleObject(Session&, const StoreCommand&);

@@ -1,4 +1,4 @@
-// velvox upload: a file sent as a new track, its progress drawn, and with
+// velvox upload: a file sent as a new track (its progress drawn by the client), and with
 // --wait followed until the service has processed it.
 
 #include "Commands.h"
@@ -11,36 +11,6 @@
 namespace velvox::app::store {
 
 namespace {
-
-// An upload's progress, when standard error is a terminal.
-class ProgressBar {
-public:
-    explicit ProgressBar(bool show)
-        : m_show(show)
-    {
-    }
-    ~ProgressBar() { end(); }
-    // The API controller's progress is total ÷ sent, falling toward 1.
-    void update(float quotient)
-    {
-        if (!m_show || !(quotient >= 1))
-            return;
-        int percent = static_cast<int>(100 / quotient);
-        int filled = percent / 4;
-        fprintf(stderr, "\rUploading [%s%s] %3d%%", std::string(filled, '#').c_str(), std::string(25 - filled, ' ').c_str(), percent);
-        m_drawn = true;
-    }
-    void end()
-    {
-        if (m_drawn)
-            fputc('\n', stderr);
-        m_drawn = false;
-    }
-
-private:
-    bool m_show;
-    bool m_drawn { false };
-};
 
 const char* stateName(int32_t state)
 {
@@ -76,19 +46,18 @@ int upload(Session& session, const StoreCommand& command)
         fields->setObject(text(command.sharing), "track[sharing]");
     fields->setObject(URL::create("file://" + percentEncodePath(path)).get(), "track[asset_data]");
 
-    ProgressBar bar(isatty(STDERR_FILENO) && !session.options().quiet && !session.options().json);
+    // The client draws the progress on a terminal (see ObservedAPI).
     RefPtr<Dictionary> answer;
     RefPtr<Error> failure;
     bool done = false;
     session.store().postTrackWithTrackDictionary(
-        fields.ptr(), [&bar](VXTrack*, float progress) { bar.update(progress); },
+        fields.ptr(), {},
         [&](Object* json, Error* error) {
             answer = dynamicDowncast<Dictionary>(json);
             failure = error;
             done = true;
         });
-    bool answered = session.waitFor([&] { return done; }, 600);
-    bar.end();
+    bool answered = session.waitFor([&] { return done; }, std::max(600.0, session.options().timeout));
     if (!answered || !answer)
         return session.fail("upload", failure.get());
     auto identifier = answer->objectForKey("id") ? answer->objectForKey("id")->description() : text("");
@@ -107,7 +76,7 @@ int upload(Session& session, const StoreCommand& command)
             fprintf(stderr, "state: %s\n", stateName(track->state()));
     });
     int code = ExitSuccess;
-    fetchTrack(session, identifier->str(), code, true);
+    fetchTrack(session, command, identifier->str(), code, true);
     if (code)
         return code;
     if (!session.waitFor([&] { return track->state() == VXTrackStateFinished || track->state() == VXTrackStateFailed; }, 600)) {

@@ -39,7 +39,7 @@ int view(Session& session, const StoreCommand& command)
             return code;
         variables->setObject(&feed->items(), "activities");
     } else if (kind == "track" || kind == "comments") {
-        auto track = fetchTrack(session, command.arguments[1], code, true);
+        auto track = fetchTrack(session, command, command.arguments[1], code, true);
         if (!track)
             return code;
         // The comments' path needs the track's id, and its owner needs one too.
@@ -57,7 +57,7 @@ int view(Session& session, const StoreCommand& command)
         variables->setObject(track, "track");
         variables->setObject(&comments->items(), "comments");
     } else {
-        auto user = fetchUser(session, command.arguments[1], code);
+        auto user = fetchUser(session, command, command.arguments[1], code);
         if (!user)
             return code;
         auto tracks = store.tracksForUserIdentifier(user->resourceIdentifier());
@@ -76,8 +76,8 @@ int view(Session& session, const StoreCommand& command)
         session.print(html->str());
         return ExitSuccess;
     }
-    if (!FileManager::writeFileAtomically(command.output, html->view())) {
-        fprintf(stderr, "velvox view: cannot write %s\n", command.output.c_str());
+    if (std::string problem; !writeUserFile(command.output, html->view(), problem)) {
+        fprintf(stderr, "velvox view: cannot write %s: %s\n", command.output.c_str(), problem.c_str());
         return ExitFailure;
     }
     if (!session.options().quiet)

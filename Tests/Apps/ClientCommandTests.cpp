@@ -70,7 +70,7 @@ TEST_F(VelvoxClient, ChangesAndTheHistoryAcrossRuns)
     ASSERT_NE(at, std::string::npos) << favorites.output;
     std::string favorite = favorites.output.substr(at + 6, favorites.output.find_first_of(",\n", at) - at - 6);
     EXPECT_EQ(velvox("unfavorite " + favorite).status, 0) << favorite;
-    EXPECT_EQ(velvox("unfavorite 20042").status, 3); // not a favorite in a fresh sandbox
+    EXPECT_EQ(velvox("unfavorite 20042").status, 0); // not a favorite in a fresh sandbox: nothing to change
     auto comment = velvox("comment 20005 'nice drop' --at 61.5");
     EXPECT_EQ(comment.status, 0) << comment.output;
     EXPECT_TRUE(contains(comment, "1.01")) << comment.output;
@@ -138,11 +138,14 @@ TEST_F(VelvoxClient, FailureKindsHaveTheirExitCodes)
     service.clearFaults();
     ASSERT_TRUE(sandbox::parseFault("/tracks=not-json", fault, &problem));
     service.addFault(fault);
-    std::filesystem::remove(folder.path() + "/data/Velvox/ressources.archive");
+    std::string archive = folder.path() + "/data/Velvox/services/" + serviceFolder(service.baseURL()) + "/Velvox/ressources.archive";
+    std::filesystem::remove(archive);
     auto broken = velvox("--base-url " + service.baseURL() + " --token " + service.token() + " tracks --search x");
     EXPECT_EQ(broken.status, 6) << broken.output;
     EXPECT_TRUE(contains(broken, "could not be read (NSInternalInconsistencyException: unexpected result)")) << broken.output;
-    EXPECT_TRUE(std::filesystem::exists(folder.path() + "/data/Velvox/ressources.archive"));
+    EXPECT_TRUE(std::filesystem::exists(archive));
+    // The library's own folder stays the library's: velvox keeps each service apart.
+    EXPECT_FALSE(std::filesystem::exists(folder.path() + "/data/Velvox/ressources.archive"));
 
     // A write error on standard output is a failure.
     EXPECT_EQ(velvox("me > /dev/full").status, 1);
@@ -166,8 +169,17 @@ TEST_F(VelvoxClient, WritesViewsABrowserShowsAndRunsTheDemo)
 
     auto demo = velvox("demo");
     EXPECT_EQ(demo.status, 0) << demo.output;
-    for (auto step : { "Signed in as ines_stone0", "Page 2:", "After following", "Comment ", "State: finished", "Unplayed after: no", "Wrote velvox-dashboard.html" })
+    std::string dashboard = folder.path() + "/data/Velvox/services/demo/Velvox/velvox-dashboard.html";
+    for (std::string step : std::vector<std::string> { "Signed in as ines_stone0", "Page 2:", "After following", "Comment ", "State: finished", "Unplayed before: yes",
+             "Unplayed after: no", "Wrote " + dashboard })
         EXPECT_TRUE(contains(demo, step)) << step << "\n"
                                           << demo.output;
+    // The page goes into the current folder only when asked.
+    EXPECT_TRUE(std::filesystem::exists(dashboard));
+    EXPECT_FALSE(std::filesystem::exists(folder.path() + "/velvox-dashboard.html"));
+    // A second tour tells the same story: its fresh upload is not "already played".
+    auto again = velvox("demo -o velvox-dashboard.html");
+    EXPECT_EQ(again.status, 0) << again.output;
+    EXPECT_TRUE(contains(again, "Unplayed before: yes")) << again.output;
     EXPECT_TRUE(std::filesystem::exists(folder.path() + "/velvox-dashboard.html"));
 }

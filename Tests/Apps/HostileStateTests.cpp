@@ -10,6 +10,8 @@
 #include <TestServer.h>
 #include <TestSupport.h>
 
+#include "VelvoxClient.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -35,8 +37,16 @@ protected:
             true);
     }
     std::string data() const { return folder.path() + "/data"; }
-    std::string velvoxFolder() const { return data() + "/Velvox"; }
+    // velvox keeps each service's archives apart; the embedded sandbox's, unless told.
+    std::string velvoxFolder() const { return data() + "/Velvox/services/" + m_service + "/Velvox"; }
     std::string archivePath() const { return velvoxFolder() + "/ressources.archive"; }
+    // From now on the archives looked at are those of the service at baseURL.
+    void lookAtService(const std::string& baseURL)
+    {
+        m_service = test::velvoxServiceFolder(data(), baseURL);
+        ASSERT_FALSE(m_service.empty());
+    }
+    std::string m_service { "sandbox" };
     static bool contains(const test::Outcome& outcome, std::string_view text) { return outcome.output.find(text) != std::string::npos; }
     static std::string bytes(const std::string& path)
     {
@@ -126,7 +136,9 @@ TEST_F(HostileState, TheArchivedIdentityMapIsBoundedAcrossRuns)
                 + R"(, "title": "t", "state": "finished", "user_id": 7})";
         response.set_content(page + "]", "application/json");
     });
-    std::string service = "--base-url " + server.start() + " --token t ";
+    std::string base = server.start();
+    std::string service = "--base-url " + base + " --token t ";
+    lookAtService(base);
 
     auto listed = velvox(service + "--quiet --all tracks --search x");
     ASSERT_EQ(listed.status, 0) << listed.output;

@@ -54,7 +54,9 @@ public:
             json(response, request.has_param("offset") && request.get_param_value("offset") != "0" ? "[]" : userTracks());
         });
         routes.Get(R"(/tracks/([^/]+))", [this](const httplib::Request& request, httplib::Response& response) {
-            json(response, request.matches[1] == "10" ? viewedTrack() : trackRecord(quoted(request.matches[1]), "a\\u0085b\\u009fc\\u007fd", "null", 61000));
+            // Track 7 comes back with a text identifier, as a hostile service may send.
+            std::string identifier = request.matches[1] == "7" ? "x7" : std::string(request.matches[1]);
+            json(response, request.matches[1] == "10" ? viewedTrack() : trackRecord(::quoted(identifier), "a\\u0085b\\u009fc\\u007fd", "null", 61000));
         });
         routes.Get(R"(/tracks/10/comments)", [this](const httplib::Request& request, httplib::Response& response) {
             json(response, request.has_param("offset") && request.get_param_value("offset") != "0" ? "[]" : comments());
@@ -274,7 +276,9 @@ TEST_F(HostileServiceClient, AbsurdDurationsShowAsNothingOrTooLong)
 
 TEST_F(HostileServiceClient, JSONKeepsTextIdentifiersAndEscapesControlCharacters)
 {
-    auto text = velvoxOn("--json track x7", false);
+    // velvox itself refuses an identifier that is no number; the service may still send one.
+    EXPECT_EQ(velvoxOn("--json track x7", false).status, 2);
+    auto text = velvoxOn("--json track 7", false);
     ASSERT_EQ(text.status, 0) << text.output;
     EXPECT_NE(text.output.find("\"id\": \"x7\""), std::string::npos) << text.output;
     EXPECT_NE(text.output.find(R"("title": "a\u0085b\u009fc\u007fd")"), std::string::npos) << text.output;
