@@ -33,13 +33,15 @@ public:
 
     void velvoxAPIDidFinishWithData(VXVelvoxAPI& api, Data* data, Object* context, Dictionary* userInfo) override
     {
-        ended(userInfo, "2xx");
+        auto& delivery = api.deliveryBeingMade();
+        ended(userInfo, delivery.notModified ? "304, the kept answer" : delivery.status ? std::to_string(delivery.status) : "2xx", delivery.retries);
         m_controller->velvoxAPIDidFinishWithData(api, data, context, userInfo);
     }
     void velvoxAPIDidFailWithError(VXVelvoxAPI& api, Error* error, Object* context, Dictionary* userInfo) override
     {
         bool http = error && error->domain()->isEqualToString(VXVelvoxAPIErrorDomain) && error->code() >= 100;
-        ended(userInfo, http ? std::to_string(error->code()) : "failed: " + (error ? printable(error->localizedDescription()->str()) : std::string()));
+        ended(userInfo, http ? std::to_string(error->code()) : "failed: " + (error ? printable(error->localizedDescription()->str()) : std::string()),
+            api.deliveryBeingMade().retries);
         m_controller->velvoxAPIDidFailWithError(api, error, context, userInfo);
     }
     void velvoxAPIDidReceiveData(VXVelvoxAPI& api, Data* data, Object* context, Dictionary* userInfo) override
@@ -68,8 +70,10 @@ private:
         std::string line;
         std::chrono::steady_clock::time_point start;
     };
-    void ended(Dictionary* userInfo, const std::string& status)
+    void ended(Dictionary* userInfo, std::string status, unsigned retries)
     {
+        if (retries)
+            status += ", after " + std::to_string(retries) + (retries == 1 ? " retry" : " retries");
         endBar();
         auto found = m_requests.find(userInfo);
         if (found == m_requests.end())

@@ -389,6 +389,16 @@ URLTaskCallbacks VXVelvoxAPI::callbacksFor(std::shared_ptr<QueuedRequest> reques
         startQueuedRequests();
         if (!m_delegate)
             return;
+        // What the answer was, for whoever hears of it (a log, the store).
+        struct Delivering {
+            VXVelvoxAPI& api;
+            ~Delivering()
+            {
+                api.m_deliveringMaximumAge = -1;
+                api.m_delivering = {};
+            }
+        } delivering { *this };
+        m_delivering.retries = request->retries;
         Object* context = request->context.get();
         Dictionary* userInfo = request->userInfo.get();
         if (!live && wantsPieces && response && response->body().length()) {
@@ -403,16 +413,13 @@ URLTaskCallbacks VXVelvoxAPI::callbacksFor(std::shared_ptr<QueuedRequest> reques
             m_delegate->velvoxAPIDidFailWithError(*this, error, context, userInfo);
             return;
         }
-        // What the answer says of its freshness, for whoever converts it.
-        struct Delivering {
-            double& maximumAge;
-            ~Delivering() { maximumAge = -1; }
-        } delivering { m_deliveringMaximumAge };
         m_deliveringMaximumAge = maximumAgeInCacheControl(headerValue(*response, "cache-control"));
+        m_delivering.status = response->statusCode();
         // Not modified: what was kept is the answer. A 304 to a request that
         // asked nothing conditionally is a failure like any other 3xx.
         if (response->statusCode() == 304 && request->keptBody) {
             ++m_notModifiedCount;
+            m_delivering.notModified = true;
             Ref body = *request->keptBody;
             request->keptBody = nullptr;
             // As if it had just come: in one piece, then whole.

@@ -164,6 +164,15 @@ public:
     // years; "no-cache" and "no-store" are 0), or a negative number when it
     // said nothing. Negative outside a delivery.
     double maximumAgeOfAnswerBeingDelivered() const { return m_deliveringMaximumAge; }
+    // While the delegate hears of a request's end: the HTTP status (0 for a
+    // transfer failure), whether a 304 handed over the kept answer, and how
+    // many times the request was sent again before. Zero outside.
+    struct Delivery {
+        long status { 0 };
+        bool notModified { false };
+        unsigned retries { 0 };
+    };
+    const Delivery& deliveryBeingMade() const { return m_delivering; }
     // The "max-age" of a Cache-Control header value, as above.
     static double maximumAgeInCacheControl(std::string_view);
 
@@ -248,6 +257,7 @@ private:
     std::shared_ptr<ValidatedDiskCache> m_answers;
     uint64_t m_notModifiedCount { 0 };
     double m_deliveringMaximumAge { -1 };
+    Delivery m_delivering;
     uint64_t m_conditionalRequestCount { 0 };
     // The timers of requests waiting to be sent again.
     std::unordered_map<uint64_t, Subscription> m_retries;

@@ -240,7 +240,7 @@ TEST_F(VelvoxEveryday, TheCommandLineIsCheckedAndHelped)
     ASSERT_TRUE(service.start());
     auto verbose = velvox(serviceOptions(service) + "-v me");
     EXPECT_EQ(verbose.status, 0) << verbose.output;
-    EXPECT_TRUE(contains(verbose, "* GET /me -> 2xx (")) << verbose.output;
+    EXPECT_TRUE(contains(verbose, "* GET /me -> 200 (")) << verbose.output;
     EXPECT_FALSE(contains(verbose, service.token())) << verbose.output;
 }
 

@@ -34,10 +34,12 @@ protected:
 struct Recorder final : VXVelvoxAPIDelegate {
     RefPtr<Data> body;
     RefPtr<Error> error;
+    VXVelvoxAPI::Delivery delivery;
     bool done { false };
-    void velvoxAPIDidFinishWithData(VXVelvoxAPI&, Data* data, Object*, Dictionary*) override
+    void velvoxAPIDidFinishWithData(VXVelvoxAPI& api, Data* data, Object*, Dictionary*) override
     {
         body = data;
+        delivery = api.deliveryBeingMade();
         done = true;
     }
     void velvoxAPIDidFailWithError(VXVelvoxAPI&, Error* failure, Object*, Dictionary*) override
@@ -55,6 +57,7 @@ struct Got {
     long code { 0 }; // 200, or the error's code
     uint64_t notModified { 0 };
     uint64_t conditional { 0 };
+    VXVelvoxAPI::Delivery delivery; // as the delegate was told it
 };
 
 // A GET through a copy of the client, as its controller would send it.
@@ -65,7 +68,7 @@ Got get(VXVelvoxAPI& api, const std::string& path)
     client->performMethod(*String::create("GET"), *String::create(path), nullptr, nullptr, nullptr);
     EXPECT_TRUE(RunLoop::current().runUntil([&] { return recorder.done; }, 10));
     return { recorder.body ? std::string(recorder.body->view()) : std::string(), recorder.error ? static_cast<long>(recorder.error->code()) : 200,
-        client->notModifiedCount(), client->conditionalRequestCount() };
+        client->notModifiedCount(), client->conditionalRequestCount(), recorder.delivery };
 }
 
 } // namespace
@@ -120,6 +123,9 @@ TEST_F(Validators, WhatWasKeptOutlivesTheClientAndStaysWithItsAccount)
     auto second = get(*again, "/users/1002");
     EXPECT_EQ(second.body, answer);
     EXPECT_EQ(second.notModified, 1u);
+    EXPECT_TRUE(second.delivery.notModified);
+    EXPECT_EQ(second.delivery.status, 304);
+    EXPECT_EQ(client().deliveryBeingMade().status, 0) << "outside a delivery";
     // Another account asks unconditionally (and is refused by the sandbox).
     auto other = VXVelvoxAPI::create(service->baseURL(), "another-token");
     auto stranger = get(*other, "/users/1002");
