@@ -24,6 +24,7 @@ int info(const ServiceOptions& options, bool pathsOnly)
     useServiceFolder(serviceFolderName(resolvedBaseURL(options)));
     auto store = VXResourceController::create();
     auto statistics = store->resourceCacheStatistics();
+    auto [answers, answerBytes] = VXVelvoxAPI::keptAnswers({});
     if (options.json) {
         auto classes = MutableDictionary::create();
         for (auto& perClass : statistics.classes)
@@ -36,6 +37,9 @@ int info(const ServiceOptions& options, bool pathsOnly)
             auto map = Dictionary::create({ { "objects", Number::withInteger(static_cast<int64_t>(statistics.objectCount)).ptr() },
                 { "bytes", Number::withInteger(static_cast<int64_t>(statistics.estimatedBytes)).ptr() }, { "classes", classes.ptr() } });
             record->setObject(map.ptr(), "identity_map");
+            auto kept = Dictionary::create({ { "path", String::create(VXVelvoxAPI::AnswerCache::defaultPath()).ptr() },
+                { "answers", Number::withInteger(static_cast<int64_t>(answers)).ptr() }, { "bytes", Number::withInteger(static_cast<int64_t>(answerBytes)).ptr() } });
+            record->setObject(kept.ptr(), "answer_cache");
         }
         fputs(jsonText(record).c_str(), stdout);
         return ExitSuccess;
@@ -49,6 +53,7 @@ int info(const ServiceOptions& options, bool pathsOnly)
     printf("identity map: %zu objects, about %zu KB\n", statistics.objectCount, statistics.estimatedBytes / 1024);
     for (auto& perClass : statistics.classes)
         printf("  %-10s %zu\n", perClass.className.c_str(), perClass.objectCount);
+    printf("answers kept for revalidation: %zu, %zu KB in %s\n", answers, answerBytes / 1024, VXVelvoxAPI::AnswerCache::defaultPath().c_str());
     return ExitSuccess;
 }
 

@@ -590,12 +590,23 @@ ValidatedDiskCache* VXVelvoxAPI::answers()
         if (auto existing = shared[path].lock(); existing && existing->capacity() == m_answerCacheConfiguration.capacity)
             m_answers = existing;
         else {
-            m_answers = std::make_shared<ValidatedDiskCache>(ValidatedDiskCache::Format { "VXANS1\n", ".answer", nullptr }, path,
-                m_answerCacheConfiguration.capacity, m_maximumAnswerSize, true);
+            m_answers = answerFiles(m_answerCacheConfiguration, m_maximumAnswerSize);
             shared[path] = m_answers;
         }
     }
     return m_answers.get();
+}
+
+std::shared_ptr<ValidatedDiskCache> VXVelvoxAPI::answerFiles(const AnswerCache& configuration, size_t maximumAnswerSize)
+{
+    std::string path = configuration.path.empty() ? AnswerCache::defaultPath() : configuration.path;
+    return std::make_shared<ValidatedDiskCache>(ValidatedDiskCache::Format { "VXANS1\n", ".answer", nullptr }, path, configuration.capacity, maximumAnswerSize, true);
+}
+
+std::pair<size_t, size_t> VXVelvoxAPI::keptAnswers(const AnswerCache& configuration)
+{
+    auto files = answerFiles(configuration, URLRequest::defaultMaximumBodySize);
+    return { files->count(), files->bytes() };
 }
 
 size_t VXVelvoxAPI::keptAnswerBytes()

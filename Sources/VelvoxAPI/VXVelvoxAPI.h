@@ -182,6 +182,8 @@ public:
     // What is kept (the files of every account in the folder), for a host to show.
     size_t keptAnswerBytes();
     size_t keptAnswerCount();
+    // The same for a folder, without a client: {answers, bytes}.
+    static std::pair<size_t, size_t> keptAnswers(const AnswerCache&);
     // Answers that came as a 304 and were handed over from what was kept, and
     // requests sent with validators, since this client was made.
     uint64_t notModifiedCount() const { return m_notModifiedCount; }
@@ -219,6 +221,7 @@ private:
         RefPtr<Data> keptBody;
     };
     ValidatedDiskCache* answers();
+    static std::shared_ptr<ValidatedDiskCache> answerFiles(const AnswerCache&, size_t maximumAnswerSize);
     // Adds the validators of what is kept for the request, if anything.
     void addValidators(QueuedRequest&, URLRequest&);
     // Keeps (or drops) a GET's answer as its headers say.

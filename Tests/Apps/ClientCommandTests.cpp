@@ -57,6 +57,9 @@ TEST_F(VelvoxClient, ReadsThroughTheStore)
 
     auto info = velvox("info", false);
     EXPECT_TRUE(contains(info, "VXTrack")) << info.output;
+    // The answers of the runs above are kept to be revalidated.
+    EXPECT_TRUE(contains(info, "answers kept for revalidation: ")) << info.output;
+    EXPECT_FALSE(contains(info, "answers kept for revalidation: 0,")) << info.output;
 }
 
 TEST_F(VelvoxClient, ChangesAndTheHistoryAcrossRuns)
