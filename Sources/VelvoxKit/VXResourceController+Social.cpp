@@ -109,7 +109,8 @@ void VXResourceController::changeFollow(bool follow, String* identifier, ResultB
 {
     if (!m_apiController)
         return;
-    auto send = [this, protectedIdentifier = RefPtr<String>(identifier)](int32_t value, VXAPICallbackBlock answer, Subscription* token = nullptr) {
+    // Held by the store's changes at most, so the store itself need not be kept.
+    ChangeSender send = [this, protectedIdentifier = RefPtr<String>(identifier)](int32_t value, VXAPICallbackBlock answer, Subscription* token) {
         if (value == 1)
             m_apiController->startFollowingUserForIdentifier(protectedIdentifier.get(), std::move(answer), token);
         else
@@ -124,8 +125,7 @@ void VXResourceController::changeFollow(bool follow, String* identifier, ResultB
         if (user)
             user->applyFollowedByMe(value);
     };
-    requestChange("follow " + identifier->str(), follow ? 1 : 0, user ? user->followedByMeValue() : -1, apply,
-        [send](int32_t value, VXAPICallbackBlock answer) { send(value, std::move(answer)); }, std::move(block), subscription);
+    requestChange("follow " + identifier->str(), follow ? 1 : 0, user ? user->followedByMeValue() : -1, apply, std::move(send), std::move(block), subscription);
 }
 
 void VXResourceController::changeFavorite(bool favorite, String* identifier, ResultBlock block, Subscription* subscription)
@@ -140,11 +140,11 @@ void VXResourceController::changeFavorite(bool favorite, String* identifier, Res
         if (track && value >= 0 && track->userFavorite() != (value == 1))
             track->setValue(Number::create(value == 1), "userFavorite");
     };
-    auto send = [protectedThis, protectedIdentifier](int32_t value, VXAPICallbackBlock answer, Subscription* token = nullptr) {
+    ChangeSender send = [this, protectedIdentifier](int32_t value, VXAPICallbackBlock answer, Subscription* token) {
         if (value == 1)
-            protectedThis->m_apiController->favoriteTrackIdentifer(protectedIdentifier.get(), std::move(answer), token);
+            m_apiController->favoriteTrackIdentifer(protectedIdentifier.get(), std::move(answer), token);
         else
-            protectedThis->m_apiController->unfavoriteTrackIdentifer(protectedIdentifier.get(), std::move(answer), token);
+            m_apiController->unfavoriteTrackIdentifer(protectedIdentifier.get(), std::move(answer), token);
     };
     int32_t value = favorite ? 1 : 0;
     if (!m_options.optimisticChanges) {
@@ -158,12 +158,11 @@ void VXResourceController::changeFavorite(bool favorite, String* identifier, Res
         return;
     }
     auto track = cachedResource<VXTrack>(identifier);
-    requestChange("favorite " + identifier->str(), value, track ? int32_t(track->userFavorite()) : -1, apply,
-        [send](int32_t value, VXAPICallbackBlock answer) { send(value, std::move(answer)); }, std::move(block), subscription);
+    requestChange("favorite " + identifier->str(), value, track ? int32_t(track->userFavorite()) : -1, apply, std::move(send), std::move(block), subscription);
 }
 
 void VXResourceController::requestChange(const std::string& target, int32_t desired, int32_t current, std::function<void(int32_t)> apply,
-    std::function<void(int32_t, VXAPICallbackBlock)> send, ResultBlock block, Subscription* subscription)
+    ChangeSender send, ResultBlock block, Subscription* subscription)
 {
     auto& change = m_changes[target];
     if (!change) {
@@ -215,7 +214,8 @@ void VXResourceController::sendChange(const std::string& target)
             protectedThis->settleChange(target, json, nullptr);
         else
             protectedThis->sendChange(target); // changed again meanwhile: the latest wish goes out
-    });
+    },
+        nullptr);
 }
 
 void VXResourceController::settleChange(const std::string& target, Object* answer, Error* error)

@@ -386,6 +386,8 @@ private:
 
     Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*create)(Dictionary*), String* identifier, Dictionary*);
     int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription*);
+    // Sends a change's value (1 on, 0 off) to the service.
+    using ChangeSender = std::function<void(int32_t value, VXAPICallbackBlock, Subscription*)>;
     void changeFollow(bool follow, String* identifier, ResultBlock block, Subscription*);
     void changeFavorite(bool favorite, String* identifier, ResultBlock block, Subscription*);
 
@@ -399,11 +401,11 @@ private:
         bool inFlight { false };
         std::vector<std::shared_ptr<ResultBlock>> callers;
         std::function<void(int32_t)> apply;
-        std::function<void(int32_t, VXAPICallbackBlock)> send;
+        ChangeSender send;
         static constexpr int32_t unknownToTheService = -3;
     };
     void requestChange(const std::string& target, int32_t desired, int32_t current, std::function<void(int32_t)> apply,
-        std::function<void(int32_t, VXAPICallbackBlock)> send, ResultBlock block, Subscription*);
+        ChangeSender send, ResultBlock block, Subscription*);
     void sendChange(const std::string& target);
     void settleChange(const std::string& target, Object* answer, Error*);
     // The single-fetch pattern: the cached object at once unless forced, else
