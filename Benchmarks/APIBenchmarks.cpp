@@ -127,6 +127,37 @@ void HTTPPageRoundTrip(benchmark::State& state)
 }
 BENCHMARK(HTTPPageRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
+// The same request revalidated straight through the URL loader: the floor of
+// a 304 (the round trip without a body).
+void HTTPNotModifiedRoundTrip(benchmark::State& state)
+{
+    URLRequest request;
+    request.url = service().baseURL() + "/tracks?q=&limit=50&offset=0";
+    request.headers = { { "Authorization", "OAuth " + service().token() } };
+    auto send = [&] {
+        std::string etag;
+        long status = 0;
+        bool done = false;
+        URLTaskCallbacks callbacks;
+        callbacks.didComplete = [&](URLResponse* response, Error*) {
+            if (response) {
+                status = response->statusCode();
+                etag = response->headerValue("etag");
+            }
+            done = true;
+        };
+        auto task = URLLoader::current().start(request, std::move(callbacks));
+        RunLoop::current().runUntil([&] { return done; }, 10);
+        return std::pair { status, etag };
+    };
+    request.headers.emplace_back("If-None-Match", send().second);
+    long status = 0;
+    for (auto _ : state)
+        status = send().first;
+    state.counters["status"] = static_cast<double>(status);
+}
+BENCHMARK(HTTPNotModifiedRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
 // A client that answers at once with a recorded page: what the framework adds per request.
 class InstantAPI final : public VXVelvoxAPI {
 public:

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include <unistd.h>
 
@@ -213,13 +214,55 @@ size_t URLLoader::runningTaskCount() const
     return m_impl->tasks.size();
 }
 
+namespace {
+
+// Finished handles of this thread, reset and kept for the next requests: a
+// handle costs more to make than to reset.
+class SpareHandles {
+public:
+    ~SpareHandles()
+    {
+        for (auto* handle : m_handles)
+            curl_easy_cleanup(handle);
+    }
+    CURL* take()
+    {
+        if (m_handles.empty())
+            return curl_easy_init();
+        auto* handle = m_handles.back();
+        m_handles.pop_back();
+        return handle;
+    }
+    void give(CURL* handle)
+    {
+        if (m_handles.size() == capacity) {
+            curl_easy_cleanup(handle);
+            return;
+        }
+        curl_easy_reset(handle);
+        m_handles.push_back(handle);
+    }
+
+private:
+    static constexpr size_t capacity = 8;
+    std::vector<CURL*> m_handles;
+};
+
+SpareHandles& spareHandles()
+{
+    thread_local SpareHandles handles;
+    return handles;
+}
+
+} // namespace
+
 URLTask::~URLTask()
 {
     free(m_bodyBytes);
     if (m_loader)
         m_loader->cancel(*this);
     if (m_handle)
-        curl_easy_cleanup(static_cast<CURL*>(m_handle));
+        spareHandles().give(static_cast<CURL*>(m_handle));
     curl_slist_free_all(static_cast<curl_slist*>(m_headerList));
     curl_mime_free(static_cast<curl_mime*>(m_mime));
 }
@@ -271,7 +314,7 @@ Ref<URLTask> URLLoader::start(const URLRequest& request, URLTaskCallbacks callba
 {
     auto task = adoptRef(*new URLTask);
     task->m_callbacks = std::move(callbacks);
-    CURL* handle = curl_easy_init();
+    CURL* handle = spareHandles().take();
     if (!handle)
         throw std::bad_alloc();
     task->m_handle = handle;

@@ -67,6 +67,12 @@ public:
     long statusCode() const { return m_statusCode; }
     // Lower-cased header names to values.
     Dictionary& headers() const { return m_headers; }
+    // The value of a header by its lower-cased name, empty when absent.
+    std::string headerValue(std::string_view name) const
+    {
+        auto* value = m_headers->objectForKey<String>(name);
+        return value ? value->str() : std::string();
+    }
     Data& body() const { return m_body; }
 
 private:

@@ -101,6 +101,7 @@ void ValidatedDiskCache::forget(const std::string& file, bool remove)
         m_bytes -= it->second.size;
         m_byFile.erase(it);
     }
+    forgetRemembered(file);
     if (remove)
         ::unlink(pathOfFile(file).c_str());
 }
@@ -114,6 +115,13 @@ std::optional<ValidatedDiskCache::Entry> ValidatedDiskCache::read(const std::str
     auto indexed = m_byFile.find(file);
     if (indexed == m_byFile.end())
         return std::nullopt;
+    if (auto found = m_remembered.find(file); found != m_remembered.end()) {
+        if (found->second.url != url)
+            return std::nullopt;
+        m_recent.splice(m_recent.begin(), m_recent, found->second.recent);
+        indexed->second.lastUse = fileTimeNow();
+        return found->second.entry;
+    }
     auto damaged = [&] {
         ++m_corruptEntries;
         forget(file, true);
@@ -156,7 +164,39 @@ std::optional<ValidatedDiskCache::Entry> ValidatedDiskCache::read(const std::str
     // The file's time is its last use, so that the order survives a restart.
     indexed->second.lastUse = fileTimeNow();
     utimensat(AT_FDCWD, pathOfFile(file).c_str(), nullptr, 0);
-    return Entry { bytes, std::string(*etag), std::string(*lastModified) };
+    Entry entry { bytes, std::string(*etag), std::string(*lastModified) };
+    remember(file, url, entry);
+    return entry;
+}
+
+void ValidatedDiskCache::remember(const std::string& file, const std::string& url, const Entry& entry)
+{
+    forgetRemembered(file);
+    size_t size = entry.body->length();
+    if (!m_memoryCapacity || size > m_memoryCapacity / 4)
+        return;
+    m_recent.push_front(file);
+    m_remembered.emplace(file, Remembered { url, entry, m_recent.begin() });
+    m_memoryBytes += size;
+    while (m_memoryBytes > m_memoryCapacity && !m_recent.empty())
+        forgetRemembered(m_recent.back());
+}
+
+void ValidatedDiskCache::forgetRemembered(const std::string& file)
+{
+    auto found = m_remembered.find(file);
+    if (found == m_remembered.end())
+        return;
+    m_memoryBytes -= found->second.entry.body->length();
+    m_recent.erase(found->second.recent);
+    m_remembered.erase(found);
+}
+
+void ValidatedDiskCache::setMemoryCapacity(size_t bytes)
+{
+    m_memoryCapacity = bytes;
+    while (m_memoryBytes > m_memoryCapacity && !m_recent.empty())
+        forgetRemembered(m_recent.back());
 }
 
 void ValidatedDiskCache::write(const std::string& url, Data& data, const std::string& etag, const std::string& lastModified)
@@ -187,6 +227,7 @@ void ValidatedDiskCache::write(const std::string& url, Data& data, const std::st
     forget(file, false);
     m_byFile[file] = IndexEntry { contents.size(), fileTimeNow() };
     m_bytes += contents.size();
+    remember(file, url, Entry { data, etag, lastModified });
     trim();
 }
 

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -50,6 +51,11 @@ public:
     size_t capacity() const { return m_capacity; }
     // Drops the oldest entries down to the new capacity.
     void setCapacity(size_t bytes);
+    // Entries read or written lately stay in memory too, up to this many
+    // bytes of bodies (0, the default: none), so that asking again reads no
+    // file; the files stay what outlives the process.
+    void setMemoryCapacity(size_t bytes);
+    size_t memoryBytes() const { return m_memoryBytes; }
 
     // The entry of a URL, checked whole; a damaged one is removed (and counted).
     std::optional<Entry> read(const std::string& url);
@@ -75,6 +81,8 @@ private:
     void index();
     void forget(const std::string& file, bool remove);
     void trim();
+    void remember(const std::string& file, const std::string& url, const Entry&);
+    void forgetRemembered(const std::string& file);
 
     Format m_format;
     std::string m_path;
@@ -86,6 +94,16 @@ private:
     size_t m_bytes { 0 };
     bool m_indexed { false };
     uint64_t m_corruptEntries { 0 };
+    // The memory tier: by file name, most recent use first in m_recent.
+    struct Remembered {
+        std::string url;
+        Entry entry;
+        std::list<std::string>::iterator recent;
+    };
+    std::unordered_map<std::string, Remembered> m_remembered;
+    std::list<std::string> m_recent;
+    size_t m_memoryBytes { 0 };
+    size_t m_memoryCapacity { 0 };
 };
 
 } // namespace velvox

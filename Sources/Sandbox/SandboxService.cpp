@@ -70,6 +70,9 @@ bool SandboxService::start(std::string* error)
     // Idle kept-alive connections hold a worker until they time out, and stop()
     // waits for the workers: keep that wait short.
     impl.server.set_keep_alive_timeout(1);
+    // A busy client keeps its connection for a hundred requests, as services
+    // commonly allow, rather than reconnecting every fifth.
+    impl.server.set_keep_alive_max_count(100);
     // A client that sends slowly gives up its worker after a short wait per
     // read, and there are workers to spare for the others.
     impl.server.set_read_timeout(2, 0);

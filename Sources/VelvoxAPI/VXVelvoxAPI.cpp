@@ -69,12 +69,6 @@ Ref<VXVelvoxAPI> VXVelvoxAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate)
 
 namespace {
 
-std::string headerValue(URLResponse& response, std::string_view name)
-{
-    auto* value = response.headers().objectForKey<String>(name);
-    return value ? value->str() : std::string();
-}
-
 std::string parameterText(Object* value)
 {
     if (auto* string = dynamicDowncast<String>(value))
@@ -413,7 +407,7 @@ URLTaskCallbacks VXVelvoxAPI::callbacksFor(std::shared_ptr<QueuedRequest> reques
             m_delegate->velvoxAPIDidFailWithError(*this, error, context, userInfo);
             return;
         }
-        m_deliveringMaximumAge = maximumAgeInCacheControl(headerValue(*response, "cache-control"));
+        m_deliveringMaximumAge = maximumAgeInCacheControl(response->headerValue("cache-control"));
         m_delivering.status = response->statusCode();
         // Not modified: what was kept is the answer. A 304 to a request that
         // asked nothing conditionally is a failure like any other 3xx.
@@ -587,9 +581,10 @@ ValidatedDiskCache* VXVelvoxAPI::answers()
         std::string path = m_answerCacheConfiguration.path.empty() ? AnswerCache::defaultPath() : m_answerCacheConfiguration.path;
         // One index per folder and thread: the clients of a thread share it.
         thread_local std::map<std::string, std::weak_ptr<ValidatedDiskCache>> shared;
-        if (auto existing = shared[path].lock(); existing && existing->capacity() == m_answerCacheConfiguration.capacity)
+        if (auto existing = shared[path].lock(); existing && existing->capacity() == m_answerCacheConfiguration.capacity) {
+            existing->setMemoryCapacity(m_answerCacheConfiguration.memoryCapacity);
             m_answers = existing;
-        else {
+        } else {
             m_answers = answerFiles(m_answerCacheConfiguration, m_maximumAnswerSize);
             shared[path] = m_answers;
         }
@@ -600,7 +595,9 @@ ValidatedDiskCache* VXVelvoxAPI::answers()
 std::shared_ptr<ValidatedDiskCache> VXVelvoxAPI::answerFiles(const AnswerCache& configuration, size_t maximumAnswerSize)
 {
     std::string path = configuration.path.empty() ? AnswerCache::defaultPath() : configuration.path;
-    return std::make_shared<ValidatedDiskCache>(ValidatedDiskCache::Format { "VXANS1\n", ".answer", nullptr }, path, configuration.capacity, maximumAnswerSize, true);
+    auto files = std::make_shared<ValidatedDiskCache>(ValidatedDiskCache::Format { "VXANS1\n", ".answer", nullptr }, path, configuration.capacity, maximumAnswerSize, true);
+    files->setMemoryCapacity(configuration.memoryCapacity);
+    return files;
 }
 
 std::pair<size_t, size_t> VXVelvoxAPI::keptAnswers(const AnswerCache& configuration)
@@ -630,9 +627,12 @@ void VXVelvoxAPI::addValidators(QueuedRequest& request, URLRequest& urlRequest)
     if (!cache)
         return;
     if (request.answerKey.empty()) {
-        char account[17];
-        snprintf(account, sizeof account, "%016llx", static_cast<unsigned long long>(ValidatedDiskCache::digest(m_accessToken)));
-        request.answerKey = std::string(account) + " " + urlRequest.url;
+        if (m_answerAccount.empty()) {
+            char account[18];
+            snprintf(account, sizeof account, "%016llx ", static_cast<unsigned long long>(ValidatedDiskCache::digest(m_accessToken)));
+            m_answerAccount = account;
+        }
+        request.answerKey = m_answerAccount + urlRequest.url;
     }
     auto kept = cache->read(request.answerKey);
     if (!kept)
@@ -663,10 +663,10 @@ void VXVelvoxAPI::keepAnswer(const QueuedRequest& request, URLResponse& response
             cache->remove(request.answerKey);
         return;
     }
-    std::string control = headerValue(response, "cache-control");
+    std::string control = response.headerValue("cache-control");
     std::transform(control.begin(), control.end(), control.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    std::string etag = headerValue(response, "etag");
-    std::string lastModified = headerValue(response, "last-modified");
+    std::string etag = response.headerValue("etag");
+    std::string lastModified = response.headerValue("last-modified");
     bool validated = isUsableValidator(etag) || isUsableValidator(lastModified);
     if (control.find("no-store") != std::string::npos || !validated || response.body().length() > m_answerCacheConfiguration.capacity / 4) {
         cache->remove(request.answerKey);

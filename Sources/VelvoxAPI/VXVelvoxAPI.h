@@ -97,6 +97,9 @@ public:
         // Empty: defaultPath().
         std::string path;
         size_t capacity { 32u * 1024 * 1024 };
+        // Of those, the bodies also held in memory, so that a revalidation
+        // reads no file (and hands over the very body it handed over before).
+        size_t memoryCapacity { 8u * 1024 * 1024 };
         static constexpr size_t maximumValidatorLength = 1024;
         // "Velvox/Answers" in the per-user cache folder ($XDG_CACHE_HOME, else ~/.cache).
         static std::string defaultPath();
@@ -240,6 +243,8 @@ private:
 
     std::string m_baseURL;
     std::string m_accessToken;
+    // Prefixes the keys of kept answers: a digest of the token, never the token.
+    std::string m_answerAccount;
     VXVelvoxAPIDelegate* m_delegate { nullptr };
     double m_timeout { 60 };
     double m_connectTimeout { 10 };

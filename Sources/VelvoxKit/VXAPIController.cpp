@@ -48,14 +48,17 @@ Ref<String> VXAPIController::uniqIdentifierForPerformingMethod(const String& met
     std::string identifier = format("%@-", method);
     identifier += format("%@-", resource);
     if (parameters && parameters->count()) {
-        auto keys = parameters->allKeys();
-        std::vector<Object*> sorted;
-        for (auto* key : *keys)
-            sorted.push_back(key);
-        std::sort(sorted.begin(), sorted.end(), [](Object* a, Object* b) { return a->description()->compare(*b->description()) < 0; });
-        Object* lastKey = sorted.back();
-        for (auto* key : sorted) {
-            identifier += format("%@=%@", key, parameters->objectForKey(key));
+        // Each key's text made once, not at every comparison of the sort.
+        std::vector<std::pair<Ref<String>, Object*>> sorted;
+        sorted.reserve(parameters->count());
+        for (auto& entry : *parameters)
+            sorted.emplace_back(entry.key->description(), entry.key);
+        std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first->compare(*b.first) < 0; });
+        Object* lastKey = sorted.back().second;
+        for (auto& [text, key] : sorted) {
+            identifier += text->view();
+            identifier += '=';
+            identifier += format("%@", parameters->objectForKey(key));
             if (!key->isEqual(lastKey))
                 identifier += "-";
         }
@@ -166,6 +169,7 @@ void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error*
         RefPtr<Dictionary> userInfo;
         RefPtr<VXAPICallbackBlockObject> block;
         bool cancellable;
+        RefPtr<VXAPIUnchangedAnswerBlockObject> unchanged;
     };
     std::vector<Caller> callers;
     if (requestIdentifier) {
@@ -173,18 +177,27 @@ void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error*
             for (auto* caller : *running) {
                 auto* userInfo = dynamicDowncast<Dictionary>(caller);
                 if (auto* block = userInfo ? dynamicDowncast<VXAPICallbackBlockObject>(userInfo->objectForKey(VXAPICallbackBlockKey)) : nullptr)
-                    callers.push_back({ userInfo, block, m_cancellableCallers.contains(userInfo) });
+                    callers.push_back({ userInfo, block, m_cancellableCallers.contains(userInfo),
+                        userInfo->objectForKey<VXAPIUnchangedAnswerBlockObject>(VXAPIUnchangedAnswerBlockKey) });
             }
         }
         m_runningConnections->removeObjectForKey(requestIdentifier);
     }
     setExecutingCallbacksRequestIdentifier(requestIdentifier);
+    bool unchanged = std::exchange(m_deliveringUnchangedAnswer, false) && data && !error;
+    struct Delivering {
+        Data*& answer;
+        Data* previous;
+        ~Delivering() { answer = previous; }
+    } delivering { m_answerBeingDelivered, std::exchange(m_answerBeingDelivered, data) };
     for (auto& caller : callers) {
         // A block before this one may have cancelled it.
         if (isCancelled(caller.userInfo.get(), caller.cancellable))
             continue;
         // Its call ends now: its token is no longer active.
         m_cancellableCallers.erase(caller.userInfo.get());
+        if (unchanged && caller.unchanged && (*caller.unchanged)(this, *data))
+            continue;
         // Each caller gets a tree of its own.
         RefPtr<Object> json = data ? JSONObject(*data) : nullptr;
         (*caller.block)(this, json.get(), error);
@@ -195,7 +208,17 @@ void VXAPIController::excuteCallbacksAndRemoveRequestWithData(Data* data, Error*
 void VXAPIController::loadForCollectionController(const VXAPICollectionRequest& collection, VXAPICallbackBlock block, Subscription* subscription)
 {
     checkThread(__func__);
-    auto userInfo = Dictionary::create({ { VXAPICallbackBlockKey, VXAPICallbackBlockObject::create(std::move(block)).get() } });
+    loadForCollectionController(collection, std::move(block), nullptr, subscription);
+}
+
+void VXAPIController::loadForCollectionController(const VXAPICollectionRequest& collection, VXAPICallbackBlock block, VXAPIUnchangedAnswerBlock unchanged, Subscription* subscription)
+{
+    checkThread(__func__);
+    auto userInfo = MutableDictionary::create();
+    if (auto completion = VXAPICallbackBlockObject::create(std::move(block)))
+        userInfo->setObject(completion.get(), VXAPICallbackBlockKey);
+    if (auto hook = VXAPIUnchangedAnswerBlockObject::create(std::move(unchanged)))
+        userInfo->setObject(hook.get(), VXAPIUnchangedAnswerBlockKey);
     auto resource = collection.resource();
     auto parameters = collection.requestParameters();
     perform("GET", resource->view(), parameters.get(), *userInfo, subscription);
@@ -223,9 +246,10 @@ void VXAPIController::forgetClientInfo(Dictionary* clientInfo)
         m_clientInfos.erase(found);
 }
 
-void VXAPIController::velvoxAPIDidFinishWithData(VXVelvoxAPI&, Data* data, Object*, Dictionary* userInfo)
+void VXAPIController::velvoxAPIDidFinishWithData(VXVelvoxAPI& api, Data* data, Object*, Dictionary* userInfo)
 {
     forgetClientInfo(userInfo);
+    m_deliveringUnchangedAnswer = api.deliveryBeingMade().notModified;
     excuteCallbacksAndRemoveRequestWithData(data, nullptr, requestIdentifierIn(userInfo));
 }
 

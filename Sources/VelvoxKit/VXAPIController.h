@@ -43,6 +43,7 @@ struct VXAPIEndpoint;
 inline constexpr std::string_view VXAPICallbackBlockKey = "VXAPICallbackBlockKey";
 inline constexpr std::string_view VXAPIProgressBlockKey = "VXAPIProgressBlockKey";
 inline constexpr std::string_view VXAPIRequestIdentifierKey = "VXAPIRequestIdentifierKey";
+inline constexpr std::string_view VXAPIUnchangedAnswerBlockKey = "VXAPIUnchangedAnswerBlockKey";
 inline constexpr std::string_view VXRecursiveRequestCallbackException = "VXRecursiveRequestCallbackException";
 
 class VXAPIController;
@@ -54,6 +55,11 @@ using VXAPICallbackBlock = std::function<void(VXAPIController*, Object* json, Er
 using VXAPIProgressBlock = std::function<void(VXAPIController*, float progress)>;
 using VXAPICallbackBlockObject = Block<void(VXAPIController*, Object*, Error*)>;
 using VXAPIProgressBlockObject = Block<void(VXAPIController*, float)>;
+// Offered an answer the service confirmed unchanged (a 304 and the body kept
+// from before): true when the caller took it without the decoded tree, whose
+// decoding is then skipped; false, and its completion block gets the tree.
+using VXAPIUnchangedAnswerBlock = std::function<bool(VXAPIController*, Data& body)>;
+using VXAPIUnchangedAnswerBlockObject = Block<bool(VXAPIController*, Data&)>;
 
 // What a remote collection tells the controller when it loads a page.
 class VXAPICollectionRequest {
@@ -86,6 +92,9 @@ public:
     Ref<String> uniqIdentifierForPerformingMethod(const String& method, const String& onResource, Dictionary* withParameters) const;
     void excuteCallbacksAndRemoveRequestWithData(Data* data, Error* error, String* requestIdentifier);
     void loadForCollectionController(const VXAPICollectionRequest&, VXAPICallbackBlock block, Subscription* subscription = nullptr);
+    void loadForCollectionController(const VXAPICollectionRequest&, VXAPICallbackBlock block, VXAPIUnchangedAnswerBlock unchanged, Subscription* subscription);
+    // The body whose answer is being handed to the callers (null outside a delivery).
+    Data* answerBeingDelivered() const { return m_answerBeingDelivered; }
 
     // The service's operations. Each asserts its required argument, formats
     // its path, and sends with the given parameters. A null block raises.
@@ -158,6 +167,8 @@ private:
     mutable Ref<MutableDictionary> m_runningConnections;
     mutable std::mutex m_executingMutex;
     RefPtr<String> m_executingCallbacksRequestIdentifier;
+    Data* m_answerBeingDelivered { nullptr };
+    bool m_deliveringUnchangedAnswer { false };
     std::unordered_map<const Dictionary*, std::shared_ptr<CancellableCaller>> m_cancellableCallers;
     // What the client was given for each request in flight, by identifier, to
     // cancel them with: an identical PUT, POST or DELETE sent while one runs

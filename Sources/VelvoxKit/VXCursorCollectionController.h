@@ -23,6 +23,8 @@ public:
     // (the last one wins; none keeps the old cursor; no "next_href" clears
     // it), the items from "collection"; more items exist while there is a cursor.
     Ref<Array> itemsFromResult(Object* result) override;
+    // The cursor is in the answer.
+    bool takesUnchangedPages() const override { return false; }
 
     String* cursor() const { return m_cursor.get(); }
     void setCursor(String*);

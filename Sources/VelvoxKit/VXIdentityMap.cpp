@@ -89,11 +89,13 @@ void VXIdentityMap::cacheResource(VXResource& resource)
         m_dictionary->setObject(created, resource.className());
         classCache = created.ptr();
     }
-    if (m_bound) {
-        if (auto* replaced = classCache->objectForKey(identifier); replaced && replaced != &resource)
+    if (auto* replaced = classCache->objectForKey(identifier); replaced && replaced != &resource) {
+        ++m_generation;
+        if (m_bound)
             m_lastUse.erase(replaced);
-        noteUse(resource);
     }
+    if (m_bound)
+        noteUse(resource);
     classCache->setObject(&resource, identifier);
     NotificationCenter::defaultCenter().postNotification(VXResourceAttributesDidChangeNotification, &resource);
 }
@@ -151,6 +153,14 @@ Ref<VXResource> VXIdentityMap::updateCacheForResource(const ClassInfo& info, Ref
     if (m_recordsReceipts)
         m_receivedAt.insert_or_assign(cached.get(), Receipt { Date::now()->timeIntervalSince1970(), m_answerMaximumAge });
     return cached.releaseNonNull();
+}
+
+void VXIdentityMap::noteReceived(VXResource& resource)
+{
+    if (m_bound)
+        noteUse(resource);
+    if (m_recordsReceipts)
+        m_receivedAt.insert_or_assign(&resource, Receipt { Date::now()->timeIntervalSince1970(), m_answerMaximumAge });
 }
 
 double VXIdentityMap::receivedAt(const VXResource& resource) const
@@ -243,6 +253,7 @@ void VXIdentityMap::noteUse(VXResource& resource)
 
 void VXIdentityMap::clear()
 {
+    ++m_generation;
     m_dictionary = MutableDictionary::create();
     m_lastUse.clear();
     m_receivedAt.clear();
@@ -257,6 +268,7 @@ bool VXIdentityMap::adoptArchivedRoot(Object* root)
     // object of exactly that class, under its own identifier. Anything else
     // would surface later as an object of an unexpected class.
     size_t limit = m_bound;
+    ++m_generation;
     m_lastUse.clear();
     auto cache = MutableDictionary::create();
     for (auto& entry : *archived) {

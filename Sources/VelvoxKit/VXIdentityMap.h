@@ -28,6 +28,7 @@ public:
     // What the map knew of the objects it held (use order, receipts) goes with them.
     void setDictionary(MutableDictionary& dictionary)
     {
+        ++m_generation;
         m_dictionary = dictionary;
         m_lastUse.clear();
         m_receivedAt.clear();
@@ -44,6 +45,10 @@ public:
     // gives an object that is not filed.
     Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*make)(Dictionary*), String* identifier, Dictionary*);
     void clear();
+    // Changes whenever an object may have left the map (cleared, replaced,
+    // let go, another map taken): equal values mean every object filed in
+    // between is still filed (as long as the map is changed through this class).
+    uint64_t generation() const { return m_generation; }
 
     // With a bound per class (0: none), the map remembers the order in which
     // objects were last filed or updated, so that the bounded part can be chosen.
@@ -61,6 +66,9 @@ public:
     // loop's clock), kept only while asked for: freshness by age needs it.
     void setRecordsReceipts(bool records) { m_recordsReceipts = records; }
     bool recordsReceipts() const { return m_recordsReceipts; }
+    // A cached object whose record came in again unchanged (an answer the
+    // service confirmed): its use and receipt as if it had been updated.
+    void noteReceived(VXResource&);
     // 0 when unknown (never received while recording, nor read back).
     double receivedAt(const VXResource&) const;
     // How long the service said the object's record stays fresh ("Cache-Control:
@@ -93,6 +101,7 @@ private:
     void noteUse(VXResource&);
 
     mutable Ref<MutableDictionary> m_dictionary;
+    uint64_t m_generation { 0 };
     size_t m_bound { 0 };
     // Under a bound: when each object was last filed or updated (loaded ones
     // in their archived order, oldest first).

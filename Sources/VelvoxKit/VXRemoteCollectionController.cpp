@@ -54,6 +54,12 @@ Ref<Array> VXRemoteCollectionController::itemsFromResult(Object* result)
     return Array::create(std::move(items));
 }
 
+Ref<Array> VXRemoteCollectionController::itemsFromUnchangedPage(Array& items)
+{
+    setHasMoreItems(items.count() == m_pageSize);
+    return items;
+}
+
 Ref<Object> VXRemoteCollectionController::itemFromDictionary(Object* dictionary)
 {
     VXAssert(dictionary, "a page holds a null item");

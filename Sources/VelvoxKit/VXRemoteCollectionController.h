@@ -38,6 +38,11 @@ public:
     // One page's items from a decoded answer, which must be an array
     // ("unexpected result" otherwise); sets hasMoreItems to whether the page was full.
     virtual Ref<Array> itemsFromResult(Object* result);
+    // Whether a page that the service confirmed unchanged may be given as
+    // the items made from it before, without itemsFromResult() (a subclass
+    // that reads more than items from an answer says no), and that page.
+    virtual bool takesUnchangedPages() const { return true; }
+    virtual Ref<Array> itemsFromUnchangedPage(Array& items);
     // One item from one element of an answer; here the element itself.
     virtual Ref<Object> itemFromDictionary(Object* dictionary);
 

@@ -106,7 +106,16 @@ void VXResourceController::loadForCollectionController(VXRemoteCollectionControl
     // The block keeps the collection alive until its page has come.
     Ref<VXRemoteCollectionController> protectedCollection { collection };
     Ref protectedThis { *this };
-    m_apiController->loadForCollectionController(collection, [protectedThis, protectedCollection](VXAPIController*, Object* json, Error* error) {
+    auto unchanged = [protectedThis, protectedCollection](VXAPIController*, Data& body) {
+        if (!protectedCollection->takesUnchangedPages())
+            return false;
+        auto items = protectedThis->itemsOfUnchangedPage(body);
+        if (!items)
+            return false;
+        protectedCollection->remoteConnectionDidReceiveNewItems(protectedCollection->itemsFromUnchangedPage(*items).ptr());
+        return true;
+    };
+    m_apiController->loadForCollectionController(collection, [protectedThis, protectedCollection](VXAPIController* controller, Object* json, Error* error) {
         if (error) {
             protectedCollection->remoteConnectionDidFailReceivingItemsWithError(error);
             return;
@@ -129,9 +138,56 @@ void VXResourceController::loadForCollectionController(VXRemoteCollectionControl
                 throw;
             }
         }
+        if (items && protectedCollection->takesUnchangedPages())
+            protectedThis->rememberPage(controller->answerBeingDelivered(), *items);
         protectedCollection->remoteConnectionDidReceiveNewItems(items.get());
     },
-        subscription);
+        std::move(unchanged), subscription);
+}
+
+void VXResourceController::rememberPage(Data* body, const Array& items)
+{
+    constexpr size_t memos = 16;
+    constexpr size_t largestBody = 1024 * 1024;
+    auto* api = m_apiController ? m_apiController->api() : nullptr;
+    // Only a kept answer can come back unchanged.
+    if (!body || body->length() > largestBody || !api || !api->answerCache().enabled)
+        return;
+    std::erase_if(m_pageMemos, [&](const PageMemo& memo) { return memo.body.ptr() == body; });
+    PageMemo memo { *body, m_identityMap.generation(), {}, {} };
+    memo.items.reserve(items.count());
+    memo.changeCounts.reserve(items.count());
+    for (auto* item : items) {
+        auto* resource = dynamicDowncast<VXResource>(item);
+        auto* identifier = resource ? resource->resourceIdentifier() : nullptr;
+        if (!identifier || cachedResource(resource->className(), identifier).get() != resource)
+            return; // not all of it is the map's: read again when it comes again
+        memo.items.emplace_back(*resource);
+        memo.changeCounts.push_back(resource->changeCount());
+    }
+    if (m_pageMemos.size() == memos)
+        m_pageMemos.erase(m_pageMemos.begin());
+    m_pageMemos.push_back(std::move(memo));
+}
+
+RefPtr<Array> VXResourceController::itemsOfUnchangedPage(const Data& body)
+{
+    auto memo = std::find_if(m_pageMemos.begin(), m_pageMemos.end(), [&](const PageMemo& memo) { return memo.body.ptr() == &body; });
+    if (memo == m_pageMemos.end())
+        return nullptr;
+    bool valid = memo->generation == m_identityMap.generation();
+    for (size_t index = 0; valid && index < memo->items.size(); ++index)
+        valid = downcast<VXResource>(memo->items[index].get())->changeCount() == memo->changeCounts[index];
+    if (!valid) {
+        m_pageMemos.erase(memo);
+        return nullptr;
+    }
+    // Confirmed by the service just now: fresh again.
+    if (m_identityMap.recordsReceipts())
+        m_identityMap.setAnswerMaximumAge(m_options.honoursCacheControl && m_apiController->api() ? m_apiController->api()->maximumAgeOfAnswerBeingDelivered() : -1);
+    for (auto& item : memo->items)
+        m_identityMap.noteReceived(*downcast<VXResource>(item.get()));
+    return Array::create(std::vector<Ref<Object>>(memo->items));
 }
 
 } // namespace velvox

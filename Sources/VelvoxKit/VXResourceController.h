@@ -385,6 +385,20 @@ private:
     void checkThread(const char* function) const { m_affinity.check("VXResourceController", function); }
 
     Ref<VXResource> updateCacheForResource(const ClassInfo&, Ref<VXResource> (*create)(Dictionary*), String* identifier, Dictionary*);
+    // Pages of collections by the body they came in (the latest few): the
+    // objects made from them, each with its change count then. A 304 that
+    // hands the same body back while those objects are still the map's (its
+    // generation unchanged) and unchanged gives the page again without
+    // decoding or mapping it.
+    struct PageMemo {
+        Ref<Data> body;
+        uint64_t generation;
+        std::vector<Ref<Object>> items;
+        std::vector<uint32_t> changeCounts;
+    };
+    std::vector<PageMemo> m_pageMemos; // most recent last
+    void rememberPage(Data* body, const Array& items);
+    RefPtr<Array> itemsOfUnchangedPage(const Data& body);
     int32_t checkFollow(bool following, String* identifier, FollowCheckBlock block, Subscription*);
     // Sends a change's value (1 on, 0 off) to the service.
     using ChangeSender = std::function<void(int32_t value, VXAPICallbackBlock, Subscription*)>;

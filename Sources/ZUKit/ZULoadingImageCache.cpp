@@ -26,12 +26,6 @@ bool isWebURL(std::string_view text)
     return scheme == "http" || scheme == "https";
 }
 
-std::string headerValue(URLResponse& response, std::string_view name)
-{
-    auto* value = response.headers().objectForKey<String>(name);
-    return value ? value->str() : std::string();
-}
-
 } // namespace
 
 // The two tiers and the loads in flight, which the loads' ends reach through
@@ -145,10 +139,10 @@ void ZULoadingImageCache::State::finishLoad(const std::string& url, URLResponse*
         ZUImageLoads::deliver(std::move(load.waiters), nullptr, failure.ptr());
         return;
     }
-    std::string etag = headerValue(*response, "etag");
-    std::string lastModified = headerValue(*response, "last-modified");
+    std::string etag = response->headerValue("etag");
+    std::string lastModified = response->headerValue("last-modified");
     memory.store(url, *image, etag, lastModified);
-    if (headerValue(*response, "cache-control").find("no-store") == std::string::npos)
+    if (response->headerValue("cache-control").find("no-store") == std::string::npos)
         disk.write(url, *image, etag, lastModified);
     ZUImageLoads::deliver(std::move(load.waiters), image.get(), nullptr);
 }

@@ -253,6 +253,7 @@ void ZUObject::willChangeValueForKey(std::string_view)
 
 void ZUObject::didChangeValueForKey(std::string_view key)
 {
+    ++m_changeCount;
     if (!m_observations || m_observations->empty())
         return;
     std::vector<std::pair<std::shared_ptr<Observation>, std::shared_ptr<Observer>>> matching;

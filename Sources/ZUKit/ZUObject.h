@@ -163,6 +163,10 @@ public:
     Subscription addObserver(std::string_view key, Observer);
     void willChangeValueForKey(std::string_view key);
     void didChangeValueForKey(std::string_view key);
+    // Counts the object's announced changes: an equal count means that no
+    // property changed in between (what a memo of objects made from an
+    // answer needs to stay valid).
+    uint32_t changeCount() const { return m_changeCount; }
 
     // Keyed archiving of the described properties.
     const Coding* asCoding() const override { return this; }
@@ -204,6 +208,7 @@ protected:
         forgetAppliedValues();
         if (!m_observations) {
             member = value;
+            ++m_changeCount;
             return;
         }
         Ref protectedThis { *this }; // an observer may drop the last other reference
@@ -234,6 +239,7 @@ private:
     void rememberAppliedValue(size_t index, Object* jsonValue);
     std::unique_ptr<RefPtr<Object>[]> m_appliedValues;
     uint64_t m_appliedGeneration { 0 };
+    uint32_t m_changeCount { 0 };
 };
 
 } // namespace velvox

@@ -41,6 +41,21 @@ void appendNewItems(std::vector<Ref<Object>>& merged, ItemSet& seen, Array& page
     }
 }
 
+// The common page: model objects, none twice. Checked by address (what
+// sameItem compares them by) in a sorted copy, without a hash set's nodes.
+bool isPageOfDistinctModelObjects(Array& page)
+{
+    std::vector<const Object*> addresses;
+    addresses.reserve(page.count());
+    for (auto* item : page) {
+        if (!item || !is<ZUObject>(item))
+            return false;
+        addresses.push_back(item);
+    }
+    std::sort(addresses.begin(), addresses.end());
+    return std::adjacent_find(addresses.begin(), addresses.end()) == addresses.end();
+}
+
 int64_t offsetFor(ZURemoteCollectionReloadOperationType operation, bool forEnd, int64_t receivedCount)
 {
     if (operation == ZURemoteCollectionReloadOperationType::Reload || !forEnd)
@@ -87,7 +102,11 @@ void ZURemoteCollectionController::remoteConnectionDidReceiveNewItems(Array* pag
     int64_t receivedCount = m_receivedCount;
     if (m_operation == ZURemoteCollectionReloadOperationType::Reload) {
         merged.reserve(received->count());
-        appendNewItems(merged, seen, received);
+        if (isPageOfDistinctModelObjects(received)) {
+            for (auto* item : *received)
+                merged.emplace_back(*item);
+        } else
+            appendNewItems(merged, seen, received);
         receivedCount = static_cast<int64_t>(received->count());
     } else if (m_forEnd) {
         merged.reserve(m_items->count() + received->count());

@@ -92,6 +92,41 @@ TEST_F(Validators, AnUnchangedPageIsA304ThatMakesNoNewObjects)
     EXPECT_GE(client().keptAnswerCount(), 1u);
 }
 
+// A 304 hands back the very body the page was made from; its objects are
+// taken again without reading it only while they are the map's and unchanged.
+TEST_F(Validators, AnUnchangedPageIsReadAgainWhenItsObjectsChangedOrLeftTheMap)
+{
+    auto list = store->favoriteTracks();
+    ASSERT_TRUE(loadPage(*list, ZURemoteCollectionReloadOperationType::Reload));
+    auto first = list->items<VXTrack>();
+    ASSERT_FALSE(first.empty());
+    RefPtr<String> serviceTitle = first[0]->title();
+
+    // Changed here since: the service's unchanged record applies again.
+    first[0]->setTitle(String::create("edited here").ptr());
+    int heard = 0;
+    auto observation = first[0]->addObserver("title", [&](ZUObject&, const String&) { ++heard; });
+    ASSERT_TRUE(loadPage(*list, ZURemoteCollectionReloadOperationType::Reload));
+    EXPECT_EQ(client().notModifiedCount(), 1u);
+    EXPECT_TRUE(first[0]->title()->isEqual(serviceTitle.get()));
+    EXPECT_EQ(heard, 1);
+
+    // Unchanged: the same objects, nothing announced.
+    ASSERT_TRUE(loadPage(*list, ZURemoteCollectionReloadOperationType::Reload));
+    EXPECT_EQ(client().notModifiedCount(), 2u);
+    EXPECT_EQ(list->items<VXTrack>()[0].ptr(), first[0].ptr());
+    EXPECT_EQ(heard, 1);
+
+    // The map let its objects go: the page gives the map's new ones.
+    store->clearResourceCache();
+    ASSERT_TRUE(loadPage(*list, ZURemoteCollectionReloadOperationType::Reload));
+    EXPECT_EQ(client().notModifiedCount(), 3u);
+    auto again = list->items<VXTrack>();
+    ASSERT_EQ(again.size(), first.size());
+    EXPECT_NE(again[0].ptr(), first[0].ptr());
+    EXPECT_EQ(store->cachedResource<VXTrack>(again[0]->resourceIdentifier()->view()).get(), again[0].ptr());
+}
+
 TEST_F(Validators, AChangedResourceIsA200WhoseValuesReachTheObservers)
 {
     RefPtr<VXUser> user;
