@@ -87,6 +87,8 @@ void SandboxService::Impl::installUploadRoutes()
         track->setObject(String::format("{base}/tracks/%lld/stream", static_cast<long long>(trackIdentifier)), "stream_url");
         track->setObject(String::format("{base}/images/waveforms/%lld.png", static_cast<long long>(trackIdentifier)), "waveform_url");
         track->setObject(Number::withInteger(0), "playback_count");
+        if (auto envelope = images::envelopeOfWAV(asset, waveformPeaks); !envelope.empty())
+            uploadedEnvelopes.emplace(trackIdentifier, std::move(envelope));
         tracks.emplace(trackIdentifier, track);
         uploads.emplace(trackIdentifier, Clock::now());
         sendJSON(response, fullTrack(trackIdentifier).ptr(), 201);
