@@ -272,11 +272,12 @@ Envelope seededEnvelope(uint64_t seed, size_t count)
     return envelope;
 }
 
-Envelope envelopeOfWAV(std::string_view bytes, size_t count)
+Envelope envelopeOfWAV(std::string_view bytes, size_t count, double* seconds)
 {
     if (count == 0 || bytes.size() < 12 || bytes.substr(0, 4) != "RIFF" || bytes.substr(8, 4) != "WAVE")
         return {};
     int channels = 0, bits = 0;
+    uint32_t rate = 0;
     size_t blockAlign = 0;
     std::string_view samples;
     bool haveFormat = false;
@@ -287,6 +288,7 @@ Envelope envelopeOfWAV(std::string_view bytes, size_t count)
         if (type == "fmt " && body.size() >= 16) {
             uint16_t format = word16(body, 0);
             channels = word16(body, 2);
+            rate = word32(body, 4);
             blockAlign = word16(body, 12);
             bits = word16(body, 14);
             // PCM, or the extensible form (which holds PCM in the sandbox's samples).
@@ -296,9 +298,11 @@ Envelope envelopeOfWAV(std::string_view bytes, size_t count)
         at += 8 + length + (length & 1);
     }
     if (!haveFormat || channels < 1 || channels > 16 || (bits != 8 && bits != 16 && bits != 24 && bits != 32)
-        || blockAlign < static_cast<size_t>(channels) * (bits / 8) || samples.size() < blockAlign)
+        || blockAlign < static_cast<size_t>(channels) * (bits / 8) || samples.size() < blockAlign || rate == 0)
         return {};
     size_t frames = samples.size() / blockAlign;
+    if (seconds)
+        *seconds = static_cast<double>(frames) / rate;
     std::vector<double> peaks(count, 0.0);
     double loudest = 0;
     for (size_t frame = 0; frame < frames; ++frame) {

@@ -33,7 +33,8 @@ using Envelope = std::vector<uint8_t>;
 Envelope seededEnvelope(uint64_t seed, size_t count);
 // The peaks of a PCM WAV's samples (8, 16, 24 or 32 bits, any channels);
 // empty when the bytes are no such file. Reads at most the bytes given.
-Envelope envelopeOfWAV(std::string_view bytes, size_t count);
+// `seconds`, when given, receives how long the samples last.
+Envelope envelopeOfWAV(std::string_view bytes, size_t count, double* seconds = nullptr);
 // The envelope drawn as bars, mirrored about the middle, `width` by `height`.
 std::string waveform(const Envelope&, int width, int height);
 

@@ -13,6 +13,7 @@
 
 #include <Browser.h>
 #include <PNGImage.h>
+#include <TestServer.h>
 
 #include "VelvoxClient.h"
 
@@ -317,4 +318,51 @@ TEST_F(VelvoxClient, ScreenshotsShowTheViewsWithRealPictures)
         for (auto& source : matches(dom, R"re(<img [^>]*src="data:image/png;base64,([^"]{0,40}))re"))
             EXPECT_FALSE(source.empty()) << view.file;
     }
+}
+
+TEST_F(VelvoxClient, HostilePlaylistRecordsMakeCardsWithWhatIsUsable)
+{
+    // A feed whose playlists hold values of the wrong types, too many tracks, a
+    // hostile page address; the first playlist is the control.
+    std::string track = R"json({"id": %ID%, "title": "Listed %ID%", "user_id": 5, "user": {"id": 5, "username": "owner5"}, "duration": 61000})json";
+    auto tracks = [&track](int from, int count) {
+        std::string list;
+        for (int i = 0; i < count; ++i)
+            list += (i ? ", " : "") + std::regex_replace(track, std::regex("%ID%"), std::to_string(from + i));
+        return "[" + list + "]";
+    };
+    std::string feed = R"json({"collection": [
+        {"type": "playlist", "created_at": "2013/08/20 09:28:53 +0000", "origin": {"id": 1, "kind": "playlist", "title": "Control list",
+            "permalink_url": "http://127.0.0.1:9/lists/1", "user": {"id": 5, "username": "owner5"}, "tracks": )json"
+        + tracks(100, 2) + R"json(}},
+        {"type": "playlist-sharing", "created_at": "2013/08/19 09:28:53 +0000", "origin": {"sharing_note": {"text": "look", "created_at": "2013/08/19 09:28:53 +0000"},
+            "playlist": {"id": 2, "title": 42, "permalink_url": "javascript:alert(1)", "user": {"username": "no id"}, "tracks": )json"
+        + tracks(200, 5000) + R"json(}}},
+        {"type": "playlist", "created_at": "2013/08/18 09:28:53 +0000", "origin": {"id": 3, "title": "Odd", "user": "someone", "tracks": {"not": "a list"}}},
+        {"type": "playlist", "created_at": "2013/08/17 09:28:53 +0000", "origin": {"id": 4, "title": "Mixed", "tracks": [1, "two", null, {"no": "id"}, )json"
+        + std::regex_replace(track, std::regex("%ID%"), "300") + R"json(]}}
+    ]})json";
+    test::TestServer server;
+    server.routes().Get("/me", [](const httplib::Request&, httplib::Response& response) { response.set_content(R"({"id": 1, "username": "me"})", "application/json"); });
+    server.routes().Get("/me/activities/tracks", [&feed](const httplib::Request&, httplib::Response& response) { response.set_content(feed, "application/json"); });
+    std::string base = server.start();
+
+    auto view = velvox("--base-url " + base + " --token t view dashboard -o dashboard.html");
+    ASSERT_EQ(view.status, 0) << view.output;
+    auto html = fileText(folder.path() + "/dashboard.html");
+    auto control = card(html, 0), wrongTypes = card(html, 1), notAList = card(html, 2), mixed = card(html, 3);
+    EXPECT_NE(control.find("<a href=\"http://127.0.0.1:9/lists/1\">Control list</a>"), std::string::npos) << control;
+    EXPECT_NE(control.find("by <a class=\"user\" href=\"user-5.html\">owner5</a>"), std::string::npos) << control;
+    EXPECT_NE(control.find("2 tracks"), std::string::npos) << control;
+    EXPECT_EQ(occurrences(control, "<li>"), 2u);
+    // Five of five thousand tracks, counted; no title, no owner, no link from what was not one.
+    EXPECT_NE(wrongTypes.find("5000 tracks"), std::string::npos) << wrongTypes.substr(0, 600);
+    EXPECT_EQ(occurrences(wrongTypes, "<li>"), 5u);
+    EXPECT_EQ(wrongTypes.find("javascript:"), std::string::npos);
+    EXPECT_EQ(wrongTypes.find("no id"), std::string::npos);
+    EXPECT_NE(wrongTypes.find("<p class=\"note\">look</p>"), std::string::npos);
+    EXPECT_NE(notAList.find("Odd"), std::string::npos);
+    EXPECT_NE(notAList.find("no tracks"), std::string::npos);
+    EXPECT_EQ(occurrences(mixed, "<li>"), 1u) << mixed;
+    EXPECT_NE(mixed.find("Listed 300"), std::string::npos);
 }

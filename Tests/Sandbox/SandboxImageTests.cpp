@@ -131,6 +131,12 @@ TEST_F(SandboxPictures, AnUploadedWAVsWaveformFollowsItsSamples)
     auto notWAV = upload(std::string(4000, 'x')); // the control: a seeded envelope
     ASSERT_FALSE(wav.empty());
     ASSERT_FALSE(notWAV.empty());
+    // Its length too: 8000 frames at 16 kHz.
+    httplib::Client client("127.0.0.1", service.port());
+    client.set_default_headers({ { "Authorization", "OAuth " + service.token() } });
+    auto record = client.Get("/tracks/" + wav);
+    ASSERT_TRUE(record);
+    EXPECT_NE(record->body.find("\"duration\":500,"), std::string::npos) << record->body.substr(0, 300);
     auto loudLater = PNGImage::decode(get("/images/waveforms/" + wav + ".png").body);
     auto seeded = PNGImage::decode(get("/images/waveforms/" + notWAV + ".png").body);
     ASSERT_EQ(loudLater.problem, "");
@@ -164,8 +170,10 @@ TEST(SandboxImages, InitialsOfNames)
 TEST(SandboxImages, HostileWAVsGiveNoEnvelopeAndNothingWorse)
 {
     std::string good = halfLoudWAV(400);
-    auto control = images::envelopeOfWAV(good, 10);
+    double seconds = 0;
+    auto control = images::envelopeOfWAV(good, 10, &seconds);
     ASSERT_EQ(control.size(), 10u);
+    EXPECT_DOUBLE_EQ(seconds, 400 / 16000.0);
     EXPECT_EQ(control.front(), 0);
     EXPECT_EQ(control.back(), 255);
 
@@ -187,6 +195,7 @@ TEST(SandboxImages, HostileWAVsGiveNoEnvelopeAndNothingWorse)
         { "12 bits", patched(34, std::string("\x0C\0", 2)) },
         { "block align 0", patched(32, std::string("\0\0", 2)) },
         { "compressed format", patched(20, std::string("\x02\0", 2)) },
+        { "no sample rate", patched(24, std::string("\0\0\0\0", 4)) },
         { "fmt chunk claiming 4 GB", patched(16, "\xFF\xFF\xFF\xFF") },
     };
     for (auto& c : cases)
