@@ -5,6 +5,7 @@
 #include "Session.h"
 
 #include <VelvoxKit/VXActivity.h>
+#include <Views/VXDashboardFeed.h>
 #include <Views/VXViewRenderer.h>
 
 #include <cstdio>
@@ -119,7 +120,7 @@ int runDemo(const ServiceOptions& options, const std::string& output)
     }
 
     step("The dashboard as a self-contained HTML page");
-    auto variables = Dictionary::create({ { "activities", &feed->items() }, { "me", me.get() } });
+    auto variables = Dictionary::create({ { "activities", VXDashboardFeed::cards(feed->items()).ptr() }, { "me", me.get() } });
     RefPtr<Error> error;
     if (auto page = VXViewRenderer::renderPage("dashboard", variables.ptr(), &error)) {
         // Into the current folder only when asked; else beside the demo's archives.

@@ -248,7 +248,7 @@ int main(int argc, char** argv)
             command->add_flag("--wait", store.wait, "Follow the track until the service has processed it");
         }
         if (name == "view")
-            command->add_option("-o,--output", store.output, "The file to write (default: standard output)");
+            command->add_option("-o,--output", store.output, "The file to write (default: standard output); with --all, the folder");
         storeCommands.push_back(command);
     }
 

@@ -249,7 +249,17 @@ Ref<Dictionary> SandboxService::Impl::activityRecord(const Dictionary& activity)
         playlist->setObject(Number::withInteger(70000 + trackIdentifier), "id");
         playlist->setObject(String::create("playlist"), "kind");
         playlist->setObject(String::create("Sandbox playlist"), "title");
-        playlist->setObject(Array::create({ fullTrack(trackIdentifier).ptr() }), "tracks");
+        playlist->setObject(String::format("{base}/playlists/%lld", static_cast<long long>(70000 + trackIdentifier)), "permalink_url");
+        // The playlist of the track's owner: the track and the owner's next ones, up to three.
+        auto owned = tracksOf(integerOf(*tracks.at(trackIdentifier), "user_id"));
+        auto playlistTracks = MutableArray::create();
+        playlistTracks->addObject(fullTrack(trackIdentifier));
+        for (auto owner : owned) {
+            if (playlistTracks->count() < 3 && owner != trackIdentifier)
+                playlistTracks->addObject(fullTrack(owner));
+        }
+        playlist->setObject(playlistTracks, "tracks");
+        playlist->setObject(shortUser(integerOf(*tracks.at(trackIdentifier), "user_id")), "user");
         if (type == "playlist-sharing") {
             auto origin = MutableDictionary::create();
             origin->setObject(playlist, "playlist");

@@ -9,13 +9,58 @@ using namespace detail;
 
 namespace {
 
-// A 1×1 PNG: every avatar, artwork and waveform the sandbox serves.
-const unsigned char pngBytes[] = { 0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52, 0x00, 0x00,
-    0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x08, 0x06, 0x00, 0x00, 0x00, 0x1F, 0x15, 0xC4, 0x89, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x44, 0x41, 0x54,
-    0x78, 0x9C, 0x63, 0x60, 0x60, 0xF8, 0x0F, 0x00, 0x01, 0x04, 0x01, 0x00, 0x5F, 0xE5, 0xC3, 0x4B, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45, 0x4E,
-    0x44, 0xAE, 0x42, 0x60, 0x82 };
+// A name's identifier: its leading digits ("1000-large" -> 1000), or a hash
+// of the whole name when it has none, so that every name gets its own colours.
+int64_t identifierOfName(const std::string& name, bool& numeric)
+{
+    size_t digits = 0;
+    while (digits < name.size() && digits < 18 && name[digits] >= '0' && name[digits] <= '9')
+        ++digits;
+    numeric = digits > 0;
+    if (numeric)
+        return std::stoll(name.substr(0, digits));
+    return static_cast<int64_t>(std::hash<std::string> {}(name) & 0x7FFFFFFFFFFFull);
+}
 
 } // namespace
+
+std::string SandboxService::Impl::image(const std::string& kind, const std::string& name)
+{
+    std::string path = kind + "/" + name;
+    {
+        std::lock_guard lock(imageMutex);
+        if (auto found = images.find(path); found != images.end())
+            return found->second;
+    }
+    bool numeric = false;
+    int64_t identifier = identifierOfName(name, numeric);
+    // What the picture is drawn from, read under the service's lock; drawn outside it.
+    std::string text;
+    images::Envelope envelope;
+    {
+        std::lock_guard lock(mutex);
+        if (kind == "avatars" && numeric && users.count(identifier)) {
+            text = textOf(*users.at(identifier), "full_name");
+            if (text.empty())
+                text = textOf(*users.at(identifier), "username");
+        } else if (kind == "artworks" && numeric && tracks.count(identifier))
+            text = textOf(*tracks.at(identifier), "title");
+        else if (kind == "waveforms" && uploadedEnvelopes.count(identifier))
+            envelope = uploadedEnvelopes.at(identifier);
+    }
+    std::string png;
+    if (kind == "waveforms")
+        png = images::waveform(envelope.empty() ? images::seededEnvelope(static_cast<uint64_t>(identifier), waveformPeaks) : envelope, 600, 80);
+    else {
+        int size = name.find("t300x300") != std::string::npos ? 300 : 100;
+        png = images::portrait(static_cast<uint64_t>(identifier), images::initials(text), size, kind == "avatars");
+    }
+    std::lock_guard lock(imageMutex);
+    if (images.size() >= maximumCachedImages)
+        images.erase(images.begin());
+    images.emplace(path, png);
+    return png;
+}
 
 // Tracks, their comments and favoriters, and the track search.
 void SandboxService::Impl::installTrackRoutes()
@@ -70,8 +115,8 @@ void SandboxService::Impl::installTrackRoutes()
 // Images, the "-t300x300" variants included, need no token.
 void SandboxService::Impl::installImageRoutes()
 {
-    server.Get(R"(/images/(avatars|artworks|waveforms)/([A-Za-z0-9_.-]+)\.png)", [](const httplib::Request&, httplib::Response& response) {
-        response.set_content(std::string(reinterpret_cast<const char*>(pngBytes), sizeof(pngBytes)), "image/png");
+    server.Get(R"(/images/(avatars|artworks|waveforms)/([A-Za-z0-9_.-]{1,64})\.png)", [this](const httplib::Request& request, httplib::Response& response) {
+        response.set_content(image(request.matches[1].str(), request.matches[2].str()), "image/png");
     });
 }
 

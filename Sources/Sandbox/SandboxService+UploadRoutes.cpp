@@ -5,6 +5,7 @@
 
 #include <Platform/Platform.h>
 
+#include <cmath>
 #include <ctime>
 
 namespace velvox::sandbox {
@@ -87,6 +88,12 @@ void SandboxService::Impl::installUploadRoutes()
         track->setObject(String::format("{base}/tracks/%lld/stream", static_cast<long long>(trackIdentifier)), "stream_url");
         track->setObject(String::format("{base}/images/waveforms/%lld.png", static_cast<long long>(trackIdentifier)), "waveform_url");
         track->setObject(Number::withInteger(0), "playback_count");
+        // A WAV's waveform and length come from its samples.
+        double seconds = 0;
+        if (auto envelope = images::envelopeOfWAV(asset, waveformPeaks, &seconds); !envelope.empty()) {
+            uploadedEnvelopes.emplace(trackIdentifier, std::move(envelope));
+            track->setObject(Number::withInteger(std::llround(seconds * 1000)), "duration");
+        }
         tracks.emplace(trackIdentifier, track);
         uploads.emplace(trackIdentifier, Clock::now());
         sendJSON(response, fullTrack(trackIdentifier).ptr(), 201);

@@ -184,4 +184,10 @@ int SandboxService::heldRequestCount() const
     return m_impl->heldRequests;
 }
 
+size_t SandboxService::cachedImageCount() const
+{
+    std::lock_guard lock(m_impl->imageMutex);
+    return m_impl->images.size();
+}
+
 } // namespace velvox::sandbox

@@ -113,6 +113,10 @@ public:
     // How many requests a no-answer fault holds now.
     int heldRequestCount() const;
 
+    // How many pictures (avatars, artworks, waveforms) are kept, made on
+    // their first request; never more than a few hundred.
+    size_t cachedImageCount() const;
+
     // One track record of the shipped catalogue as the service sends it in
     // lists (without the embedded user), its URLs pointing at `baseURL`. Null
     // when the catalogue cannot be read or has no such track.

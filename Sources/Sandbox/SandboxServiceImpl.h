@@ -11,6 +11,7 @@
 // +MeRoutes.cpp, +UserRoutes.cpp, +TrackRoutes.cpp, +UploadRoutes.cpp,
 // +FeedRoutes.cpp           the routes, by area
 
+#include "SandboxImages.h"
 #include "SandboxService.h"
 
 #include <Platform/Collections.h>
@@ -75,6 +76,8 @@ struct SandboxService::Impl {
     std::set<std::pair<int64_t, int64_t>> favorites; // (user, track)
     std::vector<Ref<Dictionary>> activities;
     std::map<int64_t, Clock::time_point> uploads;
+    // The waveforms of uploaded WAVs, from their samples.
+    std::map<int64_t, images::Envelope> uploadedEnvelopes;
     int64_t nextTrackIdentifier { 90000 };
     int64_t nextCommentIdentifier { 900000 };
     std::vector<Fault> faults;
@@ -82,6 +85,16 @@ struct SandboxService::Impl {
     size_t countedTargetBytes { 0 };
     int totalRequests { 0 };
     int heldRequests { 0 };
+
+    // Pictures made on their first request, by path; at most
+    // maximumCachedImages (any name is answered, so clients choose the keys).
+    mutable std::mutex imageMutex;
+    std::map<std::string, std::string> images;
+    static constexpr size_t maximumCachedImages = 256;
+    // The bars of a waveform.
+    static constexpr size_t waveformPeaks = 200;
+    // The picture at "/images/KIND/NAME.png" (KIND: avatars, artworks, waveforms).
+    std::string image(const std::string& kind, const std::string& name);
 
     bool loadCatalogue(std::string* error);
     void countRequest(const httplib::Request&);

@@ -112,7 +112,7 @@ private:
     static void json(httplib::Response& response, const std::string& body) { response.set_content(body, "application/json"); }
     std::string userRecord(const std::string& identifier, const std::string& avatar) const
     {
-        return "{\"id\": " + identifier + ", \"username\": \"user" + identifier + "\", \"full_name\": \"" + expand("zu-image://{host}/images/name.png") + "\", "
+        return "{\"id\": " + identifier + ", \"username\": \"user" + identifier + "\", \"permalink_url\": \"" + expand("http://{host}/people/user") + identifier + "\", \"full_name\": \"" + expand("zu-image://{host}/images/name.png") + "\", "
                                                                                                                                                           "\"avatar_url\": "
             + (avatar.empty() ? "null" : quoted(avatar)) + ", \"track_count\": 7}";
     }
@@ -138,7 +138,8 @@ private:
     {
         auto record = trackRecord("10", expand("zu-image://{host}/images/title.png"), quoted(expand("http://{host}/images/artwork.png")), 1000);
         record.pop_back();
-        return record + expand(", \"waveform_url\": \"HTTPS://{tls}/images/waveform.png\", \"description\": \"see zu-images://{host}/images/description.png "
+        // Its page on the service is no web address: no link may be made of it.
+        return record + expand(", \"permalink_url\": \"javascript:fetch('//{host}/images/permalink.png')\", \"waveform_url\": \"HTTPS://{tls}/images/waveform.png\", \"description\": \"see zu-images://{host}/images/description.png "
                                "<img src=//{host}/images/markup.png>\"}");
     }
     std::string comments() const
@@ -167,11 +168,12 @@ protected:
         auto bytes = Data::createWithContentsOfFile(folder.path() + "/" + name);
         return bytes ? std::string(bytes->view()) : std::string();
     }
-    // Every address in an attribute of the page's tags that would load when it is opened.
+    // Every address in an attribute of the page's tags that would load when it
+    // is opened (a link's href loads only when followed).
     static std::vector<std::string> loadingAddresses(const std::string& html)
     {
         std::vector<std::string> addresses;
-        std::regex tag(R"(<[A-Za-z][^>]*>)");
+        std::regex tag(R"(<(?![aA]\s)[A-Za-z][^>]*>)");
         std::regex attribute(R"(\s(?:src|srcset|href|poster)\s*=\s*["']?([^"' >]*))", std::regex::icase);
         for (std::sregex_iterator at(html.begin(), html.end(), tag), end; at != end; ++at) {
             std::string text = at->str();
@@ -209,11 +211,13 @@ TEST_F(HostileServiceClient, AUsersViewFetchesOnlyItsWebImages)
         EXPECT_EQ(service.hits(service.pathOf(service.expand(image.address))), image.fetched ? 1u : 0u) << image.name;
         // Each track's title, an image address, is shown as text and never fetched.
         std::string title = service.expand("zu-image://{host}/images/title-" + std::to_string(i) + ".png");
-        EXPECT_NE(html.find("<h3 class=\"title\">" + title + "</h3>"), std::string::npos) << image.name;
+        EXPECT_NE(html.find("<h3 class=\"title\"><a href=\"track-" + std::to_string(100 + i) + ".html\">" + title + "</a></h3>"), std::string::npos) << image.name;
         EXPECT_EQ(service.hits(service.pathOf(title)), 0u) << image.name;
     }
     EXPECT_EQ(service.hits("/images/avatar.png"), 0u); // protocol-relative
     EXPECT_EQ(service.imageHits(), 2u);
+    // The user's page on the service is a link (the control of the track's below).
+    EXPECT_NE(html.find("class=\"permalink\" href=\"" + service.expand("http://{host}/people/user1") + "\""), std::string::npos);
     size_t inlined = 0;
     for (auto& address : loadingAddresses(html)) {
         EXPECT_TRUE(address.starts_with("data:")) << address;
@@ -235,9 +239,11 @@ TEST_F(HostileServiceClient, ATracksViewFetchesNoTextAndTriesTheUpperCaseSecureS
         EXPECT_EQ(service.hits(text), 0u) << text;
     EXPECT_EQ(service.imageHits(), 1u);
     EXPECT_NE(html.find("see zu-images://"), std::string::npos);
+    EXPECT_EQ(html.find("javascript:"), std::string::npos);
+    EXPECT_EQ(html.find("class=\"permalink\""), std::string::npos);
     EXPECT_NE(html.find("&lt;img src=//"), std::string::npos); // markup in a description stays text
     // A timed comment at 12.5 s says so; one at an absurd time says nothing of it.
-    EXPECT_NE(html.find("at 12.5 s"), std::string::npos);
+    EXPECT_NE(html.find("at 0:12"), std::string::npos);
     EXPECT_EQ(html.find("class=\"at\""), html.rfind("class=\"at\""));
     EXPECT_EQ(html.find("9223372036854776"), std::string::npos);
     for (auto& address : loadingAddresses(html))

@@ -1,4 +1,5 @@
 #include "VXViewRenderer.h"
+#include "VXViewFilters.h"
 
 #include <Platform/Platform.h>
 #include <TemplateEngine/RegexTemplateMatcher.h>
@@ -10,9 +11,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <strings.h>
 
 namespace velvox {
+
+using views::webAddress;
 
 namespace {
 
@@ -27,28 +31,6 @@ char lowered(char c)
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix)
 {
     return text.size() >= prefix.size() && !strncasecmp(text.data(), prefix.data(), prefix.size());
-}
-
-// The address an image may be fetched from: an absolute http or https
-// address (its scheme in any case, written in lower case), with a host.
-// Empty for anything else: a protocol-relative or relative address would be
-// resolved against wherever the page is opened, another scheme by whatever
-// handles it.
-std::string webAddress(std::string_view text)
-{
-    size_t separator = text.find("://");
-    if (separator != 4 && separator != 5)
-        return {};
-    std::string scheme;
-    for (char c : text.substr(0, separator))
-        scheme += lowered(c);
-    if (scheme != "http" && scheme != "https")
-        return {};
-    std::string address = scheme + std::string(text.substr(separator));
-    auto url = URL::create(address);
-    if (!url || url->host().empty())
-        return {};
-    return address;
 }
 
 // The text of an attribute's value as the browser reads it (the engine
@@ -246,9 +228,18 @@ class ViewFilters final : public Object, public TemplateFilter {
 public:
     using Images = std::map<std::string, std::string>; // the filter's text -> the web address
 
-    static Ref<ViewFilters> create(std::shared_ptr<Images> images) { return adoptRef(*new ViewFilters(std::move(images))); }
+    using Pages = std::shared_ptr<const std::set<std::string>>;
 
-    Ref<Array> filters() const override { return m_filters->filters(); }
+    static Ref<ViewFilters> create(std::shared_ptr<Images> images, Pages pages) { return adoptRef(*new ViewFilters(std::move(images), std::move(pages))); }
+
+    // The framework's filters, then the host's own.
+    Ref<Array> filters() const override
+    {
+        auto names = m_filters->filters()->mutableCopy();
+        for (auto name : views::hostFilterNames())
+            names->addObject(String::create(name));
+        return names->copy();
+    }
     bool filterProducesMarkup(std::string_view name) const override { return m_filters->filterProducesMarkup(name); }
     bool filterTakesEscapedText(std::string_view name) const override { return m_filters->filterTakesEscapedText(name); }
 
@@ -257,9 +248,11 @@ public:
         auto name = filterName.view();
         if (name == "partial" && arguments && arguments->count() == 1) {
             // Partials note their images in the same table.
-            auto filters = create(m_images);
+            auto filters = create(m_images, m_pages);
             return renderPartial(*arguments->objectAtIndex(0), value, *filters.ptr(), filters.ptr());
         }
+        if (views::isHostFilter(name))
+            return views::applyHostFilter(name, arguments, value, m_pages.get());
         if (name != "zu_image")
             return m_filters->filterInvoked(filterName, arguments, value);
         std::string text;
@@ -277,14 +270,16 @@ public:
     }
 
 private:
-    explicit ViewFilters(std::shared_ptr<Images> images)
+    ViewFilters(std::shared_ptr<Images> images, Pages pages)
         : m_filters(VXTemplateFilters::filter())
         , m_images(std::move(images))
+        , m_pages(std::move(pages))
     {
     }
 
     Ref<VXTemplateFilters> m_filters;
     std::shared_ptr<Images> m_images;
+    Pages m_pages;
 };
 
 VX_DEFINE_CLASS(ViewFilters, Object)
@@ -305,11 +300,16 @@ Ref<String> VXViewRenderer::inliningImages(const String& html, double timeout)
 
 RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* variables, RefPtr<Error>* error, double timeout)
 {
+    return renderPage(name, variables, nullptr, error, timeout);
+}
+
+RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* variables, const std::set<std::string>* pages, RefPtr<Error>* error, double timeout)
+{
     auto path = Bundle::mainBundle().pathForResource(format("views/%s", std::string(name).c_str()), "html");
     auto engine = TemplateEngine::templateEngine();
     engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));
     auto images = std::make_shared<ViewFilters::Images>();
-    auto filters = ViewFilters::create(images);
+    auto filters = ViewFilters::create(images, pages ? std::make_shared<const std::set<std::string>>(*pages) : nullptr);
     engine->loadFilter(*filters.ptr());
     auto all = variables ? variables->mutableCopy() : MutableDictionary::create();
     if (auto logoPath = Bundle::mainBundle().pathForResource("views/logo", "png")) {

@@ -17,6 +17,8 @@
 #include <Platform/Collections.h>
 #include <Platform/Values.h>
 
+#include <set>
+#include <string>
 #include <string_view>
 
 namespace velvox {
@@ -28,6 +30,10 @@ public:
     // seconds, for the images; one that does not come is left out (an empty
     // image). Null with the error when the template fails.
     static RefPtr<String> renderPage(std::string_view name, Dictionary* variables, RefPtr<Error>* error = nullptr, double timeout = 10);
+    // The same for a page written beside `pages` (file names): links to the
+    // views of other records go to those files, or to the records' own web
+    // pages when they are not among them (VXViewFilters.h, "view_file").
+    static RefPtr<String> renderPage(std::string_view name, Dictionary* variables, const std::set<std::string>* pages, RefPtr<Error>* error = nullptr, double timeout = 10);
 
     // The same for a page rendered elsewhere: image sources that are web
     // addresses, or "zu-image" ones (in any case), replaced by data URIs;
