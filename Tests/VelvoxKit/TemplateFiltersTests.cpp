@@ -94,6 +94,20 @@ TEST(TemplateFilters, ZuImageRewritesTheSchemeWithinSixCharacters)
 
 TEST(TemplateFilters, PartialsRenderWithElementAndEscapeWhatTheyShow)
 {
+    // Partials of the test's own, in a resource folder of its own: the host's
+    // views use filters of the host's.
+    test::TemporaryFolder resources;
+    std::filesystem::create_directories(resources.path() + "/views");
+    FileManager::writeFileAtomically(resources.path() + "/views/comment.html",
+        "<div class=\"comment\"><span class=\"author\">{{ element.user.username }}</span><div class=\"body\">{{ element.body | to_html }}</div></div>");
+    FileManager::writeFileAtomically(resources.path() + "/views/self.html", "<i>{{ element | partial 'views/self.html' }}</i>");
+    std::string savedResources = Bundle::mainBundle().resourcePath();
+    Bundle::mainBundle().setResourcePath(resources.path());
+    struct Restore {
+        std::string path;
+        ~Restore() { Bundle::mainBundle().setResourcePath(path); }
+    } restore { savedResources };
+
     auto one = String::create("views/comment.html"), two = String::create("x");
     EXPECT_EQ(text(invoke("partial", { one.ptr(), two.ptr() }, String::create("v").ptr())), "(nothing)");
     auto comment = Dictionary::create({ { "body", String::create("nice\n<script>alert(1)</script>").ptr() },
@@ -110,14 +124,8 @@ TEST(TemplateFilters, PartialsRenderWithElementAndEscapeWhatTheyShow)
     EXPECT_EQ(lines.size(), 1u);
 
     // A partial that includes itself ends with nothing at a bounded depth.
-    test::TemporaryFolder resources;
-    std::filesystem::create_directories(resources.path() + "/views");
-    FileManager::writeFileAtomically(resources.path() + "/views/self.html", "<i>{{ element | partial 'views/self.html' }}</i>");
-    std::string savedResources = Bundle::mainBundle().resourcePath();
-    Bundle::mainBundle().setResourcePath(resources.path());
     auto self = String::create("views/self.html");
     auto nested = text(invoke("partial", { self.ptr() }, String::create("x").ptr()));
-    Bundle::mainBundle().setResourcePath(savedResources);
     EXPECT_EQ(std::count(nested.begin(), nested.end(), 'i') / 2, 32) << nested.substr(0, 100);
 
     // Through an engine, "to_html" gets escaped text and writes markup.
