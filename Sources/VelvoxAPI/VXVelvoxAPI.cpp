@@ -444,6 +444,17 @@ URLTaskCallbacks VXVelvoxAPI::callbacksFor(std::shared_ptr<QueuedRequest> reques
     return callbacks;
 }
 
+bool VXVelvoxAPI::isUnreachable(const Error* error)
+{
+    // 6: the host's name did not resolve.
+    return error && error->domain()->isEqualToString(URLErrorDomain) && (error->code() == 6 || isPassingTransferFailure(error->code()));
+}
+
+bool VXVelvoxAPI::mayHaveReachedTheService(const Error* error)
+{
+    return isUnreachable(error) && error->code() != 6 && error->code() != 7;
+}
+
 double VXVelvoxAPI::retryDelay(const QueuedRequest& request, URLResponse* response, Error* error)
 {
     if (!request.retriesLeft)

@@ -195,6 +195,12 @@ public:
     // Whether a request of this method on this resource may be sent twice
     // with the same effect as once, and so be retried.
     static bool isIdempotent(std::string_view method, std::string_view resource);
+    // Whether an error says that the service could not be reached (no
+    // connection, a time-out, a connection that broke): no answer came.
+    static bool isUnreachable(const Error*);
+    // Of those, whether the request may still have reached the service (all
+    // but a failure to resolve or connect).
+    static bool mayHaveReachedTheService(const Error*);
 
 protected:
     VXVelvoxAPI(std::string baseURL, std::string accessToken)

@@ -249,6 +249,8 @@ void VXAPIController::forgetClientInfo(Dictionary* clientInfo)
 void VXAPIController::velvoxAPIDidFinishWithData(VXVelvoxAPI& api, Data* data, Object*, Dictionary* userInfo)
 {
     forgetClientInfo(userInfo);
+    if (m_answerObserver)
+        m_answerObserver(nullptr);
     m_deliveringUnchangedAnswer = api.deliveryBeingMade().notModified;
     excuteCallbacksAndRemoveRequestWithData(data, nullptr, requestIdentifierIn(userInfo));
 }
@@ -258,6 +260,8 @@ void VXAPIController::velvoxAPIDidFailWithError(VXVelvoxAPI&, Error* error, Obje
     Ref protectedThis { *this };
     RefPtr<Error> protectedError = error;
     forgetClientInfo(userInfo);
+    if (m_answerObserver)
+        m_answerObserver(error);
     excuteCallbacksAndRemoveRequestWithData(nullptr, error, requestIdentifierIn(userInfo));
     if (error && error->code() == 401)
         VXLog("VXAPIController could not complete request, because the API is not correctly authenticed.");

@@ -93,6 +93,10 @@ public:
     void excuteCallbacksAndRemoveRequestWithData(Data* data, Error* error, String* requestIdentifier);
     void loadForCollectionController(const VXAPICollectionRequest&, VXAPICallbackBlock block, Subscription* subscription = nullptr);
     void loadForCollectionController(const VXAPICollectionRequest&, VXAPICallbackBlock block, VXAPIUnchangedAnswerBlock unchanged, Subscription* subscription);
+    // Told of every answer (a null error on success) before its callers are:
+    // a store learns from it that the service answers again.
+    using AnswerObserver = std::function<void(Error*)>;
+    void setAnswerObserver(AnswerObserver observer) { m_answerObserver = std::move(observer); }
     // The body whose answer is being handed to the callers (null outside a delivery).
     Data* answerBeingDelivered() const { return m_answerBeingDelivered; }
 
@@ -168,6 +172,7 @@ private:
     mutable std::mutex m_executingMutex;
     RefPtr<String> m_executingCallbacksRequestIdentifier;
     Data* m_answerBeingDelivered { nullptr };
+    AnswerObserver m_answerObserver;
     bool m_deliveringUnchangedAnswer { false };
     std::unordered_map<const Dictionary*, std::shared_ptr<CancellableCaller>> m_cancellableCallers;
     // What the client was given for each request in flight, by identifier, to

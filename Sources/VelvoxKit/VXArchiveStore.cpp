@@ -44,6 +44,11 @@ std::string VXArchiveStore::receiptsPath()
     return stringByAppendingPathComponent(folder(), "receipts.archive");
 }
 
+std::string VXArchiveStore::changesPath()
+{
+    return stringByAppendingPathComponent(folder(), "changes.archive");
+}
+
 std::string VXArchiveStore::playedTracksPath(String* account)
 {
     return stringByAppendingPathComponent(folder(), fileNameComponent(account) + "-playedTracks.archive");

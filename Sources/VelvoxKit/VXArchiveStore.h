@@ -24,6 +24,8 @@ public:
     // When the identity map's objects came in, for freshness by age
     // ("receipts.archive"); written only by stores that record it.
     static std::string receiptsPath();
+    // Changes made while the service could not be reached ("changes.archive").
+    static std::string changesPath();
     static std::string playedTracksPath(String* account);
     static std::string refreshDatesPath(String* account);
 

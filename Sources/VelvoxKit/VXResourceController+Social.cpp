@@ -13,10 +13,16 @@ int32_t VXResourceController::checkFollow(bool following, String* identifier, Fo
         return -2;
     Ref protectedThis { *this };
     if (following && identifier) {
-        // A change under way answers for the service until it is settled.
-        if (auto change = m_changes.find("follow " + identifier->str()); change != m_changes.end() && block) {
+        // A change under way, or waiting in the journal, answers for the
+        // service until it is settled.
+        std::optional<int32_t> pending;
+        if (auto change = m_changes.find("follow " + identifier->str()); change != m_changes.end())
+            pending = change->second->desired;
+        else if (m_options.offlineChanges)
+            pending = m_journal.pendingValue(true, identifier->view(), journalAccount());
+        if (pending && block) {
             auto slot = std::make_shared<FollowCheckBlock>(std::move(block));
-            int32_t value = change->second->desired;
+            int32_t value = *pending;
             RunLoop::current().post([protectedThis, slot, value] {
                 if (auto answer = std::exchange(*slot, nullptr))
                     answer(Number::create(value).ptr(), nullptr);
@@ -116,11 +122,15 @@ void VXResourceController::changeFollow(bool follow, String* identifier, ResultB
         else
             m_apiController->stopFollowingByUserForIdentifier(protectedIdentifier.get(), std::move(answer), token);
     };
+    auto user = identifier ? cachedResource<VXUser>(identifier) : nullptr;
+    VXChangeJournal::Entry entry { follow ? VXChangeJournal::Kind::Follow : VXChangeJournal::Kind::Unfollow, identifier ? identifier->str() : std::string() };
+    entry.previous = user ? user->followedByMeValue() : -1;
+    if (identifier && journalChange(std::move(entry), block, subscription))
+        return;
     if (!m_options.optimisticChanges || !identifier) {
         send(follow ? 1 : 0, answering(std::move(block)), subscription);
         return;
     }
-    auto user = cachedResource<VXUser>(identifier);
     auto apply = [user](int32_t value) {
         if (user)
             user->applyFollowedByMe(value);
@@ -147,6 +157,11 @@ void VXResourceController::changeFavorite(bool favorite, String* identifier, Res
             m_apiController->unfavoriteTrackIdentifer(protectedIdentifier.get(), std::move(answer), token);
     };
     int32_t value = favorite ? 1 : 0;
+    auto track = cachedResource<VXTrack>(identifier);
+    VXChangeJournal::Entry entry { favorite ? VXChangeJournal::Kind::Favorite : VXChangeJournal::Kind::Unfavorite, identifier->str() };
+    entry.previous = track ? int32_t(track->userFavorite()) : -1;
+    if (journalChange(std::move(entry), block, subscription))
+        return;
     if (!m_options.optimisticChanges) {
         send(value, [apply, value, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
             if (!error)
@@ -157,7 +172,6 @@ void VXResourceController::changeFavorite(bool favorite, String* identifier, Res
             subscription);
         return;
     }
-    auto track = cachedResource<VXTrack>(identifier);
     requestChange("favorite " + identifier->str(), value, track ? int32_t(track->userFavorite()) : -1, apply, std::move(send), std::move(block), subscription);
 }
 

@@ -62,15 +62,28 @@ void VXResourceController::postCommentWithTrackIdentifier(String* trackIdentifie
     if (!m_apiController)
         return;
     Ref protectedThis { *this };
-    m_apiController->postCommentForTrackIdentifer(trackIdentifier, parameters, [protectedThis, block = std::move(block)](VXAPIController*, Object* json, Error* error) {
+    VXAPICallbackBlock answer = [protectedThis, block](VXAPIController*, Object* json, Error* error) {
         RefPtr<VXComment> comment;
         auto failure = protectedThis->readRecord(
             json, error, [] { return std::string("the posted comment"); },
             [&](Dictionary* record) { comment = protectedThis->updateCacheForResource<VXComment>(nullptr, record); });
         if (block)
             block(comment.get(), failure.get());
-    },
-        subscription);
+    };
+    if (m_options.offlineChanges) {
+        VXChangeJournal::Entry entry { VXChangeJournal::Kind::Comment, trackIdentifier->str() };
+        entry.body = format("%@", parameters->objectForKey("comment[body]"));
+        if (auto* position = parameters->objectForKey("comment[timestamp]")) {
+            long long milliseconds = 0;
+            auto text = position->description();
+            if (std::sscanf(text->str().c_str(), "%lld", &milliseconds) == 1)
+                entry.timestamp = milliseconds;
+        }
+        auto told = [answer](Object* json, Error* error) { answer(nullptr, json, error); };
+        if (journalChange(std::move(entry), std::move(told), subscription))
+            return;
+    }
+    m_apiController->postCommentForTrackIdentifer(trackIdentifier, parameters, std::move(answer), subscription);
 }
 
 } // namespace velvox

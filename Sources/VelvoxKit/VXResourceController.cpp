@@ -98,6 +98,7 @@ Ref<VXResourceController> VXResourceController::create(VXAPIController* apiContr
     if (store->m_identityMap.recordsReceipts())
         VXArchiveStore::read(VXArchiveStore::receiptsPath(), [&store](RefPtr<Object> root) { return store->m_identityMap.adoptReceipts(root.get()); });
     store->setApiController(apiController);
+    store->startJournal();
     VXResourceController* self = store.ptr();
     store->m_terminationObserver = NotificationCenter::defaultCenter().addObserver(ApplicationWillTerminateNotification, nullptr,
         [self](Notification& notification) { self->applicationWillTerminate(&notification); });

@@ -19,6 +19,7 @@
 // Blocks may be empty everywhere; they are then not called.
 
 #include "VXAPIController.h"
+#include "VXChangeJournal.h"
 #include "VXActivityCollectionController.h"
 #include "VXComment.h"
 #include "VXCommentCollectionController.h"
@@ -52,6 +53,15 @@ enum : int64_t {
     VXResourceErrorUnreadableAnswer = 1,
     // An answer that should be a record (a user, a track, a comment) is not one.
     VXResourceErrorNotARecord = 2,
+};
+
+// Under Options::offlineChanges: the change could not reach the service and
+// waits in the journal (code 1), or the service refused a change that waited
+// (code 2; the underlying error under UnderlyingErrorKey).
+inline constexpr std::string_view VXQueuedChangeErrorDomain = "VXQueuedChangeErrorDomain";
+enum : int64_t {
+    VXQueuedChangeErrorQueued = 1,
+    VXQueuedChangeErrorRefused = 2,
 };
 
 // How the store meets an answer that does not fit the models. Raise (the
@@ -144,6 +154,19 @@ public:
         // in the last one's state on the service and in the model; follow
         // checks answer the value under way. Off: the interface's behaviour.
         bool optimisticChanges { false };
+        // Follow, unfollow, favorite, unfavorite and comments are written to
+        // a journal ("changes.archive", saved at once, private) before they
+        // are sent, shown as made (the model's value changes; follow checks
+        // answer it), and sent from it one at a time, in order. One the
+        // service cannot take now (no connection, a time-out, 429, 5xx)
+        // stays and is sent when the service answers again, at the next
+        // start, or after a growing pause; its caller hears an error in
+        // VXQueuedChangeErrorDomain saying so. Each reaches the service once:
+        // a comment that may have reached it is looked for among the track's
+        // comments before it is sent again. A change the service refuses (a
+        // 4xx) is dropped, undone in the model, and its error kept in
+        // lastQueuedChangeError(). Off: the interface's behaviour.
+        bool offlineChanges { false };
     };
 
     // The one call a host needs: a client (VXVelvoxAPI) for the service's
@@ -154,6 +177,17 @@ public:
     // connect(service.baseURL(), service.token()). The steps it takes stay
     // available one by one.
     static RefPtr<VXResourceController> connect(std::string_view baseURL, std::string_view accessToken, std::string* problem = nullptr);
+
+    // The journal of Options::offlineChanges, for the account the store's
+    // client signs in with. Key-value observable: "queuedChangeCount" and
+    // "lastQueuedChangeError".
+    size_t queuedChangeCount() const;
+    Error* lastQueuedChangeError() const { return m_lastQueuedChangeError.get(); }
+    std::vector<VXChangeJournal::Entry> queuedChanges() const;
+    // Tries to send what waits now (it is tried by itself too).
+    void sendQueuedChanges();
+    // Forgets what waits (the model keeps what it shows until refreshed).
+    void discardQueuedChanges();
     static RefPtr<VXResourceController> connect(std::string_view baseURL, std::string_view accessToken, const Options&, std::string* problem = nullptr);
 
     // init: registers the transformers, loads the identity map, and observes
@@ -452,6 +486,37 @@ private:
     VXTrackPoller m_poller;
     Options m_options;
     std::map<std::string, std::shared_ptr<Change>> m_changes;
+
+    // Options::offlineChanges.
+    VXChangeJournal m_journal;
+    RefPtr<Error> m_lastQueuedChangeError;
+    bool m_sendingQueued { false };
+    unsigned m_queuedPauses { 0 };
+    unsigned m_queuedRefusals { 0 };
+    Subscription m_queuedRetry;
+    // What the journal's timers and the controller's observer reach the store
+    // through, without keeping it.
+    std::shared_ptr<VXResourceController*> m_self { std::make_shared<VXResourceController*>(this) };
+    void startJournal();
+    std::string journalAccount() const;
+    bool hasQueuedChanges() const;
+    // Writes a change to the journal (saved at once); the model shows it.
+    void queueChange(VXChangeJournal::Entry, bool announce = true);
+    // Under Options::offlineChanges every change is written to the journal
+    // before it is sent, and sent from it in order: true, and the block hears
+    // the first answer (VXQueuedChangeErrorQueued when the service could not
+    // be reached or asked to wait). Off: false.
+    bool journalChange(VXChangeJournal::Entry, ResultBlock block, Subscription*);
+    void tellJournalCaller(uint64_t sequence, Object* json, Error* error);
+    void tellWaitingCallers();
+    std::map<uint64_t, std::shared_ptr<ResultBlock>> m_journalCallers;
+    void journalChanged(size_t countBefore);
+    void applyQueuedValue(const VXChangeJournal::Entry&, int32_t value);
+    void sendNextQueuedChange();
+    void lookForQueuedComment(uint64_t sequence, size_t offset);
+    void sendQueuedComment(uint64_t sequence);
+    void queuedChangeAnswered(uint64_t sequence, Object* json, Error* error);
+    void retryQueuedChangesLater();
 };
 
 } // namespace velvox

@@ -2,6 +2,8 @@
 //   StoreHelper save-loop           fills the identity map and saves it again and again (until killed)
 //   StoreHelper session URL TOKEN   signs in to a service, fetches a track, plays it, and terminates
 //   StoreHelper report              prints what a new store finds on disk
+//   StoreHelper comment URL TOKEN N comments "note N" on track 20005 through the journal of
+//                                   changes ("" for none), prints "made N", and sends what waits
 // The data folder is $XDG_DATA_HOME, as for any program using the store.
 
 #include <Platform/Platform.h>
@@ -87,6 +89,28 @@ int report()
     return 0;
 }
 
+int comment(const char* baseURL, const char* token, const char* number)
+{
+    auto api = VXVelvoxAPI::create(baseURL, token);
+    if (!api)
+        return 2;
+    // Requests that get no answer give up soon: the change waits for the next run.
+    api->setTimeout(0.4);
+    VXResourceController::Options options;
+    options.offlineChanges = true;
+    auto store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), options);
+    VXResourceController::setSharedResourceController(store);
+    if (*number) {
+        store->postCommentWithTrackIdentifier(String::create("20005").ptr(), String::format("note %s", number).ptr(), [](VXComment*, Error*) {});
+        printf("made %s\n", number);
+        fflush(stdout);
+    }
+    store->sendQueuedChanges();
+    RunLoop::current().runUntil([&] { return store->queuedChangeCount() == 0; }, 5);
+    printf("waiting %zu\n", store->queuedChangeCount());
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -97,6 +121,8 @@ int main(int argc, char** argv)
         return session(argv[2], argv[3]);
     if (argc >= 2 && !strcmp(argv[1], "report"))
         return report();
+    if (argc >= 5 && !strcmp(argv[1], "comment"))
+        return comment(argv[2], argv[3], argv[4]);
     fprintf(stderr, "usage: StoreHelper save-loop | session URL TOKEN | report\n");
     return 2;
 }
