@@ -58,24 +58,31 @@ protected:
     }
     bool sent(VXResourceController& store) { return waitFor([&] { return store.queuedChangeCount() == 0; }); }
     static bool isQueued(Error* error) { return error && error->domain()->isEqualToString(VXQueuedChangeErrorDomain) && error->code() == VXQueuedChangeErrorQueued; }
+    // A GET straight to the service, past the store: its status and decoded body.
+    std::pair<long, RefPtr<Object>> fetch(const std::string& path)
+    {
+        URLRequest request;
+        request.url = service->baseURL() + path;
+        request.headers = { { "Authorization", "OAuth " + service->token() } };
+        std::pair<long, RefPtr<Object>> got { -1, nullptr };
+        bool done = false;
+        URLTaskCallbacks callbacks;
+        callbacks.didComplete = [&](URLResponse* response, Error*) {
+            if (response)
+                got = { response->statusCode(), JSONObject(response->body()) };
+            done = true;
+        };
+        auto task = URLLoader::current().start(request, std::move(callbacks));
+        EXPECT_TRUE(waitFor([&] { return done; }));
+        return got;
+    }
+    long fetchStatus(const std::string& path) { return fetch(path).first; }
     // The texts of the track's comments on the service, as often as each appears.
     std::multiset<std::string> commentsOnService(std::string_view track)
     {
         std::multiset<std::string> texts;
         for (int offset = 0;; offset += 200) {
-            URLRequest request;
-            request.url = service->baseURL() + "/tracks/" + std::string(track) + "/comments?limit=200&offset=" + std::to_string(offset);
-            request.headers = { { "Authorization", "OAuth " + service->token() } };
-            RefPtr<Data> body;
-            URLTaskCallbacks callbacks;
-            bool done = false;
-            callbacks.didComplete = [&](URLResponse* response, Error*) {
-                body = response ? &response->body() : nullptr;
-                done = true;
-            };
-            auto task = URLLoader::current().start(request, std::move(callbacks));
-            EXPECT_TRUE(waitFor([&] { return done; }));
-            RefPtr<Object> decoded = body ? JSONObject(*body) : nullptr;
+            auto decoded = fetch("/tracks/" + std::string(track) + "/comments?limit=200&offset=" + std::to_string(offset)).second;
             auto* page = dynamicDowncast<Array>(decoded.get());
             if (!page)
                 return texts;
@@ -90,43 +97,16 @@ protected:
     }
     bool isFavoriteOnService(int64_t track)
     {
-        URLRequest request;
-        request.url = service->baseURL() + "/me/favorites?limit=200";
-        request.headers = { { "Authorization", "OAuth " + service->token() } };
-        RefPtr<Data> body;
-        bool done = false;
-        URLTaskCallbacks callbacks;
-        callbacks.didComplete = [&](URLResponse* response, Error*) {
-            body = response ? &response->body() : nullptr;
-            done = true;
-        };
-        auto task = URLLoader::current().start(request, std::move(callbacks));
-        EXPECT_TRUE(waitFor([&] { return done; }));
-        RefPtr<Object> decoded = body ? JSONObject(*body) : nullptr;
+        auto decoded = fetch("/me/favorites?limit=200").second;
         if (auto* page = dynamicDowncast<Array>(decoded.get())) {
             for (auto* record : *page) {
-                auto* identifier = dynamicDowncast<Dictionary>(record) ? downcast<Dictionary>(record)->objectForKey<Number>("id") : nullptr;
+                auto* fields = dynamicDowncast<Dictionary>(record);
+                auto* identifier = fields ? fields->objectForKey<Number>("id") : nullptr;
                 if (identifier && identifier->longLongValue() == track)
                     return true;
             }
         }
         return false;
-    }
-    long fetchStatus(const std::string& path)
-    {
-        URLRequest request;
-        request.url = service->baseURL() + path;
-        request.headers = { { "Authorization", "OAuth " + service->token() } };
-        long status = 0;
-        bool done = false;
-        URLTaskCallbacks callbacks;
-        callbacks.didComplete = [&](URLResponse* response, Error*) {
-            status = response ? response->statusCode() : -1;
-            done = true;
-        };
-        auto task = URLLoader::current().start(request, std::move(callbacks));
-        EXPECT_TRUE(waitFor([&] { return done; }));
-        return status;
     }
 
     VXResourceController::Options options;
