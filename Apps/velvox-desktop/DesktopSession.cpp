@@ -1,8 +1,67 @@
 #include "DesktopSession.h"
 
+#include <Service/VXForwardingDelegate.h>
 #include <VelvoxAPI/VXVelvoxAPI.h>
 
+#include <QPointer>
+
 namespace velvox::desktop {
+
+namespace {
+
+// The service's client, telling the session how much of a request's body
+// has been sent (the store's own progress says only "under way" or "done").
+class UploadWatchingAPI final : public VXVelvoxAPI {
+public:
+    using Sent = std::function<void(uint64_t sent, uint64_t total)>;
+    static RefPtr<UploadWatchingAPI> create(std::string_view baseURL, std::string_view token, Sent sent, std::string* problem)
+    {
+        if (auto refused = configurationProblem(baseURL, token); !refused.empty()) {
+            if (problem)
+                *problem = refused;
+            return nullptr;
+        }
+        return adoptRef(*new UploadWatchingAPI(std::string(baseURL), std::string(token), std::move(sent)));
+    }
+
+    Ref<VXVelvoxAPI> copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate) const override
+    {
+        auto copy = adoptRef(*new UploadWatchingAPI(baseURL(), accessToken(), m_sent));
+        copy->m_tap = std::make_unique<Tap>(delegate, m_sent);
+        copy->setDelegate(copy->m_tap.get());
+        app::copyClientConfiguration(*this, *copy.ptr());
+        return copy;
+    }
+
+private:
+    class Tap final : public app::VXForwardingDelegate {
+    public:
+        Tap(VXVelvoxAPIDelegate* controller, Sent sent)
+            : VXForwardingDelegate(controller)
+            , m_sent(std::move(sent))
+        {
+        }
+        void velvoxAPIDidSendBytes(VXVelvoxAPI& api, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override
+        {
+            if (m_sent && total && bytes <= total)
+                m_sent(bytes, total);
+            VXForwardingDelegate::velvoxAPIDidSendBytes(api, bytes, total, context, userInfo);
+        }
+
+    private:
+        Sent m_sent;
+    };
+
+    UploadWatchingAPI(std::string baseURL, std::string token, Sent sent)
+        : VXVelvoxAPI(std::move(baseURL), std::move(token))
+        , m_sent(std::move(sent))
+    {
+    }
+    Sent m_sent;
+    std::unique_ptr<Tap> m_tap;
+};
+
+} // namespace
 
 DesktopSession::DesktopSession(Options options, QObject* parent)
     : QObject(parent)
@@ -38,15 +97,24 @@ bool DesktopSession::open(QString& problem)
     auto options = app::hostStoreOptions();
     // A desktop shows a follow or a favorite at once and rolls it back on failure.
     options.optimisticChanges = true;
-    m_store = VXResourceController::connect(m_target.baseURL, m_target.token, options, &reason);
-    if (!m_store) {
+    QPointer<DesktopSession> session(this);
+    auto api = UploadWatchingAPI::create(m_target.baseURL, m_target.token, [session](uint64_t sent, uint64_t total) {
+        if (session)
+            emit session->bodySent(sent, total);
+    },
+        &reason);
+    if (!api) {
         problem = QString::fromStdString(reason);
         return false;
     }
-    auto* api = m_store->apiController()->api();
-    api->setTimeout(m_options.timeout);
-    api->setConnectTimeout(std::min(m_options.timeout, api->connectTimeout()));
-    api->setRetryPolicy(VXVelvoxAPI::RetryPolicy::recommended());
+    // The steps VXResourceController::connect takes, with this client.
+    m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), options);
+    VXResourceController::setSharedResourceController(m_store);
+    api = nullptr;
+    auto* client = m_store->apiController()->api();
+    client->setTimeout(m_options.timeout);
+    client->setConnectTimeout(std::min(m_options.timeout, client->connectTimeout()));
+    client->setRetryPolicy(VXVelvoxAPI::RetryPolicy::recommended());
     return true;
 }
 

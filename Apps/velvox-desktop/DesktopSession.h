@@ -45,6 +45,8 @@ public:
 signals:
     void signedIn(VXUser* me);
     void signInFailed(const QString& message);
+    // How much of a request's body the client has sent (an upload's progress).
+    void bodySent(quint64 sent, quint64 total);
 
 private:
     Options m_options;

@@ -262,19 +262,24 @@ void UploadWindow::start()
     fields->setObject(URL::create("file://" + app::percentEncodePath(path)).get(), "track[asset_data]");
     m_send->setEnabled(false);
     m_state->setText(tr("sending"));
+    // The bytes the client sends, while this upload is under way (uploads
+    // made at the same time from two windows would share these readings).
+    m_sending = connect(&m_session, &DesktopSession::bodySent, this, [this](quint64 sent, quint64 total) {
+        int percent = static_cast<int>(sent * 100 / total);
+        m_highest = std::max(m_highest, percent);
+        m_progress->setValue(m_highest);
+    });
+    // The bar follows the bytes sent; the store's own progress value is not
+    // a fraction of the file (it is the total divided by what was sent).
     m_store.postTrackWithTrackDictionary(
-        fields.ptr(),
-        [this](VXTrack*, float progress) {
-            int percent = static_cast<int>(std::clamp(progress, 0.0f, 1.0f) * 100);
-            m_highest = std::max(m_highest, percent);
-            m_progress->setValue(percent);
-        },
+        fields.ptr(), {},
         [this](Object* answer, Error* error) { uploaded(answer, error); }, m_calls.add());
 }
 
 void UploadWindow::uploaded(Object* answer, Error* error)
 {
     heard();
+    disconnect(m_sending);
     auto* record = dynamicDowncast<Dictionary>(answer);
     auto* identifier = record ? record->objectForKey("id") : nullptr;
     m_track = identifier ? m_store.cachedResource<VXTrack>(identifier->description().ptr()) : nullptr;

@@ -243,6 +243,7 @@ private:
     QLabel* m_state;
     RefPtr<VXTrack> m_track;
     Subscription m_stateObserver;
+    QMetaObject::Connection m_sending;
     int m_highest { 0 };
     SubscriptionSet m_calls;
 };
