@@ -115,7 +115,9 @@ QVariant CollectionModel::data(const QModelIndex& index, int role) const
             return text(track->title());
         case SubtitleRole: {
             auto owner = store.cachedResource<VXUser>(track->userIdentifier());
-            return joined(owner ? text(owner->username()) : QString(), when(track->createdAt()));
+            // In the feed, when it was shared or posted; elsewhere, when the track was.
+            auto* activity = dynamicDowncast<VXActivity>(item);
+            return joined(owner ? text(owner->username()) : QString(), when(activity ? activity->createdAt() : track->createdAt()));
         }
         case UnplayedRole:
             return track->resourceIdentifier() && track->isUnplayed();

@@ -47,6 +47,13 @@ void quitGracefullyOnSignals(QApplication& application)
     sigaction(SIGTERM, &action, nullptr);
 }
 
+// The window as a PNG; a palette of 256 colours keeps pictures of windows small.
+bool writePicture(QWidget& window, const QString& file)
+{
+    QImage picture = window.grab().toImage().convertToFormat(QImage::Format_Indexed8, Qt::ThresholdDither | Qt::AvoidDither);
+    return picture.save(file, "PNG");
+}
+
 void saveReporting(DesktopSession& session, const char* when)
 {
     QString problem = session.save();
@@ -121,15 +128,13 @@ int runDesktop(const QStringList& arguments)
                 main->hide();
                 page->resize(900, 640);
                 QObject::connect(page, &ClientWindow::ready, page, [page, file = parser.value(screenshot)] {
-                    QPixmap picture = page->grab();
-                    QApplication::exit(picture.save(file, "PNG") ? 0 : 1);
+                    QApplication::exit(writePicture(*page, file) ? 0 : 1);
                 });
             }
         });
     } else if (parser.isSet(screenshot)) {
         QObject::connect(main, &ClientWindow::ready, main, [main, file = parser.value(screenshot)] {
-            QPixmap picture = main->grab();
-            QApplication::exit(picture.save(file, "PNG") ? 0 : 1);
+            QApplication::exit(writePicture(*main, file) ? 0 : 1);
         });
     }
     if (parser.isSet(screenshot)) {

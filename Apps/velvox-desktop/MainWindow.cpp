@@ -37,6 +37,15 @@ ClientWindow::ClientWindow(DesktopSession& session, QWidget* parent)
     connect(&session.driver(), &RunLoopDriver::failed, this, [this](const QString& message) { showError(QStringLiteral("Internal error: %1").arg(message)); });
 }
 
+void ClientWindow::closeDown()
+{
+    delete centralWidget();
+    for (auto* model : findChildren<CollectionModel*>(Qt::FindDirectChildrenOnly))
+        delete model;
+    for (auto* pictures : findChildren<Pictures*>(Qt::FindDirectChildrenOnly))
+        delete pictures;
+}
+
 void ClientWindow::showError(const QString& message)
 {
     statusBar()->showMessage(message);
@@ -114,7 +123,10 @@ MainWindow::MainWindow(DesktopSession& session)
     resize(900, 600);
 }
 
-MainWindow::~MainWindow() = default;
+MainWindow::~MainWindow()
+{
+    closeDown();
+}
 
 void MainWindow::showSignedIn(VXUser* me)
 {
@@ -195,7 +207,10 @@ SearchWindow::SearchWindow(DesktopSession& session, const QString& query, bool u
     resize(600, 500);
 }
 
-SearchWindow::~SearchWindow() = default;
+SearchWindow::~SearchWindow()
+{
+    closeDown();
+}
 
 bool SearchWindow::isReady() const
 {
@@ -239,7 +254,10 @@ UploadWindow::UploadWindow(DesktopSession& session, const QString& path)
     resize(520, 200);
 }
 
-UploadWindow::~UploadWindow() = default;
+UploadWindow::~UploadWindow()
+{
+    closeDown();
+}
 
 bool UploadWindow::isReady() const
 {

@@ -4,6 +4,8 @@
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
 
 #include <cmath>
 #include <exception>
@@ -57,6 +59,20 @@ void RunLoopDriver::rearm()
     if (m_timer.isActive() && std::abs(m_timer.remainingTime() - milliseconds) <= 1)
         return;
     m_timer.start(milliseconds);
+}
+
+bool runQtUntil(const std::function<bool()>& condition, double seconds)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!condition()) {
+        if (clock.elapsed() > seconds * 1000)
+            return false;
+        QEventLoop loop;
+        QTimer::singleShot(2, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return true;
 }
 
 } // namespace velvox::desktop

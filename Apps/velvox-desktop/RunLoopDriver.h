@@ -36,4 +36,9 @@ private:
     bool m_serving { false };
 };
 
+// Runs Qt's loop (and through it the library's) until the condition holds,
+// checked every few milliseconds, for at most `seconds`; whether it held.
+// For tests and measurements, which wait for what windows do.
+bool runQtUntil(const std::function<bool()>& condition, double seconds);
+
 } // namespace velvox::desktop

@@ -271,7 +271,10 @@ TrackWindow::TrackWindow(DesktopSession& session, const QString& identifier)
     resize(900, 700);
 }
 
-TrackWindow::~TrackWindow() = default;
+TrackWindow::~TrackWindow()
+{
+    closeDown();
+}
 
 void TrackWindow::showTrack(VXTrack* track)
 {

@@ -93,7 +93,10 @@ UserWindow::UserWindow(DesktopSession& session, const QString& identifier)
     resize(800, 600);
 }
 
-UserWindow::~UserWindow() = default;
+UserWindow::~UserWindow()
+{
+    closeDown();
+}
 
 void UserWindow::showUser(VXUser* user)
 {

@@ -47,6 +47,11 @@ signals:
 
 protected:
     void heard() { ++*m_answers; }
+    // First in every window's destructor: the widgets, lists and pictures go
+    // while the window's SubscriptionSet still lives, so that nothing they do
+    // as they go (a last layout asking for a picture) starts a call that the
+    // set would not stop.
+    void closeDown();
     DesktopSession& m_session;
     VXResourceController& m_store;
 
