@@ -5,7 +5,6 @@
 
 #include <QCache>
 #include <QImage>
-#include <QSet>
 
 namespace velvox::desktop {
 
@@ -58,10 +57,12 @@ QPixmap Pictures::picture(URL* address)
     QString key = QString::fromUtf8(address->absoluteString()->utf8());
     if (auto* known = decoded().object(key))
         return *known;
-    if (unreadable().contains(key))
+    if (unreadable().contains(key) || m_failed.contains(key))
         return {};
     ++m_pending;
     auto block = [this, key](Image* image, Error*) {
+        if (!image && m_failed.size() < 4096)
+            m_failed.insert(key);
         decode(key, image);
         --m_pending;
         emit arrived(key);

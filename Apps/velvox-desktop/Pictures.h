@@ -11,6 +11,7 @@
 
 #include <QObject>
 #include <QPixmap>
+#include <QSet>
 #include <QString>
 
 namespace velvox::desktop {
@@ -24,7 +25,8 @@ public:
     {
     }
     // The picture when it is at hand (decoded, or in the library's memory or
-    // disk tier); else a null pixmap, and a load whose end emits arrived().
+    // disk tier); else a null pixmap, and a load whose end emits arrived()
+    // (unless this window's load of it failed before).
     QPixmap picture(URL* address);
     QPixmap picture(const QString& address);
     // Loads asked by this window that have not ended.
@@ -39,6 +41,9 @@ signals:
 private:
     SubscriptionSet& m_calls;
     int m_pending { 0 };
+    // Addresses whose load failed: not asked again by this window (a page
+    // drawn again when a picture fails must not ask for it once more).
+    QSet<QString> m_failed;
 };
 
 } // namespace velvox::desktop

@@ -238,6 +238,30 @@ TEST_F(DesktopTest, WindowClosedWhileItsAnswersAreSlowNeverReceivesThem)
     EXPECT_EQ(*heardByClosed, 0);
 }
 
+TEST_F(DesktopTest, TrackPageClosedWhileItsPicturesLoadIsNeverCalledAgain)
+{
+    sandbox::Fault slowPictures;
+    slowPictures.kind = sandbox::Fault::Kind::Latency;
+    slowPictures.pathPrefix = "/images/";
+    slowPictures.seconds = 0.5;
+    session->sandbox()->addFault(slowPictures);
+    auto* closing = window<TrackWindow>(QStringLiteral("20010"));
+    auto* staying = window<TrackWindow>(QStringLiteral("20011"));
+    auto rendered = [](TrackWindow* page) { return page->comments()->hasLoadedAPage() && !page->page()->toPlainText().isEmpty(); };
+    ASSERT_TRUE(serveUntil([&] { return rendered(closing) && rendered(staying); }));
+    auto heard = closing->answerCounter();
+    int before = *heard;
+    // Its pictures are on their way; the window goes (a last layout of its
+    // page must not ask for more), then the service, so that every load ends
+    // in an error, delivered to whoever still waits.
+    close(closing);
+    session->sandbox()->stop();
+    // Control: the window that stays hears the ends of its loads.
+    ASSERT_TRUE(serveUntil([&] { return staying->isReady(); }, 20));
+    serveFor(0.3);
+    EXPECT_EQ(*heard, before);
+}
+
 TEST_F(DesktopTest, ServiceFailuresShowInTheStatusBar)
 {
     struct Case {
