@@ -220,11 +220,7 @@ TEST_F(DesktopTest, UploadShowsProgressAndFollowsTheTrackUntilFinished)
 
 TEST_F(DesktopTest, WindowClosedWhileItsAnswersAreSlowNeverReceivesThem)
 {
-    sandbox::Fault slow;
-    slow.kind = sandbox::Fault::Kind::Latency;
-    slow.pathPrefix = "/users/";
-    slow.seconds = 0.5;
-    session->sandbox()->addFault(slow);
+    session->sandbox()->addFault({ sandbox::Fault::Kind::Latency, "/users/", 0, 0.5 });
     auto* closing = window<UserWindow>(QStringLiteral("1004"));
     auto* staying = window<UserWindow>(QStringLiteral("1005"));
     serveFor(0.1);
@@ -240,11 +236,7 @@ TEST_F(DesktopTest, WindowClosedWhileItsAnswersAreSlowNeverReceivesThem)
 
 TEST_F(DesktopTest, TrackPageClosedWhileItsPicturesLoadIsNeverCalledAgain)
 {
-    sandbox::Fault slowPictures;
-    slowPictures.kind = sandbox::Fault::Kind::Latency;
-    slowPictures.pathPrefix = "/images/";
-    slowPictures.seconds = 0.5;
-    session->sandbox()->addFault(slowPictures);
+    session->sandbox()->addFault({ sandbox::Fault::Kind::Latency, "/images/", 0, 0.5 });
     auto* closing = window<TrackWindow>(QStringLiteral("20010"));
     auto* staying = window<TrackWindow>(QStringLiteral("20011"));
     auto rendered = [](TrackWindow* page) { return page->comments()->hasLoadedAPage() && !page->page()->toPlainText().isEmpty(); };
