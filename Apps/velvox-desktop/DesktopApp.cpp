@@ -2,6 +2,8 @@
 
 #include "Windows.h"
 
+#include <Platform/NotificationCenter.h>
+
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QImage>
@@ -111,10 +113,13 @@ int runDesktop(const QStringList& arguments)
         fprintf(stderr, "velvox-desktop: %s\n", problem.toUtf8().constData());
         return 1;
     }
-    // Saved when the desktop session ends, when the program quits, and by the
-    // store itself at the application's termination.
+    // Saved when the desktop session ends (a failure is said), and when the
+    // program quits: the application's termination is announced, on which
+    // the store saves itself.
     QObject::connect(qApp, &QGuiApplication::commitDataRequest, &session, [&session](QSessionManager&) { saveReporting(session, "session end"); });
-    QObject::connect(qApp, &QCoreApplication::aboutToQuit, &session, [&session] { saveReporting(session, "quit"); });
+    QObject::connect(qApp, &QCoreApplication::aboutToQuit, &session, [] {
+        NotificationCenter::defaultCenter().postNotification(ApplicationWillTerminateNotification);
+    });
     quitGracefullyOnSignals(*qobject_cast<QApplication*>(QCoreApplication::instance()));
 
     auto* main = new MainWindow(session);
