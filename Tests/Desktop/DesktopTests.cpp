@@ -180,6 +180,33 @@ TEST_F(DesktopTest, FollowChangesEveryWindowOfTheUserInTheSameTurn)
     EXPECT_TRUE(second->statusBar()->currentMessage().contains(QStringLiteral("403"))) << second->statusBar()->currentMessage().toStdString();
 }
 
+TEST_F(DesktopTest, SearchListsTracksOrUsersThatMatch)
+{
+    struct Case {
+        const char* query;
+        bool users;
+        bool found;
+    };
+    for (auto [query, users, found] : { Case { "night", false, true }, Case { "stone", true, true }, Case { "zzzqqq", false, false } }) {
+        SCOPED_TRACE(query);
+        auto* results = window<SearchWindow>(QString::fromLatin1(query), users);
+        ASSERT_TRUE(serveUntil([&] { return results->results()->hasLoadedAPage(); }));
+        auto* model = results->results();
+        EXPECT_EQ(model->rowCount() > 0, found);
+        for (int row = 0; row < model->rowCount(); ++row) {
+            auto index = model->index(row);
+            EXPECT_EQ(index.data(CollectionModel::KindRole).toString(), QLatin1String(users ? "user" : "track"));
+            // A user matches by its names; a track by more than its title.
+            QString shown = index.data(Qt::DisplayRole).toString() + QLatin1Char(' ') + index.data(CollectionModel::SubtitleRole).toString();
+            if (users) {
+                EXPECT_TRUE(shown.contains(QLatin1String(query), Qt::CaseInsensitive)) << shown.toStdString();
+            }
+        }
+        EXPECT_EQ(results->statusBar()->currentMessage().isEmpty(), found);
+        close(results);
+    }
+}
+
 TEST_F(DesktopTest, UploadShowsProgressAndFollowsTheTrackUntilFinished)
 {
     // Control: a folder is refused before anything is sent.
