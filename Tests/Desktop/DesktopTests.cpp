@@ -20,6 +20,7 @@
 #include <QScrollBar>
 #include <QHash>
 #include <QStatusBar>
+#include <QTest>
 
 #include <gtest/gtest.h>
 
@@ -205,6 +206,62 @@ TEST_F(DesktopTest, SearchListsTracksOrUsersThatMatch)
         EXPECT_EQ(results->statusBar()->currentMessage().isEmpty(), found);
         close(results);
     }
+}
+
+TEST_F(DesktopTest, TrackPageMarksTimedCommentsAndPostsAtThePosition)
+{
+    auto* page = window<TrackWindow>(QStringLiteral("20005"));
+    page->resize(900, 700);
+    ASSERT_TRUE(serveUntil([&] { return page->track() && page->comments()->hasLoadedAPage() && !page->page()->toPlainText().isEmpty(); }));
+    auto* track = page->track();
+    ASSERT_GT(track->duration(), 0);
+    // The page is the track's view: its title and its comments' texts.
+    EXPECT_TRUE(page->page()->toPlainText().contains(QString::fromUtf8(track->title()->utf8())));
+    // Every timed comment of the list is a mark at its time.
+    size_t timed = 0;
+    for (auto& comment : page->comments()->collection().items<VXComment>())
+        timed += comment->isTimedComment();
+    ASSERT_GT(timed, 0u);
+    EXPECT_EQ(page->waveform()->markers().size(), timed);
+    auto* waveform = page->waveform();
+    int width = waveform->width();
+    EXPECT_EQ(waveform->xForSeconds(0), 0);
+    EXPECT_EQ(waveform->xForSeconds(track->duration()), width - 1);
+    EXPECT_EQ(waveform->xForSeconds(track->duration() / 2), (width - 1) / 2 + ((width - 1) % 2));
+
+    // A click at three quarters, then a comment: posted at that time, and shown as a mark there.
+    QTest::mouseClick(waveform, Qt::LeftButton, {}, QPoint((width - 1) * 3 / 4, waveform->height() / 2));
+    double at = waveform->position();
+    EXPECT_NEAR(at, track->duration() * 0.75, track->duration() / width * 2);
+    if (!track->commentable())
+        GTEST_SKIP() << "the catalogue's track 20005 takes no comments";
+    page->commentBox()->setText(QStringLiteral("right here"));
+    page->postComment();
+    ASSERT_TRUE(serveUntil([&] { return page->commentBox()->text().isEmpty() && waveform->markers().size() == timed + 1; })) << page->statusBar()->currentMessage().toStdString();
+    bool placed = false;
+    for (auto& marker : waveform->markers())
+        placed |= marker.text == QLatin1String("right here") && std::abs(marker.seconds - at) < 0.01;
+    EXPECT_TRUE(placed);
+}
+
+TEST_F(DesktopTest, LibraryTimersSetFromAQtHandlerFireOnTime)
+{
+    // A click handler schedules a library timer and posts nothing: Qt's loop
+    // must still wake for it (the driver re-arms before Qt sleeps).
+    bool fired = false;
+    Subscription timer;
+    QTimer::singleShot(0, [&] { timer = RunLoop::current().performAfterDelay(0.2, [&] { fired = true; }); });
+    QElapsedTimer clock;
+    clock.start();
+    ASSERT_TRUE(serveUntil([&] { return fired; }, 5));
+    EXPECT_GE(clock.elapsed(), 190);
+    EXPECT_LT(clock.elapsed(), 1500);
+    // Control: a cancelled one never fires.
+    fired = false;
+    timer = RunLoop::current().performAfterDelay(0.05, [&] { fired = true; });
+    timer = {};
+    serveFor(0.2);
+    EXPECT_FALSE(fired);
 }
 
 TEST_F(DesktopTest, UploadShowsProgressAndFollowsTheTrackUntilFinished)
