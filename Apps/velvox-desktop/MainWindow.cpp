@@ -94,6 +94,8 @@ MainWindow::MainWindow(DesktopSession& session)
     , m_pictures(new Pictures(m_calls, this))
 {
     setWindowTitle(tr("Velvox"));
+    // A name from the service is text, whatever markup it holds.
+    m_userLabel->setTextFormat(Qt::PlainText);
     auto* bar = addToolBar(tr("Dashboard"));
     bar->setMovable(false);
     bar->addWidget(m_userLabel);

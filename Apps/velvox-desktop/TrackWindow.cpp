@@ -124,7 +124,8 @@ bool WaveformWidget::event(QEvent* event)
         auto* help = static_cast<QHelpEvent*>(event);
         for (auto& marker : m_markers) {
             if (std::abs(xForSeconds(marker.seconds) - help->pos().x()) <= 3) {
-                QToolTip::showText(help->globalPos(), clock(marker.seconds) + QStringLiteral(" ") + marker.text, this);
+                // A comment is text, whatever markup it holds.
+                QToolTip::showText(help->globalPos(), QStringLiteral("<qt>%1 %2</qt>").arg(clock(marker.seconds), marker.text.toHtmlEscaped()), this);
                 return true;
             }
         }
