@@ -31,10 +31,9 @@ CollectionModel::CollectionModel(Ref<VXRemoteCollectionController> collection, S
     watch(0, m_rows);
     m_itemsObserver = m_collection->addObserver("items", [this](ZUObject&, const String&) { itemsChanged(); });
     connect(&m_pictures, &Pictures::arrived, this, [this](const QString& address) {
-        // Only the rows that show this picture are drawn again.
-        for (int row = 0; row < m_rows; ++row) {
-            auto* url = pictureOf(m_collection->items().objectAtIndex(static_cast<size_t>(row)));
-            if (url && QString::fromUtf8(url->absoluteString()->utf8()) == address)
+        // Only the rows that showed this picture's place are drawn again.
+        for (int row : m_rowsByPicture.take(address)) {
+            if (row < m_rows)
                 emit dataChanged(index(row), index(row), { Qt::DecorationRole });
         }
     });
@@ -57,6 +56,7 @@ void CollectionModel::itemsChanged()
     beginResetModel();
     m_rows = count;
     m_rowObservers.clear();
+    m_rowsByPicture.clear();
     endResetModel();
     watch(0, count);
 }
@@ -107,8 +107,13 @@ QVariant CollectionModel::data(const QModelIndex& index, int role) const
     auto& store = VXResourceController::sharedResourceController();
     auto when = [this](Date* date) { return date ? text(m_dates->stringForObjectValue(date).get()) : QString(); };
     auto joined = [](const QString& a, const QString& b) { return a.isEmpty() ? b : b.isEmpty() ? a : a + QStringLiteral(" · ") + b; };
-    if (role == Qt::DecorationRole)
-        return m_pictures.picture(pictureOf(item));
+    if (role == Qt::DecorationRole) {
+        auto* address = pictureOf(item);
+        auto picture = m_pictures.picture(address);
+        if (picture.isNull() && address)
+            m_rowsByPicture[QString::fromUtf8(address->absoluteString()->utf8())].insert(index.row());
+        return picture;
+    }
     if (auto* track = trackOf(item)) {
         switch (role) {
         case Qt::DisplayRole:

@@ -12,6 +12,8 @@
 #include <ZUKit/ZUPastDateFormatter.h>
 
 #include <QAbstractListModel>
+#include <QHash>
+#include <QSet>
 #include <QStyledItemDelegate>
 
 #include <vector>
@@ -69,6 +71,8 @@ private:
     Subscription m_itemsObserver;
     // Tracks' "unplayed", so that a play shows in every list at once.
     std::vector<Subscription> m_rowObservers;
+    // The rows that asked for each picture, so that its arrival draws only them.
+    mutable QHash<QString, QSet<int>> m_rowsByPicture;
 };
 
 // Rows as a person reads them: the picture, the title, the subtitle and the
