@@ -133,8 +133,12 @@ void UserWindow::updateProfile()
                  .arg(m_user->followingsCount());
     m_details->setText(lines.join(QLatin1Char('\n')));
     auto avatar = m_pictures->picture(m_user->avatarURL());
-    if (!avatar.isNull())
-        m_avatar->setPixmap(avatar);
+    if (avatar.isNull()) {
+        // A quiet square where no picture can be shown (yet).
+        avatar = QPixmap(m_avatar->size());
+        avatar.fill(palette().color(QPalette::Midlight));
+    }
+    m_avatar->setPixmap(avatar);
     checkReady();
 }
 
