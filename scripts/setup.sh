@@ -10,7 +10,8 @@ cd "$(dirname "$0")/.."
 build_dir=build
 cmake_args=()
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev liburiparser-dev libcli11-dev
-  libcurl4-openssl-dev libcpp-httplib-dev libicu-dev libfast-float-dev locales zlib1g-dev)
+  libcurl4-openssl-dev libcpp-httplib-dev libicu-dev libfast-float-dev locales zlib1g-dev
+  qt6-base-dev libgl-dev)
 while [ $# -gt 0 ]; do
   case "$1" in
     --build-dir) build_dir=$2; shift 2 ;;

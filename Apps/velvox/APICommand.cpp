@@ -6,6 +6,8 @@
 #include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXAPIController.h>
 
+#include <Service/VXServiceAccess.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -55,26 +57,11 @@ std::string printableExcerpt(std::string_view bytes, size_t limit)
 
 bool resolveToken(const std::string& option, const std::string& tokenFile, const char* command, std::string& token)
 {
-    token = option;
-    if (token.empty()) {
-        if (const char* fromEnvironment = getenv("VELVOX_TOKEN"))
-            token = fromEnvironment;
-    }
-    if (token.empty() && !tokenFile.empty()) {
-        std::ifstream file(tokenFile);
-        int reason = errno;
-        if (!file || !std::getline(file, token)) {
-            struct stat info {};
-            std::string why = !file ? strerror(reason)
-                : ::stat(tokenFile.c_str(), &info) == 0 && S_ISDIR(info.st_mode) ? "it is a folder"
-                                                                                : "it holds no line";
-            fprintf(stderr, "velvox %s: cannot read the token file %s: %s\n", command, tokenFile.c_str(), why.c_str());
-            return false;
-        }
-        if (!token.empty() && token.back() == '\r')
-            token.pop_back();
-    }
-    return true;
+    std::string problem;
+    if (readToken(option, tokenFile, token, problem))
+        return true;
+    fprintf(stderr, "velvox %s: %s\n", command, problem.c_str());
+    return false;
 }
 
 int runAPI(const APIOptions& options)
@@ -175,31 +162,6 @@ int runAPI(const APIOptions& options)
         return 1;
     }
     return status;
-}
-
-std::string unsendableFileProblem(const std::string& path)
-{
-    RefPtr<Error> error;
-    int fd = FileManager::openFileForReading(path, &error);
-    if (fd < 0)
-        return error ? error->localizedDescription()->str() : path;
-    close(fd);
-    return {};
-}
-
-std::string percentEncodePath(const std::string& path)
-{
-    std::string out;
-    for (size_t start = 0; start <= path.size();) {
-        size_t slash = path.find('/', start);
-        if (slash == std::string::npos)
-            slash = path.size();
-        out += percentEncode(std::string_view(path).substr(start, slash - start));
-        if (slash < path.size())
-            out.push_back('/');
-        start = slash + 1;
-    }
-    return out;
 }
 
 } // namespace velvox::app

@@ -44,10 +44,5 @@ bool resolveToken(const std::string& option, const std::string& tokenFile, const
 
 // velvox api: one request through the API controller; prints the answer as pretty JSON.
 int runAPI(const APIOptions&);
-std::string percentEncodePath(const std::string&);
-// Why a file cannot be sent ("<path>: Is a directory", say), or empty when it
-// is a regular file that can be read: checked before anything goes out, so
-// that a FIFO cannot hang the upload and a folder is not sent as nothing.
-std::string unsendableFileProblem(const std::string& path);
 
 } // namespace velvox::app

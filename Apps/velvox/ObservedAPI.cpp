@@ -2,6 +2,8 @@
 
 #include "Session.h"
 
+#include <Service/VXForwardingDelegate.h>
+
 #include <chrono>
 #include <cstdio>
 #include <unordered_map>
@@ -9,10 +11,10 @@
 namespace velvox::app {
 
 // Passes every call on to the controller, drawing and telling on the way.
-class ObservedAPI::Tap final : public VXVelvoxAPIDelegate {
+class ObservedAPI::Tap final : public VXForwardingDelegate {
 public:
     Tap(VXVelvoxAPIDelegate* controller, Feedback feedback)
-        : m_controller(controller)
+        : VXForwardingDelegate(controller)
         , m_feedback(feedback)
     {
     }
@@ -44,14 +46,6 @@ public:
             api.deliveryBeingMade().retries);
         m_controller->velvoxAPIDidFailWithError(api, error, context, userInfo);
     }
-    void velvoxAPIDidReceiveData(VXVelvoxAPI& api, Data* data, Object* context, Dictionary* userInfo) override
-    {
-        m_controller->velvoxAPIDidReceiveData(api, data, context, userInfo);
-    }
-    void velvoxAPIDidReceiveBytes(VXVelvoxAPI& api, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override
-    {
-        m_controller->velvoxAPIDidReceiveBytes(api, bytes, total, context, userInfo);
-    }
     void velvoxAPIDidSendBytes(VXVelvoxAPI& api, uint64_t bytes, uint64_t total, Object* context, Dictionary* userInfo) override
     {
         if (m_feedback.progressBar && total && bytes <= total) {
@@ -63,7 +57,6 @@ public:
         }
         m_controller->velvoxAPIDidSendBytes(api, bytes, total, context, userInfo);
     }
-    bool velvoxAPIWantsReceivedData() const override { return m_controller->velvoxAPIWantsReceivedData(); }
 
 private:
     struct Request {
@@ -89,7 +82,6 @@ private:
         m_drawn = false;
     }
 
-    VXVelvoxAPIDelegate* m_controller;
     Feedback m_feedback;
     bool m_drawn { false };
     std::unordered_map<const Dictionary*, Request> m_requests;
@@ -119,12 +111,7 @@ Ref<VXVelvoxAPI> ObservedAPI::copyWithAPIDelegate(VXVelvoxAPIDelegate* delegate)
     auto copy = adoptRef(*new ObservedAPI(baseURL(), accessToken(), m_feedback));
     copy->m_tap = std::make_unique<Tap>(delegate, m_feedback);
     copy->setDelegate(copy->m_tap.get());
-    copy->setTimeout(timeout());
-    copy->setConnectTimeout(connectTimeout());
-    copy->setMaximumAnswerSize(maximumAnswerSize());
-    copy->setMaximumRunningRequests(maximumRunningRequests());
-    copy->setRetryPolicy(retryPolicy());
-    copy->setAnswerCache(answerCache());
+    copyClientConfiguration(*this, *copy.ptr());
     return copy;
 }
 

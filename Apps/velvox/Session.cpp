@@ -40,50 +40,7 @@ Session::~Session()
 
 std::string resolvedBaseURL(const ServiceOptions& options)
 {
-    if (!options.baseURL.empty())
-        return options.baseURL;
-    const char* fromEnvironment = getenv("VELVOX_BASE_URL");
-    return fromEnvironment ? fromEnvironment : "";
-}
-
-std::string serviceFolderName(const std::string& baseURL)
-{
-    if (baseURL.empty())
-        return "sandbox";
-    // No credentials ("user:password@") in a folder name; the rest decides.
-    std::string url = baseURL;
-    size_t scheme = url.find("://");
-    size_t hostStart = scheme == std::string::npos ? 0 : scheme + 3;
-    size_t hostEnd = url.find_first_of("/?#", hostStart);
-    if (size_t at = url.rfind('@', hostEnd == std::string::npos ? url.size() : hostEnd); at != std::string::npos && at >= hostStart)
-        url.erase(hostStart, at + 1 - hostStart);
-    while (url.size() > hostStart && url.back() == '/')
-        url.pop_back();
-    for (size_t i = 0; i < std::min(url.size(), hostEnd == std::string::npos ? url.size() : hostEnd); ++i)
-        url[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(url[i])));
-    // FNV-1a of the whole URL keeps "a_b" and "a/b" apart; the readable part
-    // is the host, port and path with every other byte as "_".
-    uint32_t hash = 2166136261u;
-    for (unsigned char c : url)
-        hash = (hash ^ c) * 16777619u;
-    std::string readable;
-    for (size_t i = hostStart; i < url.size() && readable.size() < 64; ++i) {
-        char c = url[i];
-        readable += std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' ? c : '_';
-    }
-    return readable + format("-%08x", hash);
-}
-
-std::string serviceDataHome(const std::string& folderName)
-{
-    return stringByAppendingPathComponent(stringByAppendingPathComponent(applicationSupportDirectory(), "Velvox/services"), folderName);
-}
-
-std::string useServiceFolder(const std::string& folderName)
-{
-    std::string home = serviceDataHome(folderName);
-    setenv("XDG_DATA_HOME", home.c_str(), 1);
-    return stringByAppendingPathComponent(home, "Velvox");
+    return resolvedBaseURL(options.baseURL);
 }
 
 namespace {
@@ -121,25 +78,20 @@ void catchInterruptions()
 int Session::open(const char* command)
 {
     m_command = command;
-    std::string baseURL = resolvedBaseURL(m_options);
-    // Before anything reads it: the archives of this service, apart from any other's.
-    std::string folder = useServiceFolder(m_options.folderName.empty() ? serviceFolderName(baseURL) : m_options.folderName);
-    std::string token;
-    if (!baseURL.empty()) {
-        if (!resolveToken(m_options.token, m_options.tokenFile, command, token))
-            return ExitFailure;
-    } else {
-        m_sandbox = std::make_unique<sandbox::SandboxService>(sandbox::SandboxService::Options {});
-        std::string problem;
-        if (!m_sandbox->start(&problem)) {
-            fprintf(stderr, "velvox %s: cannot start the embedded sandbox: %s\n", command, problem.c_str());
-            return ExitFailure;
-        }
-        baseURL = m_sandbox->baseURL();
-        token = m_sandbox->token();
-    }
+    ServiceTarget target;
     std::string problem;
-    auto api = ObservedAPI::create(baseURL, token, { showsFeedback(), m_options.verbose }, &problem);
+    switch (prepareService({ m_options.baseURL, m_options.token, m_options.tokenFile, m_options.folderName }, target, problem)) {
+    case ServiceProblem::Token:
+        fprintf(stderr, "velvox %s: %s\n", command, problem.c_str());
+        return ExitFailure;
+    case ServiceProblem::Sandbox:
+        fprintf(stderr, "velvox %s: cannot start the embedded sandbox: %s\n", command, problem.c_str());
+        return ExitFailure;
+    case ServiceProblem::None:
+        break;
+    }
+    m_sandbox = std::move(target.sandbox);
+    auto api = ObservedAPI::create(target.baseURL, target.token, { showsFeedback(), m_options.verbose }, &problem);
     if (!api) {
         fprintf(stderr, "velvox %s: %s\n", command, problem.c_str());
         return ExitUsage;
@@ -150,22 +102,9 @@ int Session::open(const char* command)
     // again for what may be asked twice: lists, records, follow changes.
     api->setRetryPolicy(VXVelvoxAPI::RetryPolicy::recommended());
     if (m_options.verbose)
-        fprintf(stderr, "* %s (Authorization: OAuth [redacted]); archives in %s\n", printable(baseURL).c_str(), folder.c_str());
-    // The host makes the store's folder, which the store itself only fills,
-    // so that the identity map is kept from the first run on.
-    FileManager::defaultManager().createDirectoryAtPath(folder, true, nullptr, 0700);
-    // The shared store: it loads the identity map of earlier runs, and finish()
-    // saves it. Runs over long lists would grow the map without end; the most
-    // recent objects of each class are what a next run is likely to show.
-    VXResourceController::Options storeOptions;
-    storeOptions.archivedObjectsPerClass = archivedObjectsPerClass;
-    // Whatever a service sends ends in an error to report, never in a raise.
-    storeOptions.unreadableAnswerPolicy = VXUnreadableAnswerPolicy::Report;
-    // Tracks the service is still processing are polled in the background:
-    // once each, a few at a time, so that the lists a person asked for come first.
-    storeOptions.mergesTrackRefreshes = true;
-    storeOptions.maximumTrackRefreshesInFlight = 2;
-    m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), storeOptions);
+        fprintf(stderr, "* %s (Authorization: OAuth [redacted]); archives in %s\n", printable(target.baseURL).c_str(), target.folder.c_str());
+    // The shared store: it loads the identity map of earlier runs, and finish() saves it.
+    m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), hostStoreOptions());
     catchInterruptions();
     VXResourceController::setSharedResourceController(m_store);
     return ExitSuccess;

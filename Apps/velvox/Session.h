@@ -9,6 +9,8 @@
 #include <Sandbox/SandboxService.h>
 #include <VelvoxKit/VXResourceController.h>
 
+#include <Service/VXServiceAccess.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -40,19 +42,9 @@ struct ServiceOptions {
     std::string folderName; // the data folder's name when not the service's own (the demo's)
 };
 
-// The service's base URL: the option, else $VELVOX_BASE_URL; empty for the embedded sandbox.
+// The service's base URL: the option, else $VELVOX_BASE_URL; empty for the
+// embedded sandbox. The service's folders: VXServiceAccess.h.
 std::string resolvedBaseURL(const ServiceOptions&);
-// Each service's identity map and play history are kept apart, in a folder
-// "<data>/Velvox/services/<name>" that stands for $XDG_DATA_HOME while velvox
-// talks to it. The name: "sandbox" for the embedded sandbox (an empty base
-// URL), "<host>_<port>-<hash>" for another: one component that cannot leave
-// the folder, with no credentials of the URL in it.
-std::string serviceFolderName(const std::string& baseURL);
-std::string serviceDataHome(const std::string& folderName);
-// Points the store's archives at that folder (through $XDG_DATA_HOME, which
-// the store honours), before anything else runs; answers the store's folder
-// ("<data>/Velvox/services/<name>/Velvox").
-std::string useServiceFolder(const std::string& folderName);
 
 // Thrown out of Session::waitFor when Ctrl-C (or SIGTERM) arrives, so that
 // the command unwinds and its archives are saved before velvox exits.
@@ -115,9 +107,6 @@ private:
     bool m_listCut { false };
     int m_writeError { 0 };
 };
-
-// How many objects of each class the identity map keeps across runs.
-inline constexpr size_t archivedObjectsPerClass = 5000;
 
 // People's and scripts' forms of the models.
 std::string relativeDate(Date*);

@@ -26,10 +26,11 @@ mkdir -p "$work/home"
 export HOME=$work/home XDG_DATA_HOME=$work/home/data XDG_CACHE_HOME=$work/home/cache XDG_CONFIG_HOME=$work/home/config XDG_STATE_HOME=$work/home/state
 
 if [ "$main_shared" = ON ]; then other=OFF; else other=ON; fi
-# The other form is built beside the main build, libraries and programs only;
+# The other form is built beside the main build, libraries and programs only
+# (not the desktop client, whose package is the main build's to check);
 # it is kept between runs, so a second run only rebuilds what changed.
 cmake -S "$source_dir" -B "$work/build-$other" -G Ninja -DBUILD_SHARED_LIBS=$other \
-  -DVELVOX_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=Release >/dev/null
+  -DVELVOX_BUILD_TESTS=OFF -DVELVOX_BUILD_DESKTOP=OFF -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$work/build-$other" --parallel 2 >/dev/null
 
 check_prefix() {
@@ -62,6 +63,9 @@ check_prefix() {
     fail "$form: velvox info does not name the prefix's resources: $("$prefix/bin/velvox" info)"
   (cd / && env -u VELVOX_TOKEN "$prefix/bin/velvox" api GET /me) | grep -q '"username"' || fail "$form: velvox api GET /me"
   (cd / && "$prefix/bin/velvox-sandbox" --help) >/dev/null || fail "$form: velvox-sandbox --help"
+  if [ -x "$prefix/bin/velvox-desktop" ]; then
+    (cd / && QT_QPA_PLATFORM=offscreen "$prefix/bin/velvox-desktop" --help) | grep -q -- '--screenshot' || fail "$form: velvox-desktop --help"
+  fi
 
   # The CMake package: the sandbox in an export set of its own, loaded as a component.
   local package
