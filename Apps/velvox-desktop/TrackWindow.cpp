@@ -5,9 +5,7 @@
 #include "Windows.h"
 
 #include <Platform/FileManager.h>
-#include <TemplateEngine/RegexTemplateMatcher.h>
-#include <TemplateEngine/TemplateEngine.h>
-#include <VelvoxKit/VXTemplateFilters.h>
+#include <Views/VXViewRenderer.h>
 
 #include <QEvent>
 #include <QHBoxLayout>
@@ -319,17 +317,14 @@ void TrackWindow::render()
 {
     if (!m_track)
         return;
-    auto engine = TemplateEngine::templateEngine();
-    engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));
-    engine->loadFilter(*VXTemplateFilters::filter().ptr());
     auto variables = MutableDictionary::create();
     variables->setObject(m_track, "track");
     variables->setObject(&m_comments->collection().items(), "comments");
     if (auto* me = m_session.me())
         variables->setObject(me, "me");
-    auto path = Bundle::mainBundle().pathForResource("views/track", "html");
+    // The host's view with the host's filters; the pictures come through Pictures.
     RefPtr<Error> error;
-    auto page = engine->processTemplateInFileAtPath(path ? &*path : nullptr, variables.ptr(), &error);
+    auto page = VXViewRenderer::renderPageLeavingImages("track", variables.ptr(), &error);
     if (!page) {
         showError(tr("The page could not be made: %1").arg(error ? QString::fromUtf8(error->localizedDescription()->utf8()) : QString()));
         return;

@@ -105,6 +105,7 @@ int Session::open(const char* command)
         fprintf(stderr, "* %s (Authorization: OAuth [redacted]); archives in %s\n", printable(target.baseURL).c_str(), target.folder.c_str());
     // The shared store: it loads the identity map of earlier runs, and finish() saves it.
     m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), hostStoreOptions());
+    m_keptAtStart = m_store->queuedChangeCount();
     catchInterruptions();
     VXResourceController::setSharedResourceController(m_store);
     return ExitSuccess;
@@ -123,7 +124,7 @@ bool Session::waitFor(const std::function<bool()>& condition, double seconds)
     return met;
 }
 
-RefPtr<VXUser> Session::signIn(int& code)
+RefPtr<VXUser> Session::signIn(int& code, bool* unreachable)
 {
     RefPtr<VXUser> me;
     RefPtr<Error> failure;
@@ -134,13 +135,51 @@ RefPtr<VXUser> Session::signIn(int& code)
         failure = error;
         done = true;
     });
-    if (!waitFor([&] { return done; })) {
-        code = fail("sign-in", noAnswer().ptr());
+    if (!done && !waitFor([&] { return done; }))
+        failure = noAnswer();
+    if (!me && unreachable && (!failure || VXVelvoxAPI::isUnreachable(failure.get()))) {
+        *unreachable = true;
+        code = ExitNetwork;
         return nullptr;
     }
     if (!me)
         code = fail("sign-in", failure.get());
     return me;
+}
+
+bool Session::isKept(Error* error)
+{
+    return error && error->domain()->isEqualToString(VXQueuedChangeErrorDomain) && error->code() == VXQueuedChangeErrorQueued;
+}
+
+int Session::kept(const std::string& change, Dictionary* record)
+{
+    if (m_options.json) {
+        auto marked = record->mutableCopy();
+        marked->setObject(Number::withBool(true).ptr(), "queued");
+        print(jsonText(marked));
+    } else {
+        print("kept: " + change + " (the service cannot be reached; the next command that reaches it sends it)\n");
+    }
+    return ExitSuccess;
+}
+
+void Session::sendKeptChanges()
+{
+    if (!m_store || !m_keptAtStart)
+        return;
+    m_store->sendQueuedChanges();
+    try {
+        waitFor([&] { return !m_store->isSendingQueuedChanges(); });
+    } catch (const Interrupted&) {
+        return; // what is left waits for the next command
+    }
+    size_t left = m_store->queuedChangeCount();
+    size_t sent = m_keptAtStart > left ? m_keptAtStart - left : 0;
+    if (sent && !m_options.quiet)
+        fprintf(stderr, "velvox: sent %zu change%s kept while the service could not be reached\n", sent, sent == 1 ? "" : "s");
+    if (auto* refused = m_store->lastQueuedChangeError())
+        fprintf(stderr, "velvox: %s\n", printable(refused->localizedDescription()->str()).c_str());
 }
 
 Ref<Error> Session::noAnswer()
@@ -307,6 +346,7 @@ int Session::finish(int code)
     if (m_finished)
         return code;
     m_finished = true;
+    sendKeptChanges();
     // The application terminates: the store saves its archives. A save that
     // fails loses what this run changed (a play, say), so it is said.
     if (m_store) {

@@ -70,8 +70,15 @@ public:
     // Runs the loop until the condition holds; false after the time-out
     // (0: the --timeout and a margin). Throws Interrupted on Ctrl-C.
     bool waitFor(const std::function<bool()>& condition, double seconds = 0);
-    // Signs in (the "/me" user); null with the exit code in `code` when it fails.
-    RefPtr<VXUser> signIn(int& code);
+    // Signs in (the "/me" user); null with the exit code in `code` when it
+    // fails. With `unreachable`, a service that cannot be reached is not
+    // reported but said there (a change can still be kept for later).
+    RefPtr<VXUser> signIn(int& code, bool* unreachable = nullptr);
+    // A change kept in the store's journal because the service cannot be
+    // reached: said ("kept: follow 1011 ..."; JSON: the record with
+    // "queued": true), and a success.
+    int kept(const std::string& change, Dictionary* record);
+    static bool isKept(Error*);
 
     // The exit code for an error, after saying what went wrong on standard
     // error; `what` names the resource ("the track 99999") for a 404.
@@ -106,6 +113,10 @@ private:
     bool m_finished { false };
     bool m_listCut { false };
     int m_writeError { 0 };
+    size_t m_keptAtStart { 0 };
+    // Sends what the journal keeps from earlier runs, now that the service
+    // answers, and says so.
+    void sendKeptChanges();
 };
 
 // People's and scripts' forms of the models.

@@ -53,6 +53,49 @@ int32_t followState(Session& session, String* identifier, RefPtr<Error>& failure
     }
 }
 
+// Sends a change through the store's journal without the client's own
+// retries (the journal keeps it when the service cannot be reached), and
+// waits for its first answer.
+RefPtr<Error> change(Session& session, const std::function<void(VXResourceStore::ResultBlock)>& send)
+{
+    auto* client = session.store().apiController()->api();
+    auto policy = client->retryPolicy();
+    client->setRetryPolicy({});
+    RefPtr<Error> failure;
+    bool done = false;
+    send([&](Object*, Error* error) {
+        failure = error;
+        done = true;
+    });
+    client->setRetryPolicy(policy);
+    if (!session.waitFor([&] { return done; }))
+        return session.noAnswer();
+    return failure;
+}
+
+// A follow or unfollow while the service cannot be reached: kept for later.
+int keepFollow(Session& session, const StoreCommand& command, bool following)
+{
+    auto identifier = text(command.arguments[0]);
+    auto failure = change(session, [&](VXResourceStore::ResultBlock answer) {
+        if (following)
+            session.store().startFollowingUserForIdentifier(identifier.ptr(), std::move(answer));
+        else
+            session.store().stopFollowingByUserForIdentifier(identifier.ptr(), std::move(answer));
+    });
+    auto record = Dictionary::create({ { "id", jsonIdentifier(command.arguments[0]).ptr() }, { "following", Number::withBool(following).ptr() } });
+    if (Session::isKept(failure.get()))
+        return session.kept(command.name + " " + command.arguments[0], record.ptr());
+    if (failure)
+        return session.fail(command.name.c_str(), failure.get(), "the user " + command.arguments[0]);
+    // The service came back meanwhile.
+    if (session.options().json)
+        session.print(jsonText(record));
+    else
+        session.print(std::string(following ? "following " : "not following ") + command.arguments[0] + "\n");
+    return ExitSuccess;
+}
+
 } // namespace
 
 int follow(Session& session, const StoreCommand& command, bool following)
@@ -60,8 +103,9 @@ int follow(Session& session, const StoreCommand& command, bool following)
     if (int code = needArguments(command, 1, following ? "follow USER" : "unfollow USER"))
         return code;
     int code = ExitSuccess;
-    if (!session.signIn(code))
-        return code;
+    bool unreachable = false;
+    if (!session.signIn(code, &unreachable))
+        return unreachable ? keepFollow(session, command, following) : code;
     auto user = fetchUser(session, command, command.arguments[0], code);
     if (!user)
         return code;
@@ -100,19 +144,16 @@ int favorite(Session& session, const StoreCommand& command, bool on)
 {
     if (int code = needArguments(command, 1, on ? "favorite TRACK" : "unfavorite TRACK"))
         return code;
-    RefPtr<Error> failure;
-    bool done = false;
-    auto answer = [&](VXAPIController*, Object*, Error* error) {
-        failure = error;
-        done = true;
-    };
     auto identifier = text(command.arguments[0]);
-    if (on)
-        session.store().apiController()->favoriteTrackIdentifer(identifier.ptr(), answer);
-    else
-        session.store().apiController()->unfavoriteTrackIdentifer(identifier.ptr(), answer);
-    if (!session.waitFor([&] { return done; }))
-        return session.fail(command.name.c_str(), session.noAnswer().ptr());
+    auto failure = change(session, [&](VXResourceStore::ResultBlock answer) {
+        if (on)
+            session.store().favoriteTrackForIdentifier(identifier.ptr(), std::move(answer));
+        else
+            session.store().unfavoriteTrackForIdentifier(identifier.ptr(), std::move(answer));
+    });
+    if (Session::isKept(failure.get()))
+        return session.kept(command.name + " " + command.arguments[0],
+            Dictionary::create({ { "id", jsonIdentifier(command.arguments[0]).ptr() }, { "favorite", Number::withBool(on).ptr() } }).ptr());
     bool changed = !failure;
     RefPtr<VXTrack> track;
     if (failure) {
@@ -158,6 +199,9 @@ int comment(Session& session, const StoreCommand& command)
         session.store().postCommentWithTrackIdentifier(track.ptr(), body.ptr(), block);
     if (!session.waitFor([&] { return done; }))
         return session.fail("comment", session.noAnswer().ptr());
+    if (Session::isKept(failure.get()))
+        return session.kept("comment on " + command.arguments[0],
+            Dictionary::create({ { "track_id", jsonIdentifier(command.arguments[0]).ptr() }, { "body", body.ptr() } }).ptr());
     if (!posted)
         return session.fail("comment", failure.get(), trackNamed(command.arguments[0]));
     showObject(session, *posted);

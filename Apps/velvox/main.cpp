@@ -3,6 +3,8 @@
 #include "Commands.h"
 #include "Session.h"
 
+#include <VelvoxKit/VXArchiveStore.h>
+
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXResourceController.h>
 #include <VelvoxKit/VelvoxVersion.h>
@@ -25,6 +27,13 @@ int info(const ServiceOptions& options, bool pathsOnly)
     auto store = VXResourceController::create();
     auto statistics = store->resourceCacheStatistics();
     auto [answers, answerBytes] = VXVelvoxAPI::keptAnswers({});
+    // Changes kept while the service could not be reached, of every account.
+    VXChangeJournal journal(VXArchiveStore::changesPath());
+    journal.load();
+    auto keptText = [](const VXChangeJournal::Entry& entry) {
+        std::string text(VXChangeJournal::nameOfKind(entry.kind));
+        return text + (entry.isComment() ? " on " : " ") + printable(entry.target);
+    };
     if (options.json) {
         auto classes = MutableDictionary::create();
         for (auto& perClass : statistics.classes)
@@ -40,6 +49,16 @@ int info(const ServiceOptions& options, bool pathsOnly)
             auto kept = Dictionary::create({ { "path", String::create(VXVelvoxAPI::AnswerCache::defaultPath()).ptr() },
                 { "answers", Number::withInteger(static_cast<int64_t>(answers)).ptr() }, { "bytes", Number::withInteger(static_cast<int64_t>(answerBytes)).ptr() } });
             record->setObject(kept.ptr(), "answer_cache");
+            auto changes = MutableArray::create();
+            for (auto& entry : journal.entries()) {
+                auto change = MutableDictionary::create();
+                change->setObject(String::create(VXChangeJournal::nameOfKind(entry.kind)).ptr(), "kind");
+                change->setObject(jsonIdentifier(entry.target).ptr(), "target");
+                if (entry.isComment())
+                    change->setObject(String::create(entry.body).ptr(), "body");
+                changes->addObject(change.ptr());
+            }
+            record->setObject(changes.ptr(), "kept_changes");
         }
         fputs(jsonText(record).c_str(), stdout);
         return ExitSuccess;
@@ -54,6 +73,9 @@ int info(const ServiceOptions& options, bool pathsOnly)
     for (auto& perClass : statistics.classes)
         printf("  %-10s %zu\n", perClass.className.c_str(), perClass.objectCount);
     printf("answers kept for revalidation: %zu, %zu KB in %s\n", answers, answerBytes / 1024, VXVelvoxAPI::AnswerCache::defaultPath().c_str());
+    printf("changes kept to send: %zu\n", journal.entries().size());
+    for (auto& entry : journal.entries())
+        printf("  %s\n", keptText(entry).c_str());
     return ExitSuccess;
 }
 

@@ -348,15 +348,22 @@ void VXResourceController::sendQueuedComment(uint64_t sequence)
 
 void VXResourceController::queuedChangeAnswered(uint64_t sequence, Object* json, Error* error)
 {
-    m_sendingQueued = false;
     Ref protectedThis { *this };
     auto* waiting = m_journal.entryWithSequence(sequence);
+    // The next one goes on a later turn (not inside this answer's delivery);
+    // the journal counts as sending until then.
     auto next = [this] {
         std::weak_ptr<VXResourceController*> weakSelf = m_self;
         RunLoop::current().post([weakSelf] {
-            if (auto self = weakSelf.lock())
+            if (auto self = weakSelf.lock()) {
+                (*self)->m_sendingQueued = false;
                 (*self)->sendNextQueuedChange();
+            }
         });
+    };
+    auto pause = [this] {
+        m_sendingQueued = false;
+        retryQueuedChangesLater();
     };
     if (!waiting) {
         next(); // discarded meanwhile
@@ -379,14 +386,14 @@ void VXResourceController::queuedChangeAnswered(uint64_t sequence, Object* json,
             journalChanged(before);
         }
         tellWaitingCallers();
-        retryQueuedChangesLater();
+        pause();
         return;
     }
     int64_t status = error->domain()->isEqualToString(VXVelvoxAPIErrorDomain) ? error->code() : 0;
     bool passing = status == 401 || status == 408 || status == 429 || (status >= 500 && status <= 599);
     if (passing && ++m_queuedRefusals < maximumTransientRefusals) {
         tellWaitingCallers();
-        retryQueuedChangesLater();
+        pause();
         return;
     }
     // Refused: dropped, undone in the model unless a later change of the
@@ -395,6 +402,14 @@ void VXResourceController::queuedChangeAnswered(uint64_t sequence, Object* json,
     m_journal.removeEntryWithSequence(sequence);
     if (!entry.isComment() && !m_journal.pendingValue(isFollowKind(entry.kind), entry.target, entry.account))
         applyQueuedValue(entry, entry.previous);
+    auto caller = m_journalCallers.find(sequence);
+    if (caller != m_journalCallers.end() && *caller->second) {
+        // Its caller still waits and hears the refusal itself.
+        journalChanged(before);
+        tellJournalCaller(sequence, nullptr, error);
+        next();
+        return;
+    }
     auto info = MutableDictionary::create();
     info->setObject(String::format("The service refused the %s of %s kept while it could not be reached: %@", std::string(VXChangeJournal::nameOfKind(entry.kind)).c_str(),
                         entry.target.c_str(), error->localizedDescription()),
@@ -405,8 +420,6 @@ void VXResourceController::queuedChangeAnswered(uint64_t sequence, Object* json,
     didChangeValueForKey("lastQueuedChangeError");
     VXLog("%@", m_lastQueuedChangeError->localizedDescription());
     journalChanged(before);
-    // A caller still waiting hears the service's own refusal.
-    tellJournalCaller(sequence, nullptr, error);
     next();
 }
 

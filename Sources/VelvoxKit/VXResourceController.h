@@ -164,8 +164,9 @@ public:
         // VXQueuedChangeErrorDomain saying so. Each reaches the service once:
         // a comment that may have reached it is looked for among the track's
         // comments before it is sent again. A change the service refuses (a
-        // 4xx) is dropped, undone in the model, and its error kept in
-        // lastQueuedChangeError(). Off: the interface's behaviour.
+        // 4xx) is dropped and undone in the model; its caller hears the
+        // refusal, or, when it was told the change waits, the error is kept
+        // in lastQueuedChangeError(). Off: the interface's behaviour.
         bool offlineChanges { false };
     };
 
@@ -186,6 +187,8 @@ public:
     std::vector<VXChangeJournal::Entry> queuedChanges() const;
     // Tries to send what waits now (it is tried by itself too).
     void sendQueuedChanges();
+    // Whether a change of the journal is under way (sent, or the next about to be).
+    bool isSendingQueuedChanges() const { return m_sendingQueued; }
     // Forgets what waits (the model keeps what it shows until refreshed).
     void discardQueuedChanges();
     static RefPtr<VXResourceController> connect(std::string_view baseURL, std::string_view accessToken, const Options&, std::string* problem = nullptr);
@@ -306,8 +309,9 @@ public:
     // agrees (at once under optimistic changes). The block gets the answer.
     void favoriteTrackForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr);
     void unfavoriteTrackForIdentifier(String* identifier, ResultBlock block, Subscription* subscription = nullptr);
-    // Optimistic changes not yet settled with the service.
-    size_t pendingChangeCount() const { return m_changes.size(); }
+    // Changes not yet settled with the service: optimistic ones under way,
+    // and those of the journal (queuedChangeCount()).
+    size_t pendingChangeCount() const { return m_changes.size() + queuedChangeCount(); }
 
     // Play history and refresh dates of the signed-in account.
     void registerTrackPlayedForIdentifier(String* trackIdentifier) override;

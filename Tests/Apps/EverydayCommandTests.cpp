@@ -355,3 +355,38 @@ TEST_F(VelvoxEveryday, ErrorsNameWhatFailed)
         EXPECT_EQ(info.st_mode & 0777, static_cast<mode_t>(mode)) << mask;
     }
 }
+
+// A change made while the service is down is kept (exit 0), shown by info,
+// and sent once by the next command that reaches the service, which says so.
+TEST_F(VelvoxEveryday, ChangesWhileTheServiceIsDownAreKeptAndSentByTheNextCommand)
+{
+    sandbox::SandboxService first({});
+    ASSERT_TRUE(first.start());
+    int port = first.port();
+    std::string options = serviceOptions(first);
+    first.stop();
+
+    auto follow = velvox(options + "follow 1011");
+    EXPECT_EQ(follow.status, 0) << follow.output;
+    EXPECT_TRUE(contains(follow, "kept: follow 1011")) << follow.output;
+    auto comment = velvox(options + "--json comment 20005 'said while down'", false);
+    EXPECT_EQ(comment.status, 0) << comment.output;
+    EXPECT_TRUE(contains(comment, "\"queued\": true")) << comment.output;
+    auto info = velvox(options + "info");
+    EXPECT_TRUE(contains(info, "changes kept to send: 2")) << info.output;
+    EXPECT_TRUE(contains(info, "follow 1011")) << info.output;
+
+    sandbox::SandboxService::Options again;
+    again.port = port;
+    sandbox::SandboxService back(again);
+    ASSERT_TRUE(back.start());
+    auto next = velvox(options + "me");
+    EXPECT_EQ(next.status, 0) << next.output;
+    EXPECT_TRUE(contains(next, "sent 2 changes kept while the service could not be reached")) << next.output;
+    EXPECT_EQ(back.requestCount("PUT /me/followings/1011"), 1);
+    EXPECT_EQ(back.requestCount("POST /tracks/20005/comments"), 1);
+    EXPECT_TRUE(contains(velvox(options + "info"), "changes kept to send: 0"));
+    // Nothing is sent twice.
+    velvox(options + "me");
+    EXPECT_EQ(back.requestCount("POST /tracks/20005/comments"), 1);
+}

@@ -241,12 +241,28 @@ TEST_F(OfflineChanges, RefusedChangesAreDroppedUndoneAndSaidAndPassingFailuresWa
     ASSERT_TRUE(told);
     EXPECT_EQ(told->code(), 422);
     EXPECT_EQ(track->userFavorite(), before);
-    ASSERT_TRUE(offline->lastQueuedChangeError());
-    EXPECT_EQ(offline->lastQueuedChangeError()->code(), VXQueuedChangeErrorRefused);
+    EXPECT_FALSE(offline->lastQueuedChangeError()) << "its caller heard it";
     EXPECT_EQ(offline->queuedChangeCount(), 0u);
     offline->sendQueuedChanges();
     RunLoop::current().runFor(0.1);
     EXPECT_EQ(service->requestCount("PUT /me/favorites/20006"), 1);
+
+    // Refused once it waited: nobody listens any more, so the store keeps the error.
+    service->addFault({ sandbox::Fault::Kind::Status, "/me/favorites/20006", 503, 0, 1 });
+    service->addFault({ sandbox::Fault::Kind::Status, "/me/favorites/20006", 422, 0, 1 });
+    answered = false;
+    offline->favoriteTrackForIdentifier(String::create("20006").ptr(), [&](Object*, Error* error) {
+        told = error;
+        answered = true;
+    });
+    ASSERT_TRUE(waitFor([&] { return answered; }));
+    EXPECT_TRUE(isQueued(told.get()));
+    EXPECT_EQ(track->userFavorite(), !before);
+    offline->sendQueuedChanges();
+    ASSERT_TRUE(sent(*offline));
+    ASSERT_TRUE(offline->lastQueuedChangeError());
+    EXPECT_EQ(offline->lastQueuedChangeError()->code(), VXQueuedChangeErrorRefused);
+    EXPECT_EQ(track->userFavorite(), before) << "undone";
 
     // 503 twice: the change waits and goes when asked again.
     service->addFault({ sandbox::Fault::Kind::Status, "/me/favorites/20006", 503, 0, 2 });

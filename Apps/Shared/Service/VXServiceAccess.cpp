@@ -121,6 +121,9 @@ VXResourceController::Options hostStoreOptions()
     // once each, a few at a time, so that the lists a person asked for come first.
     options.mergesTrackRefreshes = true;
     options.maximumTrackRefreshesInFlight = 2;
+    // Follows, favorites and comments made while the service cannot be
+    // reached are kept and sent by a later run or command that reaches it.
+    options.offlineChanges = true;
     return options;
 }
 

@@ -68,7 +68,8 @@ std::string unsendableFileProblem(const std::string& path);
 inline constexpr size_t archivedObjectsPerClass = 5000;
 // The store's options for a host that meets any service and runs long: a
 // bounded archive, errors for answers that do not fit, merged polling of
-// tracks the service is still processing, a few at a time.
+// tracks the service is still processing, a few at a time, and changes kept
+// while the service cannot be reached.
 VXResourceController::Options hostStoreOptions();
 
 } // namespace velvox::app

@@ -303,12 +303,15 @@ RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* var
     return renderPage(name, variables, nullptr, error, timeout);
 }
 
-RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* variables, const std::set<std::string>* pages, RefPtr<Error>* error, double timeout)
+namespace {
+
+// The view through the engine with the framework's and the host's filters,
+// its images noted in `images`.
+RefPtr<String> processView(std::string_view name, Dictionary* variables, const std::set<std::string>* pages, const std::shared_ptr<ViewFilters::Images>& images, RefPtr<Error>* error)
 {
     auto path = Bundle::mainBundle().pathForResource(format("views/%s", std::string(name).c_str()), "html");
     auto engine = TemplateEngine::templateEngine();
     engine->setMatcher(RegexTemplateMatcher::matcherWithTemplateEngine(*engine.ptr()));
-    auto images = std::make_shared<ViewFilters::Images>();
     auto filters = ViewFilters::create(images, pages ? std::make_shared<const std::set<std::string>>(*pages) : nullptr);
     engine->loadFilter(*filters.ptr());
     auto all = variables ? variables->mutableCopy() : MutableDictionary::create();
@@ -318,7 +321,20 @@ RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* var
                 all->setObject(logo, "logo");
         }
     }
-    auto page = engine->processTemplateInFileAtPath(path ? &*path : nullptr, all.ptr(), error);
+    return engine->processTemplateInFileAtPath(path ? &*path : nullptr, all.ptr(), error);
+}
+
+} // namespace
+
+RefPtr<String> VXViewRenderer::renderPageLeavingImages(std::string_view name, Dictionary* variables, RefPtr<Error>* error)
+{
+    return processView(name, variables, nullptr, std::make_shared<ViewFilters::Images>(), error);
+}
+
+RefPtr<String> VXViewRenderer::renderPage(std::string_view name, Dictionary* variables, const std::set<std::string>* pages, RefPtr<Error>* error, double timeout)
+{
+    auto images = std::make_shared<ViewFilters::Images>();
+    auto page = processView(name, variables, pages, images, error);
     if (!page)
         return nullptr;
     return inlining(

@@ -35,6 +35,10 @@ public:
     // pages when they are not among them (VXViewFilters.h, "view_file").
     static RefPtr<String> renderPage(std::string_view name, Dictionary* variables, const std::set<std::string>* pages, RefPtr<Error>* error = nullptr, double timeout = 10);
 
+    // Without waiting: image sources stay as the filters leave them
+    // ("zu-image://..."), for a host that loads its pictures itself.
+    static RefPtr<String> renderPageLeavingImages(std::string_view name, Dictionary* variables, RefPtr<Error>* error = nullptr);
+
     // The same for a page rendered elsewhere: image sources that are web
     // addresses, or "zu-image" ones (in any case), replaced by data URIs;
     // every other address in an attribute that loads by a transparent pixel.
