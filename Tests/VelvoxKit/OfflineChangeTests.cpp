@@ -230,12 +230,17 @@ TEST_F(OfflineChanges, RefusedChangesAreDroppedUndoneAndSaidAndPassingFailuresWa
 
     // Refused: the caller hears the service, the model goes back, nothing is sent again.
     service->addFault({ sandbox::Fault::Kind::Status, "/me/favorites/20006", 422, 0, 1 });
+    // Favorites the track; the first answer its caller hears.
     RefPtr<Error> told;
     bool answered = false;
-    offline->favoriteTrackForIdentifier(String::create("20006").ptr(), [&](Object*, Error* error) {
-        told = error;
-        answered = true;
-    });
+    auto favorite = [&] {
+        answered = false;
+        offline->favoriteTrackForIdentifier(String::create("20006").ptr(), [&](Object*, Error* error) {
+            told = error;
+            answered = true;
+        });
+    };
+    favorite();
     EXPECT_EQ(track->userFavorite(), !before) << "shown at once";
     ASSERT_TRUE(waitFor([&] { return answered; }));
     ASSERT_TRUE(told);
@@ -250,11 +255,7 @@ TEST_F(OfflineChanges, RefusedChangesAreDroppedUndoneAndSaidAndPassingFailuresWa
     // Refused once it waited: nobody listens any more, so the store keeps the error.
     service->addFault({ sandbox::Fault::Kind::Status, "/me/favorites/20006", 503, 0, 1 });
     service->addFault({ sandbox::Fault::Kind::Status, "/me/favorites/20006", 422, 0, 1 });
-    answered = false;
-    offline->favoriteTrackForIdentifier(String::create("20006").ptr(), [&](Object*, Error* error) {
-        told = error;
-        answered = true;
-    });
+    favorite();
     ASSERT_TRUE(waitFor([&] { return answered; }));
     EXPECT_TRUE(isQueued(told.get()));
     EXPECT_EQ(track->userFavorite(), !before);
@@ -266,11 +267,7 @@ TEST_F(OfflineChanges, RefusedChangesAreDroppedUndoneAndSaidAndPassingFailuresWa
 
     // 503 twice: the change waits and goes when asked again.
     service->addFault({ sandbox::Fault::Kind::Status, "/me/favorites/20006", 503, 0, 2 });
-    answered = false;
-    offline->favoriteTrackForIdentifier(String::create("20006").ptr(), [&](Object*, Error* error) {
-        told = error;
-        answered = true;
-    });
+    favorite();
     ASSERT_TRUE(waitFor([&] { return answered; }));
     EXPECT_TRUE(isQueued(told.get()));
     for (int ask = 0; ask < 3 && offline->queuedChangeCount(); ++ask) {
