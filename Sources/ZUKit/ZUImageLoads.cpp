@@ -56,13 +56,15 @@ void ZUImageLoads::deliver(std::vector<Waiter>&& waiters, Image* image, Error* e
     RefPtr<Error> protectedError = error;
     for (size_t i = 0; i < waiters.size(); ++i) {
         try {
-            waiters[i].block(image, error);
+            if (auto block = std::exchange(*waiters[i].block, nullptr))
+                block(image, error);
         } catch (...) {
             // The run loop's rule: the exception leaves this turn, and the
             // callers not served yet are served on the next one.
             for (size_t j = i + 1; j < waiters.size(); ++j) {
-                RunLoop::current().post([block = std::move(waiters[j].block), protectedImage, protectedError] {
-                    block(protectedImage.get(), protectedError.get());
+                RunLoop::current().post([slot = std::move(waiters[j].block), protectedImage, protectedError] {
+                    if (auto block = std::exchange(*slot, nullptr))
+                        block(protectedImage.get(), protectedError.get());
                 });
             }
             throw;

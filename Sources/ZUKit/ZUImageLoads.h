@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -22,7 +23,10 @@ public:
     using Block = std::function<void(Image* image, Error* error)>;
     struct Waiter {
         uint64_t identifier;
-        Block block;
+        // Shared with the caller's token, which empties it when cancelled:
+        // a waiter cancelled during a delivery, by an earlier caller's
+        // block, is not called.
+        std::shared_ptr<Block> block;
     };
     struct Load {
         RefPtr<URLTask> task;

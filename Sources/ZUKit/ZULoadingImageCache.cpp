@@ -223,10 +223,14 @@ RefPtr<Image> ZULoadingImageCache::cachedImageForURL(URL* url, bool forceReload,
             ++state.statistics.diskMisses;
     }
     uint64_t identifier = state.loads.nextIdentifier();
-    state.startLoad(key, forceReload, ZUImageLoads::Waiter { identifier, block ? std::move(block) : Block([](Image*, Error*) {}) });
+    auto slot = std::make_shared<Block>(block ? std::move(block) : Block([](Image*, Error*) {}));
+    state.startLoad(key, forceReload, ZUImageLoads::Waiter { identifier, slot });
     if (subscription) {
         std::weak_ptr<State> weakState = m_state;
-        *subscription = Subscription([weakState, key, identifier] {
+        std::weak_ptr<Block> weakSlot = slot;
+        *subscription = Subscription([weakState, weakSlot, key, identifier] {
+            if (auto cancelled = weakSlot.lock())
+                *cancelled = nullptr;
             if (auto state = weakState.lock())
                 state->loads.cancelWaiter(key, identifier);
         });

@@ -348,6 +348,19 @@ TEST_F(LoadingImageCache, ACancelledCallerIsNotCalledAndTheLastOneStopsTheReques
     EXPECT_EQ(dropped.calls, 0);
     EXPECT_EQ(kept.image->mediaType(), "image/gif");
 
+    // Cancelled by an earlier caller's block, during the same delivery.
+    auto third = url(server.url("/other.gif?third"));
+    Subscription laterToken;
+    int earlierCalls = 0, laterCalls = 0;
+    cache->cachedImageForURL(third.ptr(), false, [&](Image*, Error*) {
+        ++earlierCalls;
+        laterToken.cancel();
+    });
+    cache->cachedImageForURL(third.ptr(), false, [&](Image*, Error*) { ++laterCalls; }, &laterToken);
+    ASSERT_TRUE(RunLoop::current().runUntil([&] { return earlierCalls == 1; }, 10));
+    RunLoop::current().runUntilIdle();
+    EXPECT_EQ(laterCalls, 0);
+
     Answer alone;
     {
         Subscription token;
