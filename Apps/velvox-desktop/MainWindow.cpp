@@ -94,6 +94,20 @@ MainWindow::MainWindow(DesktopSession& session)
     , m_pictures(new Pictures(m_calls, this))
 {
     setWindowTitle(tr("Velvox"));
+    // Changes kept while the service cannot be reached, and their fate.
+    m_keptChanges = m_store.addObserver("queuedChangeCount", [this](ZUObject&, const String&) {
+        size_t kept = m_store.queuedChangeCount();
+        if (!kept)
+            statusBar()->showMessage(tr("Kept changes sent."));
+        else if (kept == 1)
+            statusBar()->showMessage(tr("1 change kept until the service can be reached"));
+        else
+            statusBar()->showMessage(tr("%1 changes kept until the service can be reached").arg(kept));
+    });
+    m_refusedChange = m_store.addObserver("lastQueuedChangeError", [this](ZUObject&, const String&) {
+        if (auto* error = m_store.lastQueuedChangeError())
+            showError(QString::fromUtf8(error->localizedDescription()->utf8()));
+    });
     // A name from the service is text, whatever markup it holds.
     m_userLabel->setTextFormat(Qt::PlainText);
     auto* bar = addToolBar(tr("Dashboard"));

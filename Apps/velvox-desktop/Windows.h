@@ -89,6 +89,8 @@ private:
     Pictures* m_pictures;
     CollectionModel* m_feed { nullptr };
     SubscriptionSet m_calls;
+    Subscription m_keptChanges;
+    Subscription m_refusedChange;
 };
 
 // Draws the waveform with the timed comments at their places, and the

@@ -181,6 +181,28 @@ TEST_F(DesktopTest, FollowChangesEveryWindowOfTheUserInTheSameTurn)
     EXPECT_TRUE(second->statusBar()->currentMessage().contains(QStringLiteral("403"))) << second->statusBar()->currentMessage().toStdString();
 }
 
+TEST_F(DesktopTest, AChangeTheServiceCannotTakeNowIsKeptSaidAndSentLater)
+{
+    auto* main = dashboard();
+    // What the status bar said (the dashboard's own loads may clear it later).
+    QStringList said;
+    QObject::connect(main->statusBar(), &QStatusBar::messageChanged, [&](const QString& message) { said << message; });
+    auto* user = window<UserWindow>(QStringLiteral("1004"));
+    ASSERT_TRUE(serveUntil([&] { return user->followButton()->isEnabled(); }));
+    ASSERT_EQ(user->followButton()->text(), QStringLiteral("Follow"));
+    session->sandbox()->addFault({ sandbox::Fault::Kind::Status, "/me/followings", 503, 0, -1 });
+    user->followButton()->click();
+    ASSERT_TRUE(serveUntil([&] { return session->store().queuedChangeCount() == 1; }));
+    EXPECT_TRUE(said.filter(QStringLiteral("1 change kept")).size() == 1) << said.join(QLatin1Char('|')).toStdString();
+    EXPECT_EQ(user->followButton()->text(), QStringLiteral("Unfollow")) << "shown as made";
+
+    session->sandbox()->clearFaults();
+    session->store().sendQueuedChanges();
+    ASSERT_TRUE(serveUntil([&] { return session->store().queuedChangeCount() == 0; }));
+    EXPECT_TRUE(said.contains(QStringLiteral("Kept changes sent."))) << said.join(QLatin1Char('|')).toStdString();
+    EXPECT_EQ(user->followButton()->text(), QStringLiteral("Unfollow"));
+}
+
 TEST_F(DesktopTest, SearchListsTracksOrUsersThatMatch)
 {
     struct Case {
