@@ -113,6 +113,9 @@ public:
     // pass. Objects let go leave the map: the generation changes, and the
     // next request for one makes a new object.
     Collection collect(std::chrono::steady_clock::time_point deadline);
+    // The length of a slice of collection on the run loop: a millisecond at
+    // most, with the objects let go after the last look at the clock.
+    static constexpr std::chrono::microseconds sliceLength { 900 };
 
     struct ClassStatistics {
         std::string className;

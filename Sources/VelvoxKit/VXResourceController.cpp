@@ -437,14 +437,13 @@ void VXResourceController::scheduleCollection()
 
 void VXResourceController::collectSlice()
 {
-    constexpr auto sliceLength = std::chrono::milliseconds(1);
     m_collectionSlice.release();
     m_collectionScheduled = false;
     // The memos hold the objects of recent pages; they are only a cache.
     m_pageMemos.clear();
     Ref protectedThis { *this };
     // NothingToLetGo waits for the next filing, which schedules again.
-    if (m_identityMap.collect(std::chrono::steady_clock::now() + sliceLength) == VXIdentityMap::Collection::Unfinished)
+    if (m_identityMap.collect(std::chrono::steady_clock::now() + VXIdentityMap::sliceLength) == VXIdentityMap::Collection::Unfinished)
         scheduleCollection();
 }
 
