@@ -90,9 +90,16 @@ size_t objectBytes(const ZUObject& object)
     auto& table = object.propertyTable();
     size_t bytes = 64 + 48 + 8 * table.descriptors().size();
     for (auto* descriptor : objectDescriptors(table)) {
-        auto value = descriptor->accessor().get(object);
-        if (value && !is<Number>(value.get()))
-            bytes += estimatedBytes(value.get());
+        auto& accessor = descriptor->accessor();
+        const Object* value;
+        if (accessor.peekObject(object, value)) {
+            if (value && !is<Number>(value))
+                bytes += estimatedBytes(value);
+            continue;
+        }
+        auto boxed = accessor.get(object);
+        if (boxed && !is<Number>(boxed.get()))
+            bytes += estimatedBytes(boxed.get());
     }
     return bytes;
 }
