@@ -263,3 +263,31 @@ TEST_F(MemoryBudget, ABudgetOfNothingLetsGoOfAllThatIsUnheldAndOneOfEverythingNe
         collection = feed(*store);
     }
 }
+
+TEST_F(MemoryBudget, AnArchiveLargerThanTheBudgetIsBroughtUnderItOnceLoaded)
+{
+    size_t whole = 0, objects = 0, archived = 0;
+    {
+        auto unbudgeted = makeStore(std::nullopt);
+        auto collection = feed(*unbudgeted);
+        for (int page = 0; page < 20; ++page)
+            ASSERT_TRUE(reload(collection));
+        auto statistics = unbudgeted->resourceCacheStatistics();
+        whole = statistics.estimatedBytes;
+        objects = statistics.objectCount;
+        ASSERT_FALSE(unbudgeted->save());
+        archived = fileSize(unbudgeted->resourceCacheFilePath());
+    }
+    // The control: without a budget, a restart holds all of it.
+    EXPECT_EQ(makeStore(std::nullopt)->resourceCacheStatistics().objectCount, objects);
+
+    size_t budget = whole / 4;
+    auto store = makeStore(budget);
+    EXPECT_EQ(store->resourceCacheStatistics().objectCount, objects) << "loaded whole, let go on the run loop";
+    EXPECT_EQ(store->memoryBudgetUsage().estimatedBytes, whole);
+    EXPECT_TRUE(RunLoop::current().runUntil([&] { return store->memoryBudgetUsage().estimatedBytes <= budget; }, 10));
+    EXPECT_LT(store->resourceCacheStatistics().objectCount, objects / 2);
+    EXPECT_GT(store->memoryBudgetUsage().objectsLetGo, 0u);
+    ASSERT_FALSE(store->save());
+    EXPECT_LT(fileSize(store->resourceCacheFilePath()), archived / 2);
+}
