@@ -3,12 +3,15 @@
 //   to 50 shared VXTrack objects with their users, at first sight and refreshed
 //   unchanged, beside RapidJSON's DOM plus a hand-written struct per record;
 // - the identity map's archive (10,000 tracks, 2,000 users, 5,000 comments):
-//   saved and loaded, beside decoding and mapping the same records from JSON.
+//   saved and loaded, beside decoding and mapping the same records from JSON;
+// - the memory budget: a page into the store with and without one, and one
+//   slice of letting go.
 
 #include <JSONCodec/JSONCodec.h>
 #include <JSONCodec/JSONDecoder.h>
 #include <Platform/Platform.h>
 #include <VelvoxKit/VXFramework.h>
+#include <VelvoxKit/VXIdentityMap.h>
 #include <VelvoxKit/VXResourceController.h>
 
 #include <benchmark/benchmark.h>
@@ -16,10 +19,12 @@
 #include "PlainConversions.h"
 #include <rapidjson/document.h>
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -315,6 +320,129 @@ void DecodeAndMapJSON(benchmark::State& state)
     MapFromJSON(store, map.json);
 }
 BENCHMARK(DecodeAndMapJSON)->Unit(benchmark::kMillisecond);
+
+// MARK: The memory budget
+
+// The store with a budget that is never reached (argument 1), so that the
+// figure is the budget's bookkeeping alone, or without one (0), side by side.
+void setBudget(VXResourceController& store, bool budgeted)
+{
+    auto options = store.options();
+    options.memoryBudget = budgeted ? std::optional<size_t>(size_t(1) << 62) : std::nullopt;
+    store.setOptions(options);
+}
+
+void PageFirstSightBudget(benchmark::State& state)
+{
+    auto& store = benchmarkStore();
+    setBudget(store, state.range(0));
+    auto decoder = JSONDecoder::create();
+    for (auto _ : state) {
+        store.clearResourceCache();
+        mapPage(store, decoder.ptr(), pageBytes());
+    }
+    setBudget(store, false);
+    state.counters["records/s"] = benchmark::Counter(static_cast<double>(state.iterations() * 50), benchmark::Counter::kIsRate);
+}
+BENCHMARK(PageFirstSightBudget)->ArgName("budget")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+
+void PageRefreshUnchangedBudget(benchmark::State& state)
+{
+    auto& store = benchmarkStore();
+    setBudget(store, state.range(0));
+    auto decoder = JSONDecoder::create();
+    store.clearResourceCache();
+    mapPage(store, decoder.ptr(), pageBytes());
+    for (auto _ : state)
+        mapPage(store, decoder.ptr(), pageBytes());
+    setBudget(store, false);
+    state.counters["records/s"] = benchmark::Counter(static_cast<double>(state.iterations() * 50), benchmark::Counter::kIsRate);
+}
+BENCHMARK(PageRefreshUnchangedBudget)->ArgName("budget")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+
+// The page's records with identifiers of their own: `count` tracks, each
+// with one of `count / 5` users.
+Ref<Array> distinctRecords(int64_t first, int count)
+{
+    auto page = objectFromJSONData(*Data::create(pageBytes()));
+    auto* records = downcast<Array>(page.get());
+    auto made = MutableArray::create();
+    for (int i = 0; i < count; ++i) {
+        auto record = downcast<Dictionary>(records->objectAtIndex(i % 50))->mutableCopy();
+        record->setObject(Number::create(first + i), "id");
+        if (auto* user = record->objectForKey<Dictionary>("user")) {
+            auto copy = user->mutableCopy();
+            copy->setObject(Number::create(first + i % std::max(1, count / 5)), "id");
+            record->setObject(copy, "user");
+        }
+        made->addObject(record);
+    }
+    return made;
+}
+
+void fileRecords(VXIdentityMap& map, const Array& records)
+{
+    auto makeTrack = [](Dictionary* d) -> Ref<VXResource> { return VXTrack::create(d); };
+    auto makeUser = [](Dictionary* d) -> Ref<VXResource> { return VXUser::create(d); };
+    for (auto* record : records) {
+        auto& dictionary = downcast<Dictionary>(*record);
+        map.updateCacheForResource(VXTrack::s_info, makeTrack, nullptr, &dictionary);
+        map.updateCacheForResource(VXUser::s_info, makeUser, nullptr, dictionary.objectForKey<Dictionary>("user"));
+    }
+}
+
+// Times one slice per iteration, after `prepare` (not timed) sets up its work.
+void measureSlices(benchmark::State& state, VXIdentityMap& map, const std::function<void()>& prepare)
+{
+    uint64_t letGo = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        prepare();
+        auto before = map.letGoCount();
+        state.ResumeTiming();
+        map.collect(std::chrono::steady_clock::now() + VXIdentityMap::sliceLength);
+        letGo += map.letGoCount() - before;
+    }
+    state.counters["let go per slice"] = static_cast<double>(letGo) / static_cast<double>(state.iterations());
+}
+
+// The slice that follows a page in a store at its budget: a map of 20,000
+// tracks (and 4,000 users) at its budget takes a new page of 50 tracks, and
+// the slice lets go of as much as the page added, least recently used first.
+void BudgetSliceAfterPage(benchmark::State& state)
+{
+    VXRegisterValueTransformers();
+    VXIdentityMap map;
+    map.setMemoryBudget(size_t(1) << 62);
+    auto filled = distinctRecords(1000000, 20000);
+    fileRecords(map, filled);
+    map.setMemoryBudget(map.trackedBytes());
+    int64_t next = 2000000;
+    measureSlices(state, map, [&] {
+        auto page = distinctRecords(next, 50);
+        next += 50;
+        fileRecords(map, page);
+    });
+}
+BENCHMARK(BudgetSliceAfterPage)->Unit(benchmark::kMicrosecond);
+
+// A slice with more to do than a millisecond allows (a budget lowered to 0
+// over 20,000 unheld tracks): it stops at its deadline, as the store's slices
+// on the run loop do.
+void BudgetSliceAtItsDeadline(benchmark::State& state)
+{
+    VXRegisterValueTransformers();
+    VXIdentityMap map;
+    auto records = distinctRecords(1000000, 20000);
+    measureSlices(state, map, [&] {
+        if (map.statistics().objectCount < 10000) {
+            map.setMemoryBudget(std::nullopt);
+            fileRecords(map, records);
+        }
+        map.setMemoryBudget(0);
+    });
+}
+BENCHMARK(BudgetSliceAtItsDeadline)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <span>
 #include <cmath>
 #include <unordered_map>
 
@@ -55,11 +56,74 @@ size_t estimatedBytes(const Object* value, int depth = 0)
     return 32;
 }
 
+// The descriptors of a table whose values may be objects: scalars box into
+// Numbers, which the estimate does not count, so they need not be read.
+std::span<const ZUPropertyDescriptor* const> objectDescriptors(const ZUPropertyTable& table)
+{
+    struct Entry {
+        const ZUPropertyTable* table;
+        std::vector<const ZUPropertyDescriptor*> descriptors;
+    };
+    // Tables are few (one per model class); each thread keeps its own list.
+    constexpr size_t kept = 32;
+    thread_local std::vector<Entry> entries;
+    for (auto& entry : entries) {
+        if (entry.table == &table)
+            return entry.descriptors;
+    }
+    if (entries.size() >= kept)
+        return table.descriptors();
+    Entry entry { &table, {} };
+    for (auto* descriptor : table.descriptors()) {
+        std::string_view type = descriptor->accessor().typeName();
+        if (type != "bool" && type != "double" && type != "integer")
+            entry.descriptors.push_back(descriptor);
+    }
+    entries.push_back(std::move(entry));
+    return entries.back().descriptors;
+}
+
+// What statistics() counts for one object: the object and its map entry, a
+// slot per described property, and the values that are not numbers.
+size_t objectBytes(const ZUObject& object)
+{
+    auto& table = object.propertyTable();
+    size_t bytes = 64 + 48 + 8 * table.descriptors().size();
+    for (auto* descriptor : objectDescriptors(table)) {
+        auto& accessor = descriptor->accessor();
+        const Object* value;
+        if (accessor.peekObject(object, value)) {
+            if (value && !is<Number>(value))
+                bytes += estimatedBytes(value);
+            continue;
+        }
+        auto boxed = accessor.get(object);
+        if (boxed && !is<Number>(boxed.get()))
+            bytes += estimatedBytes(boxed.get());
+    }
+    return bytes;
+}
+
 } // namespace
 
 VXIdentityMap::VXIdentityMap()
     : m_dictionary(MutableDictionary::create())
 {
+}
+
+VXIdentityMap::~VXIdentityMap()
+{
+    unlinkAll();
+}
+
+void VXIdentityMap::setDictionary(MutableDictionary& dictionary)
+{
+    ++m_generation;
+    unlinkAll();
+    m_dictionary = dictionary;
+    m_lastUse.clear();
+    m_receivedAt.clear();
+    trackDictionary();
 }
 
 RefPtr<VXResource> VXIdentityMap::cachedResource(std::string_view className, String* identifier) const
@@ -93,10 +157,16 @@ void VXIdentityMap::cacheResource(VXResource& resource)
         ++m_generation;
         if (m_bound)
             m_lastUse.erase(replaced);
+        if (auto* listed = m_budget ? dynamicDowncast<VXResource>(replaced) : nullptr) {
+            m_receivedAt.erase(listed);
+            unlink(*listed);
+        }
     }
     if (m_bound)
         noteUse(resource);
     classCache->setObject(&resource, identifier);
+    if (m_budget)
+        noteFiled(resource);
     NotificationCenter::defaultCenter().postNotification(VXResourceAttributesDidChangeNotification, &resource);
 }
 
@@ -148,8 +218,12 @@ Ref<VXResource> VXIdentityMap::updateCacheForResource(const ClassInfo& info, Ref
     }
     if (cached->updateWithDictionary(dictionary))
         cacheResource(*cached);
-    else if (m_bound)
-        noteUse(*cached);
+    else {
+        if (m_bound)
+            noteUse(*cached);
+        if (m_budget)
+            noteTouched(*cached);
+    }
     if (m_recordsReceipts)
         m_receivedAt.insert_or_assign(cached.get(), Receipt { Date::now()->timeIntervalSince1970(), m_answerMaximumAge });
     return cached.releaseNonNull();
@@ -159,6 +233,8 @@ void VXIdentityMap::noteReceived(VXResource& resource)
 {
     if (m_bound)
         noteUse(resource);
+    if (m_budget)
+        noteTouched(resource);
     if (m_recordsReceipts)
         m_receivedAt.insert_or_assign(&resource, Receipt { Date::now()->timeIntervalSince1970(), m_answerMaximumAge });
 }
@@ -254,6 +330,7 @@ void VXIdentityMap::noteUse(VXResource& resource)
 void VXIdentityMap::clear()
 {
     ++m_generation;
+    unlinkAll();
     m_dictionary = MutableDictionary::create();
     m_lastUse.clear();
     m_receivedAt.clear();
@@ -270,6 +347,7 @@ bool VXIdentityMap::adoptArchivedRoot(Object* root)
     size_t limit = m_bound;
     ++m_generation;
     m_lastUse.clear();
+    unlinkAll();
     auto cache = MutableDictionary::create();
     for (auto& entry : *archived) {
         auto& className = downcast<String>(*entry.key);
@@ -296,6 +374,7 @@ bool VXIdentityMap::adoptArchivedRoot(Object* root)
         cache->setObject(classCache, &className);
     }
     m_dictionary = cache;
+    trackDictionary();
     return true;
 }
 
@@ -340,14 +419,10 @@ VXIdentityMap::Statistics VXIdentityMap::statistics() const
             if (!object)
                 continue;
             ++perClass.objectCount;
-            size_t bytes = 64 + 48; // the object and its map entry
-            for (auto* descriptor : object->propertyTable().descriptors()) {
-                bytes += 8;
-                auto value = descriptor->accessor().get(*object);
-                if (value && !is<Number>(value.get()))
-                    bytes += estimatedBytes(value.get());
-            }
-            perClass.estimatedBytes += bytes;
+            // Under a budget, what was counted when the object was filed,
+            // so that the figures are the ones the budget acts on.
+            auto* listed = dynamicDowncast<VXResource>(object);
+            perClass.estimatedBytes += listed && listed->m_useList == this ? listed->m_countedBytes : objectBytes(*object);
         }
         statistics.objectCount += perClass.objectCount;
         statistics.estimatedBytes += perClass.estimatedBytes;
@@ -355,6 +430,146 @@ VXIdentityMap::Statistics VXIdentityMap::statistics() const
     }
     std::sort(statistics.classes.begin(), statistics.classes.end(), [](auto& a, auto& b) { return a.className < b.className; });
     return statistics;
+}
+
+// MARK: The memory budget
+
+void VXIdentityMap::setMemoryBudget(std::optional<size_t> bytes)
+{
+    bool tracked = m_budget.has_value();
+    m_budget = bytes;
+    if (!bytes)
+        unlinkAll();
+    else if (!tracked)
+        trackDictionary();
+    else if (isOverBudget() && m_overBudget)
+        m_overBudget();
+}
+
+void VXIdentityMap::noteFiled(VXResource& resource)
+{
+    if (resource.m_useList && resource.m_useList != this)
+        return; // filed in another store's map too: that one counts it
+    size_t bytes = objectBytes(resource);
+    if (resource.m_useList == this) {
+        m_trackedBytes -= resource.m_countedBytes;
+        noteTouched(resource);
+    } else {
+        resource.ref();
+        resource.m_useList = this;
+        resource.m_usePrevious = m_newest;
+        (m_newest ? m_newest->m_useNext : m_oldest) = &resource;
+        m_newest = &resource;
+        ++m_listed;
+    }
+    resource.m_countedBytes = bytes;
+    m_trackedBytes += bytes;
+    // Something new may be let go now (and the held ones are looked at again).
+    m_heldInARow = 0;
+    if (isOverBudget() && m_overBudget)
+        m_overBudget();
+}
+
+void VXIdentityMap::noteTouched(VXResource& resource)
+{
+    if (resource.m_useList != this || m_newest == &resource)
+        return;
+    (resource.m_usePrevious ? resource.m_usePrevious->m_useNext : m_oldest) = resource.m_useNext;
+    resource.m_useNext->m_usePrevious = resource.m_usePrevious;
+    resource.m_usePrevious = m_newest;
+    resource.m_useNext = nullptr;
+    m_newest->m_useNext = &resource;
+    m_newest = &resource;
+}
+
+void VXIdentityMap::unlink(VXResource& resource)
+{
+    if (resource.m_useList != this)
+        return;
+    (resource.m_usePrevious ? resource.m_usePrevious->m_useNext : m_oldest) = resource.m_useNext;
+    (resource.m_useNext ? resource.m_useNext->m_usePrevious : m_newest) = resource.m_usePrevious;
+    resource.m_usePrevious = resource.m_useNext = nullptr;
+    resource.m_useList = nullptr;
+    m_trackedBytes -= resource.m_countedBytes;
+    resource.m_countedBytes = 0;
+    --m_listed;
+    resource.deref();
+}
+
+void VXIdentityMap::unlinkAll()
+{
+    while (m_oldest)
+        unlink(*m_oldest);
+    m_heldInARow = 0;
+}
+
+void VXIdentityMap::trackDictionary()
+{
+    if (!m_budget)
+        return;
+    auto overBudget = std::exchange(m_overBudget, nullptr);
+    for (auto& entry : *m_dictionary) {
+        if (auto* classCache = dynamicDowncast<Dictionary>(entry.object)) {
+            for (auto& item : *classCache) {
+                if (auto* resource = dynamicDowncast<VXResource>(item.object))
+                    noteFiled(*resource);
+            }
+        }
+    }
+    m_overBudget = std::move(overBudget);
+    if (isOverBudget() && m_overBudget)
+        m_overBudget();
+}
+
+void VXIdentityMap::letGo(VXResource& resource)
+{
+    // The key may be the object's own identifier, which goes with it.
+    RefPtr<String> identifier = resource.resourceIdentifier();
+    auto* classCache = m_dictionary->objectForKey<MutableDictionary>(resource.className());
+    m_lastUse.erase(&resource);
+    m_receivedAt.erase(&resource);
+    ++m_letGoCount;
+    unlink(resource);
+    classCache->removeObjectForKey(identifier.get());
+}
+
+VXIdentityMap::Collection VXIdentityMap::collect(std::chrono::steady_clock::time_point deadline)
+{
+    constexpr size_t objectsBetweenClockReads = 16;
+    Collection result = Collection::UnderBudget;
+    bool letAnyGo = false;
+    size_t looked = 0;
+    while (isOverBudget()) {
+        if (!m_oldest || m_heldInARow >= m_listed) {
+            result = Collection::NothingToLetGo;
+            break;
+        }
+        if (++looked % objectsBetweenClockReads == 0 && std::chrono::steady_clock::now() >= deadline) {
+            result = Collection::Unfinished;
+            break;
+        }
+        auto& oldest = *m_oldest;
+        auto* identifier = oldest.resourceIdentifier();
+        auto* classCache = m_dictionary->objectForKey<MutableDictionary>(oldest.className());
+        if (!identifier || !classCache || classCache->objectForKey(identifier) != &oldest) {
+            // It left the map by another road (the map's dictionary changed
+            // directly): no longer the map's to count.
+            unlink(oldest);
+            continue;
+        }
+        // One reference is the map's entry, one the list's: any other is a holder's.
+        if (oldest.refCount() == 2 && !oldest.hasObservers()) {
+            letGo(oldest);
+            letAnyGo = true;
+            m_heldInARow = 0;
+        } else {
+            noteTouched(oldest);
+            ++m_heldInARow;
+        }
+    }
+    if (letAnyGo)
+        ++m_generation;
+    return result;
 }
 
 } // namespace velvox

@@ -5,13 +5,17 @@
 // one road, updateCacheForResource(): the cached object refreshed in place,
 // or a new one filed. It also knows what it may keep across runs: an
 // archive's map checked entry by entry, and, under a bound per class, the
-// most recently used objects of each class.
+// most recently used objects of each class. Under a memory budget it lets
+// go of the least recently used objects that nobody else holds.
 
 #include "VXResource.h"
 
 #include <Platform/Collections.h>
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -22,17 +26,14 @@ namespace velvox {
 class VXIdentityMap {
 public:
     VXIdentityMap();
+    ~VXIdentityMap();
+    VXIdentityMap(const VXIdentityMap&) = delete;
+    VXIdentityMap& operator=(const VXIdentityMap&) = delete;
 
     // Class name, then identifier, then the object.
     MutableDictionary& dictionary() const { return m_dictionary; }
     // What the map knew of the objects it held (use order, receipts) goes with them.
-    void setDictionary(MutableDictionary& dictionary)
-    {
-        ++m_generation;
-        m_dictionary = dictionary;
-        m_lastUse.clear();
-        m_receivedAt.clear();
-    }
+    void setDictionary(MutableDictionary&);
 
     RefPtr<VXResource> cachedResource(std::string_view className, String* identifier) const;
     RefPtr<VXResource> cachedResource(std::string_view className, std::string_view identifier) const;
@@ -85,6 +86,37 @@ public:
     // when the root is not a dictionary of dictionaries.
     bool adoptReceipts(Object* root);
 
+    // A memory budget: bytes of the estimate statistics() makes (nullopt:
+    // none, nothing is tracked). Under one, the map notes each object's
+    // estimate when it is filed or refreshed and keeps every object in the
+    // order it was last filed, updated or received, and collect() lets go of
+    // the least recently used objects nobody else holds.
+    void setMemoryBudget(std::optional<size_t> bytes);
+    std::optional<size_t> memoryBudget() const { return m_budget; }
+    // Called when a filing finds the estimate over the budget (once per
+    // filing: the caller coalesces).
+    void setOverBudgetHandler(std::function<void()> handler) { m_overBudget = std::move(handler); }
+    // The estimate of the objects tracked (0 without a budget).
+    size_t trackedBytes() const { return m_trackedBytes; }
+    bool isOverBudget() const { return m_budget && m_trackedBytes > *m_budget; }
+    // How many objects the budget has let go since the map was made.
+    uint64_t letGoCount() const { return m_letGoCount; }
+    enum class Collection {
+        UnderBudget, // nothing (more) to do
+        Unfinished, // over budget at the deadline: call again
+        NothingToLetGo, // over budget, but every object is held elsewhere
+    };
+    // Lets go of the least recently used objects that only the map holds
+    // (no other reference, no observer) until the estimate is within the
+    // budget or the deadline passes (checked every few objects). An object
+    // found held moves to the recent end, so that each is looked at once per
+    // pass. Objects let go leave the map: the generation changes, and the
+    // next request for one makes a new object.
+    Collection collect(std::chrono::steady_clock::time_point deadline);
+    // The length of a slice of collection on the run loop: a millisecond at
+    // most, with the objects let go after the last look at the clock.
+    static constexpr std::chrono::microseconds sliceLength { 900 };
+
     struct ClassStatistics {
         std::string className;
         size_t objectCount { 0 };
@@ -99,6 +131,15 @@ public:
 
 private:
     void noteUse(VXResource&);
+    // The budget's bookkeeping: an object filed or refreshed (estimated
+    // again), one used (moved to the recent end), one that left the map.
+    void noteFiled(VXResource&);
+    void noteTouched(VXResource&);
+    void unlink(VXResource&);
+    void unlinkAll();
+    // Lists every object of the map (an archive's, another dictionary).
+    void trackDictionary();
+    void letGo(VXResource&);
 
     mutable Ref<MutableDictionary> m_dictionary;
     uint64_t m_generation { 0 };
@@ -114,6 +155,18 @@ private:
     };
     std::unordered_map<const Object*, Receipt> m_receivedAt;
     double m_answerMaximumAge { -1 };
+
+    std::optional<size_t> m_budget;
+    std::function<void()> m_overBudget;
+    // Least recently used first; each listed object holds one reference of the list's.
+    VXResource* m_oldest { nullptr };
+    VXResource* m_newest { nullptr };
+    size_t m_listed { 0 };
+    size_t m_trackedBytes { 0 };
+    // Objects found held since the last one let go or filed: a whole list's
+    // worth means there is nothing to let go until something changes.
+    size_t m_heldInARow { 0 };
+    uint64_t m_letGoCount { 0 };
 };
 
 } // namespace velvox

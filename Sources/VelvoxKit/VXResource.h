@@ -45,6 +45,17 @@ protected:
     enum class Posting { Plain,
         Coalesced };
     std::function<void(Object*, Error*)> relatedResourceHandler(std::string_view errorFormat, Posting);
+
+private:
+    // The identity map's order of use under a memory budget, kept in the
+    // object itself so that noting a use costs no lookup: the neighbours in
+    // the map's list, the map that lists it (at most one), and the bytes it
+    // counted for the object when it was last filed.
+    friend class VXIdentityMap;
+    VXResource* m_usePrevious { nullptr };
+    VXResource* m_useNext { nullptr };
+    const void* m_useList { nullptr };
+    size_t m_countedBytes { 0 };
 };
 
 namespace detail {

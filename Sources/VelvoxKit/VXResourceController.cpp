@@ -60,6 +60,7 @@ VXResourceController::VXResourceController()
         trackForIdentifier(identifier, true, [slot = std::move(slot)](VXTrack*, Error*) {});
     })
 {
+    m_identityMap.setOverBudgetHandler([this] { scheduleCollection(); });
 }
 
 VXResourceStore& VXResourceStore::shared()
@@ -74,6 +75,7 @@ void VXResourceController::setOptions(const Options& options)
     m_identityMap.setArchivedObjectsPerClass(options.archivedObjectsPerClass);
     m_identityMap.setRecordsReceipts(!options.maximumAgeByClass.empty() || options.honoursCacheControl);
     m_poller.setLimits({ options.mergesTrackRefreshes, options.maximumTrackRefreshesInFlight });
+    m_identityMap.setMemoryBudget(options.memoryBudget);
 }
 
 VXResourceController::~VXResourceController()
@@ -420,7 +422,30 @@ RefPtr<VXUser> VXResourceController::meUserForceRefresh(bool forceRefresh, UserB
 VXResourceController::Statistics VXResourceController::resourceCacheStatistics() const
 {
     auto map = m_identityMap.statistics();
-    return { std::move(map.classes), map.objectCount, map.estimatedBytes, m_poller.pendingCount() };
+    return { std::move(map.classes), map.objectCount, map.estimatedBytes, m_poller.pendingCount(), m_identityMap.memoryBudget(), m_identityMap.letGoCount() };
+}
+
+// MARK: Memory budget
+
+void VXResourceController::scheduleCollection()
+{
+    if (m_collectionScheduled)
+        return;
+    m_collectionScheduled = true;
+    // The timer goes with the store (its Subscription), so it never outlives it.
+    m_collectionSlice = RunLoop::current().performAfterDelay(0, [this] { collectSlice(); });
+}
+
+void VXResourceController::collectSlice()
+{
+    m_collectionSlice.release();
+    m_collectionScheduled = false;
+    // The memos hold the objects of recent pages; they are only a cache.
+    m_pageMemos.clear();
+    Ref protectedThis { *this };
+    // NothingToLetGo waits for the next filing, which schedules again.
+    if (m_identityMap.collect(std::chrono::steady_clock::now() + VXIdentityMap::sliceLength) == VXIdentityMap::Collection::Unfinished)
+        scheduleCollection();
 }
 
 } // namespace velvox

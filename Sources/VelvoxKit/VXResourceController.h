@@ -39,6 +39,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -168,6 +169,14 @@ public:
         // refusal, or, when it was told the change waits, the error is kept
         // in lastQueuedChangeError(). Off: the interface's behaviour.
         bool offlineChanges { false };
+        // Bytes the identity map may take, on the estimate of
+        // resourceCacheStatistics(). Over it, the store lets go, a slice of
+        // at most a millisecond per turn of the run loop, of the least
+        // recently used objects that nobody else holds (no reference outside
+        // the store, no observer, in no live collection); an object let go is
+        // fetched again when asked for, and the archive holds what the map
+        // still holds. Unset: no budget, the map keeps every object for the run.
+        std::optional<size_t> memoryBudget;
     };
 
     // The one call a host needs: a client (VXVelvoxAPI) for the service's
@@ -412,8 +421,20 @@ public:
         size_t objectCount { 0 };
         size_t estimatedBytes { 0 };
         size_t pendingTrackRefreshes { 0 };
+        // Options::memoryBudget, and how many objects it has let go so far.
+        std::optional<size_t> memoryBudget;
+        uint64_t objectsLetGo { 0 };
     };
     Statistics resourceCacheStatistics() const;
+    // The memory budget's figures without walking the map: the budget, the
+    // estimate it acts on (the statistics' estimate; 0 without a budget) and
+    // how many objects it has let go.
+    struct MemoryBudgetUsage {
+        std::optional<size_t> budget;
+        size_t estimatedBytes { 0 };
+        uint64_t objectsLetGo { 0 };
+    };
+    MemoryBudgetUsage memoryBudgetUsage() const { return { m_identityMap.memoryBudget(), m_identityMap.trackedBytes(), m_identityMap.letGoCount() }; }
 
     RefPtr<Object> valueForKey(std::string_view key) const override;
 
@@ -521,6 +542,12 @@ private:
     void sendQueuedComment(uint64_t sequence);
     void queuedChangeAnswered(uint64_t sequence, Object* json, Error* error);
     void retryQueuedChangesLater();
+    // Under a memory budget: one slice of letting go per turn of the run
+    // loop while over it, posted by a filing that finds the map over it.
+    void scheduleCollection();
+    void collectSlice();
+    Subscription m_collectionSlice;
+    bool m_collectionScheduled { false };
 };
 
 } // namespace velvox

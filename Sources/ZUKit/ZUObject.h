@@ -167,6 +167,8 @@ public:
     // property changed in between (what a memo of objects made from an
     // answer needs to stay valid).
     uint32_t changeCount() const { return m_changeCount; }
+    // Whether anyone observes a key of the object (cheap: no allocation when none ever did).
+    bool hasObservers() const { return m_observations && !m_observations->empty(); }
 
     // Keyed archiving of the described properties.
     const Coding* asCoding() const override { return this; }

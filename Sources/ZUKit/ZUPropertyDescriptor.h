@@ -51,6 +51,14 @@ public:
     // transformer made it) unless the property cannot take it, and answers
     // whether it could. The default compares first, as a refresh does.
     virtual bool fill(ZUObject&, Object* value, RefPtr<Object>&& made) const;
+    // The object a property holds, without taking a reference (null for a
+    // scalar or an empty property), for measuring many objects cheaply; false
+    // when the accessor cannot tell, and get() must be asked.
+    virtual bool peekObject(const ZUObject&, const Object*& object) const
+    {
+        object = nullptr;
+        return false;
+    }
 };
 
 namespace detail {
@@ -150,6 +158,14 @@ public:
     {
     }
     RefPtr<Object> get(const ZUObject& object) const override { return boxed(owner(object).*m_member); }
+    bool peekObject(const ZUObject& object, const Object*& value) const override
+    {
+        if constexpr (IsRefPtr<Member>::value)
+            value = (owner(object).*m_member).get();
+        else
+            value = nullptr;
+        return true;
+    }
     void set(ZUObject& object, Object* coercedValue) const override { assign(object, coercedValue); }
     std::optional<RefPtr<Object>> coerce(Object* value) const override { return coerceTo<Member>(value); }
     const ClassInfo& ownerClass() const override { return Owner::s_info; }
