@@ -12,6 +12,7 @@
 #include <VelvoxKit/VXActivity.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -104,11 +105,51 @@ int Session::open(const char* command)
     if (m_options.verbose)
         fprintf(stderr, "* %s (Authorization: OAuth [redacted]); archives in %s\n", printable(target.baseURL).c_str(), target.folder.c_str());
     // The shared store: it loads the identity map of earlier runs, and finish() saves it.
-    m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), hostStoreOptions());
+    auto storeOptions = hostStoreOptions();
+    if (!memoryBudgetOf(m_options, storeOptions.memoryBudget, problem)) {
+        fprintf(stderr, "velvox %s: %s\n", command, problem.c_str());
+        return ExitUsage;
+    }
+    m_store = VXResourceController::create(VXAPIController::create(api.get()).ptr(), storeOptions);
     m_keptAtStart = m_store->queuedChangeCount();
     catchInterruptions();
     VXResourceController::setSharedResourceController(m_store);
     return ExitSuccess;
+}
+
+bool parseByteSize(const std::string& text, size_t& bytes)
+{
+    if (text.empty() || text.size() > 24 || !std::isdigit(static_cast<unsigned char>(text[0])))
+        return false;
+    size_t end = 0;
+    unsigned long long number = 0;
+    while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end]))) {
+        if (number > (1ull << 63) / 10)
+            return false;
+        number = number * 10 + static_cast<unsigned>(text[end++] - '0');
+    }
+    std::string unit = text.substr(end);
+    int shift = unit.empty() || unit == "B" ? 0 : unit == "K" || unit == "KB" ? 10 : unit == "M" || unit == "MB" ? 20 : unit == "G" || unit == "GB" ? 30 : -1;
+    if (shift < 0 || number > ((1ull << 63) >> shift))
+        return false;
+    bytes = static_cast<size_t>(number << shift);
+    return true;
+}
+
+bool memoryBudgetOf(const ServiceOptions& options, std::optional<size_t>& budget, std::string& problem)
+{
+    const char* fromEnvironment = getenv("VELVOX_MEMORY_BUDGET");
+    std::string text = !options.memoryBudget.empty() ? options.memoryBudget : fromEnvironment ? fromEnvironment : "";
+    budget.reset();
+    if (text.empty())
+        return true;
+    size_t bytes = 0;
+    if (!parseByteSize(text, bytes)) {
+        problem = "the memory budget must be a size such as 64M or 33554432, not \"" + printable(text) + "\"";
+        return false;
+    }
+    budget = bytes;
+    return true;
 }
 
 bool Session::waitFor(const std::function<bool()>& condition, double seconds)

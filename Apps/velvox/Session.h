@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,15 @@ struct ServiceOptions {
     bool verbose { false }; // each request on standard error
     double timeout { 30 };  // seconds a request may take
     std::string folderName; // the data folder's name when not the service's own (the demo's)
+    std::string memoryBudget; // else $VELVOX_MEMORY_BUDGET; empty: none
 };
+
+// A byte count as people write it: "33554432", "512K", "64M", "1G" (powers of
+// 1024). False for anything else, or more than 2^63 bytes.
+bool parseByteSize(const std::string& text, size_t& bytes);
+// The identity map's memory budget: --memory-budget, else $VELVOX_MEMORY_BUDGET;
+// none when neither is set. False, with the reason, for a value that is no size.
+bool memoryBudgetOf(const ServiceOptions&, std::optional<size_t>& budget, std::string& problem);
 
 // The service's base URL: the option, else $VELVOX_BASE_URL; empty for the
 // embedded sandbox. The service's folders: VXServiceAccess.h.

@@ -24,6 +24,12 @@ int info(const ServiceOptions& options, bool pathsOnly)
 {
     // The folder of the service the other commands would talk to.
     useServiceFolder(serviceFolderName(resolvedBaseURL(options)));
+    std::optional<size_t> budget;
+    std::string problem;
+    if (!memoryBudgetOf(options, budget, problem)) {
+        fprintf(stderr, "velvox info: %s\n", problem.c_str());
+        return ExitUsage;
+    }
     auto store = VXResourceController::create();
     auto statistics = store->resourceCacheStatistics();
     auto [answers, answerBytes] = VXVelvoxAPI::keptAnswers({});
@@ -46,6 +52,10 @@ int info(const ServiceOptions& options, bool pathsOnly)
             auto map = Dictionary::create({ { "objects", Number::withInteger(static_cast<int64_t>(statistics.objectCount)).ptr() },
                 { "bytes", Number::withInteger(static_cast<int64_t>(statistics.estimatedBytes)).ptr() }, { "classes", classes.ptr() } });
             record->setObject(map.ptr(), "identity_map");
+            if (budget)
+                record->setObject(Number::withInteger(static_cast<int64_t>(std::min<size_t>(*budget, INT64_MAX))).ptr(), "memory_budget");
+            else
+                record->setObject(&Null::null(), "memory_budget");
             auto kept = Dictionary::create({ { "path", String::create(VXVelvoxAPI::AnswerCache::defaultPath()).ptr() },
                 { "answers", Number::withInteger(static_cast<int64_t>(answers)).ptr() }, { "bytes", Number::withInteger(static_cast<int64_t>(answerBytes)).ptr() } });
             record->setObject(kept.ptr(), "answer_cache");
@@ -72,6 +82,10 @@ int info(const ServiceOptions& options, bool pathsOnly)
     printf("identity map: %zu objects, about %zu KB\n", statistics.objectCount, statistics.estimatedBytes / 1024);
     for (auto& perClass : statistics.classes)
         printf("  %-10s %zu\n", perClass.className.c_str(), perClass.objectCount);
+    if (budget)
+        printf("memory budget: %s bytes%s\n", grouped(*budget).c_str(), *budget % (1 << 20) ? "" : (" (" + std::to_string(*budget >> 20) + " MiB)").c_str());
+    else
+        printf("memory budget: none (the map keeps every object a run meets)\n");
     printf("answers kept for revalidation: %zu, %zu KB in %s\n", answers, answerBytes / 1024, VXVelvoxAPI::AnswerCache::defaultPath().c_str());
     printf("changes kept to send: %zu\n", journal.entries().size());
     for (auto& entry : journal.entries())
@@ -132,6 +146,7 @@ const char* const globalOptionsHelp = "Global options (before or after the comma
                                       "  -q,--quiet           Write nothing but errors\n"
                                       "  -v,--verbose         Show each request (method, path, status, time)\n"
                                       "  --timeout SECONDS    How long a request may take (default 30)\n"
+                                      "  --memory-budget SIZE The identity map's memory budget, such as 64M\n"
                                       "  --base-url URL       The service (else $VELVOX_BASE_URL; else an embedded sandbox)\n"
                                       "  --token-file FILE    The access token's file (or $VELVOX_TOKEN; --token T)\n";
 
@@ -155,6 +170,13 @@ int main(int argc, char** argv)
     app.add_flag("-v,--verbose", service.verbose, "Show each request (method, path, status, time) and the framework's log lines");
     app.add_option("--timeout", service.timeout, "Seconds a request may take (default 30)")
         ->check(CLI::Range(0.1, 86400.0));
+    app.add_option("--memory-budget", service.memoryBudget, "The identity map's memory budget, such as 64M (else $VELVOX_MEMORY_BUDGET; else none)")
+        ->check(CLI::Validator(
+            [](std::string& value) -> std::string {
+                size_t bytes = 0;
+                return parseByteSize(value, bytes) ? std::string() : "must be a size such as 64M or 33554432, not \"" + value + "\"";
+            },
+            "SIZE"));
 
     bool pathsOnly = false;
     auto* infoCommand = app.add_subcommand("info", "The version, the folders VelvoxKit uses and what the identity map holds.");

@@ -390,3 +390,19 @@ TEST_F(VelvoxEveryday, ChangesWhileTheServiceIsDownAreKeptAndSentByTheNextComman
     velvox(options + "me");
     EXPECT_EQ(back.requestCount("POST /tracks/20005/comments"), 1);
 }
+
+// The identity map's budget comes from the option or the environment; info
+// shows it beside what the map holds, and a size that is none is refused.
+TEST_F(VelvoxEveryday, TheMemoryBudgetIsAnOptionOrTheEnvironmentAndInfoShowsIt)
+{
+    ASSERT_EQ(velvox("--memory-budget 1M tracks").status, 0);
+    auto withOption = velvox("--memory-budget 64M info");
+    EXPECT_TRUE(contains(withOption, "memory budget: 67,108,864 bytes (64 MiB)")) << withOption.output;
+    EXPECT_TRUE(contains(withOption, "identity map: ")) << withOption.output;
+    auto fromEnvironment = velvox("--json info", false, "VELVOX_MEMORY_BUDGET=100000");
+    EXPECT_TRUE(contains(fromEnvironment, "\"memory_budget\": 100000")) << fromEnvironment.output;
+    EXPECT_TRUE(contains(velvox("info"), "memory budget: none"));
+    for (std::string wrong : { "--memory-budget 12Q me", "--memory-budget -5 me", "--memory-budget 99999999999999999999G me" })
+        EXPECT_EQ(velvox(wrong).status, 2) << wrong;
+    EXPECT_EQ(velvox("me", true, "VELVOX_MEMORY_BUDGET=lots").status, 2);
+}
