@@ -45,8 +45,10 @@ void VXAPIController::setExecutingCallbacksRequestIdentifier(String* identifier)
 
 Ref<String> VXAPIController::uniqIdentifierForPerformingMethod(const String& method, const String& resource, Dictionary* parameters) const
 {
-    std::string identifier = format("%@-", method);
-    identifier += format("%@-", resource);
+    std::string identifier(method.view());
+    identifier += '-';
+    identifier += resource.view();
+    identifier += '-';
     if (parameters && parameters->count()) {
         // Each key's text made once, not at every comparison of the sort.
         std::vector<std::pair<Ref<String>, Object*>> sorted;
@@ -58,7 +60,11 @@ Ref<String> VXAPIController::uniqIdentifierForPerformingMethod(const String& met
         for (auto& [text, key] : sorted) {
             identifier += text->view();
             identifier += '=';
-            identifier += format("%@", parameters->objectForKey(key));
+            auto* value = parameters->objectForKey(key);
+            if (auto* text = dynamicDowncast<String>(value))
+                identifier += text->view();
+            else
+                identifier += format("%@", value);
             if (!key->isEqual(lastKey))
                 identifier += "-";
         }

@@ -100,13 +100,16 @@ void ZURemoteCollectionController::remoteConnectionDidReceiveNewItems(Array* pag
     std::vector<Ref<Object>> merged;
     ItemSet seen;
     int64_t receivedCount = m_receivedCount;
+    if (m_operation == ZURemoteCollectionReloadOperationType::Reload && isPageOfDistinctModelObjects(received)) {
+        // The page is the list as it stands (copied only when a caller may still change it).
+        setItems(received->copy(), static_cast<int64_t>(received->count()));
+        setLoadingItems(false);
+        tellWaiters();
+        return;
+    }
     if (m_operation == ZURemoteCollectionReloadOperationType::Reload) {
         merged.reserve(received->count());
-        if (isPageOfDistinctModelObjects(received)) {
-            for (auto* item : *received)
-                merged.emplace_back(*item);
-        } else
-            appendNewItems(merged, seen, received);
+        appendNewItems(merged, seen, received);
         receivedCount = static_cast<int64_t>(received->count());
     } else if (m_forEnd) {
         merged.reserve(m_items->count() + received->count());
