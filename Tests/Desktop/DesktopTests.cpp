@@ -47,13 +47,15 @@ class DesktopTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        m_dataHome = getenv("XDG_DATA_HOME");
+        // A data folder of the test's own: no test sees what another played or cached.
+        m_savedDataHome = getenv("XDG_DATA_HOME") ? getenv("XDG_DATA_HOME") : "";
+        m_dataHome = m_data.path();
         open();
     }
     void TearDown() override
     {
         closeSession();
-        setenv("XDG_DATA_HOME", m_dataHome.c_str(), 1);
+        setenv("XDG_DATA_HOME", m_savedDataHome.c_str(), 1);
     }
     // A session on an embedded sandbox, signed in; the data folder as a
     // person's (each open points the store at the sandbox's own folder).
@@ -96,6 +98,8 @@ protected:
         std::erase_if(windows, [which](auto& window) { return window.get() == which; });
     }
 
+    test::TemporaryFolder m_data;
+    std::string m_savedDataHome;
     std::string m_dataHome;
     std::unique_ptr<DesktopSession> session;
     std::vector<std::unique_ptr<QWidget>> windows;
