@@ -5,6 +5,7 @@
 #include <VelvoxKit/VXActivity.h>
 #include <VelvoxKit/VXResourceController.h>
 #include <VelvoxKit/VXSharingNote.h>
+#include <Views/VXViewFilters.h>
 
 #include <QApplication>
 #include <QPainter>
@@ -167,7 +168,7 @@ QVariant CollectionModel::data(const QModelIndex& index, int role) const
             return text(comment->body()).simplified();
         case SubtitleRole: {
             auto author = store.cachedResource<VXUser>(comment->userIdentifier());
-            QString at = comment->isTimedComment() ? QStringLiteral("at %1:%2").arg(static_cast<int>(comment->timestamp()) / 60).arg(static_cast<int>(comment->timestamp()) % 60, 2, 10, QLatin1Char('0')) : QString();
+            QString at = comment->isTimedComment() ? QStringLiteral("at ") + QString::fromStdString(views::clockText(comment->timestamp())) : QString();
             return joined(joined(author ? text(author->username()) : QString(), at), when(comment->createdAt()));
         }
         case IdentifierRole:

@@ -5,6 +5,7 @@
 #include "Windows.h"
 
 #include <Platform/FileManager.h>
+#include <Views/VXViewFilters.h>
 #include <Views/VXViewRenderer.h>
 
 #include <QEvent>
@@ -25,10 +26,11 @@ namespace velvox::desktop {
 
 namespace {
 
+// A position as the views write it ("7:05", "1:02:03"); "0:00" for none.
 QString clock(double seconds)
 {
-    int whole = std::isfinite(seconds) && seconds > 0 ? static_cast<int>(std::min(seconds, 359999.0)) : 0;
-    return QStringLiteral("%1:%2").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'));
+    auto text = views::clockText(std::isfinite(seconds) && seconds > 0 ? seconds : 0);
+    return QString::fromStdString(text.empty() ? "0:00" : text);
 }
 
 } // namespace

@@ -629,6 +629,17 @@ size_t VXVelvoxAPI::keptAnswerCount()
     return cache ? cache->count() : 0;
 }
 
+const std::string& VXVelvoxAPI::accountDigest() const
+{
+    // The token never changes: made once.
+    if (m_accountDigest.empty()) {
+        char digits[17];
+        snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(ValidatedDiskCache::digest(m_accessToken)));
+        m_accountDigest = digits;
+    }
+    return m_accountDigest;
+}
+
 void VXVelvoxAPI::addValidators(QueuedRequest& request, URLRequest& urlRequest)
 {
     request.keptBody = nullptr;
@@ -638,12 +649,7 @@ void VXVelvoxAPI::addValidators(QueuedRequest& request, URLRequest& urlRequest)
     if (!cache)
         return;
     if (request.answerKey.empty()) {
-        if (m_answerAccount.empty()) {
-            char account[18];
-            snprintf(account, sizeof account, "%016llx ", static_cast<unsigned long long>(ValidatedDiskCache::digest(m_accessToken)));
-            m_answerAccount = account;
-        }
-        request.answerKey = m_answerAccount + urlRequest.url;
+        request.answerKey = accountDigest() + " " + urlRequest.url;
     }
     auto kept = cache->read(request.answerKey);
     if (!kept)

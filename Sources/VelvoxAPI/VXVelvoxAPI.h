@@ -130,6 +130,9 @@ public:
 
     const std::string& baseURL() const { return m_baseURL; }
     const std::string& accessToken() const { return m_accessToken; }
+    // Names the account in what is kept for it (kept answers, waiting
+    // changes): 16 hex digits of a digest of the token, never the token.
+    const std::string& accountDigest() const;
     VXVelvoxAPIDelegate* delegate() const { return m_delegate; }
     // The full URL a resource path and GET parameters make.
     std::string URLForResource(std::string_view resource, Dictionary* queryParameters) const;
@@ -249,8 +252,7 @@ private:
 
     std::string m_baseURL;
     std::string m_accessToken;
-    // Prefixes the keys of kept answers: a digest of the token, never the token.
-    std::string m_answerAccount;
+    mutable std::string m_accountDigest;
     VXVelvoxAPIDelegate* m_delegate { nullptr };
     double m_timeout { 60 };
     double m_connectTimeout { 10 };

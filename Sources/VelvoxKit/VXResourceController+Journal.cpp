@@ -7,11 +7,8 @@
 #include "VXArchiveStore.h"
 
 #include <Platform/Platform.h>
-#include <Platform/ValidatedDiskCache.h>
 
-#include <cinttypes>
 #include <cmath>
-#include <cstdio>
 
 namespace velvox {
 
@@ -60,14 +57,24 @@ bool isCommentOfEntry(Object* object, const Entry& entry, String* me)
 
 } // namespace
 
-std::string VXResourceController::journalAccount() const
+const std::string& VXResourceController::journalAccount() const
 {
+    static const std::string none;
     auto* api = m_apiController ? m_apiController->api() : nullptr;
-    if (!api)
-        return {};
-    char digits[17];
-    snprintf(digits, sizeof digits, "%016" PRIx64, ValidatedDiskCache::digest(api->accessToken()));
-    return digits;
+    return api ? api->accountDigest() : none;
+}
+
+std::function<void()> VXResourceController::sendingNextQueuedChange(bool endsSending)
+{
+    // Through a weak reference: the store may be gone by then.
+    std::weak_ptr<VXResourceController*> weakSelf = m_self;
+    return [weakSelf, endsSending] {
+        if (auto self = weakSelf.lock()) {
+            if (endsSending)
+                (*self)->m_sendingQueued = false;
+            (*self)->sendNextQueuedChange();
+        }
+    };
 }
 
 void VXResourceController::startJournal()
@@ -76,7 +83,7 @@ void VXResourceController::startJournal()
         return;
     m_journal = VXChangeJournal(VXArchiveStore::changesPath());
     m_journal.load();
-    auto account = journalAccount();
+    auto& account = journalAccount();
     // What waits shows as made, in order (the latest change of a target last).
     for (auto& entry : m_journal.entries()) {
         if (entry.account == account)
@@ -91,18 +98,11 @@ void VXResourceController::startJournal()
         auto* store = *self;
         if (!store->m_sendingQueued && store->hasQueuedChanges()) {
             store->m_queuedRetry.cancel();
-            RunLoop::current().post([weakSelf] {
-                if (auto self = weakSelf.lock())
-                    (*self)->sendNextQueuedChange();
-            });
+            RunLoop::current().post(store->sendingNextQueuedChange());
         }
     });
-    if (hasQueuedChanges()) {
-        RunLoop::current().post([weakSelf] {
-            if (auto self = weakSelf.lock())
-                (*self)->sendNextQueuedChange();
-        });
-    }
+    if (hasQueuedChanges())
+        RunLoop::current().post(sendingNextQueuedChange());
 }
 
 bool VXResourceController::hasQueuedChanges() const
@@ -120,7 +120,7 @@ std::vector<VXChangeJournal::Entry> VXResourceController::queuedChanges() const
 {
     checkThread(__func__);
     std::vector<Entry> entries;
-    auto account = journalAccount();
+    auto& account = journalAccount();
     for (auto& entry : m_journal.entries()) {
         if (entry.account == account)
             entries.push_back(entry);
@@ -139,7 +139,6 @@ void VXResourceController::discardQueuedChanges()
 {
     checkThread(__func__);
     size_t before = queuedChangeCount();
-    auto account = journalAccount();
     for (auto& entry : queuedChanges()) {
         m_journal.removeEntryWithSequence(entry.sequence);
         m_journalCallers.erase(entry.sequence);
@@ -231,11 +230,7 @@ void VXResourceController::retryQueuedChangesLater()
         return;
     double pause = std::min(longestPause, firstPause * std::ldexp(1.0, static_cast<int>(std::min(m_queuedPauses, 16u))));
     ++m_queuedPauses;
-    std::weak_ptr<VXResourceController*> weakSelf = m_self;
-    m_queuedRetry = RunLoop::current().performAfterDelay(pause, [weakSelf] {
-        if (auto self = weakSelf.lock())
-            (*self)->sendNextQueuedChange();
-    });
+    m_queuedRetry = RunLoop::current().performAfterDelay(pause, sendingNextQueuedChange());
 }
 
 void VXResourceController::sendNextQueuedChange()
@@ -277,11 +272,7 @@ void VXResourceController::sendNextQueuedChange()
     double wait = std::min(entry->lookAfter - Date::now()->timeIntervalSince1970(), longestSettling);
     if (wait > 0) {
         m_sendingQueued = false;
-        std::weak_ptr<VXResourceController*> weakSelf = m_self;
-        m_queuedRetry = RunLoop::current().performAfterDelay(wait, [weakSelf] {
-            if (auto self = weakSelf.lock())
-                (*self)->sendNextQueuedChange();
-        });
+        m_queuedRetry = RunLoop::current().performAfterDelay(wait, sendingNextQueuedChange());
         return;
     }
     lookForQueuedComment(sequence, 0);
@@ -352,15 +343,7 @@ void VXResourceController::queuedChangeAnswered(uint64_t sequence, Object* json,
     auto* waiting = m_journal.entryWithSequence(sequence);
     // The next one goes on a later turn (not inside this answer's delivery);
     // the journal counts as sending until then.
-    auto next = [this] {
-        std::weak_ptr<VXResourceController*> weakSelf = m_self;
-        RunLoop::current().post([weakSelf] {
-            if (auto self = weakSelf.lock()) {
-                (*self)->m_sendingQueued = false;
-                (*self)->sendNextQueuedChange();
-            }
-        });
-    };
+    auto next = [this] { RunLoop::current().post(sendingNextQueuedChange(true)); };
     auto pause = [this] {
         m_sendingQueued = false;
         retryQueuedChangesLater();

@@ -523,7 +523,7 @@ private:
     // through, without keeping it.
     std::shared_ptr<VXResourceController*> m_self { std::make_shared<VXResourceController*>(this) };
     void startJournal();
-    std::string journalAccount() const;
+    const std::string& journalAccount() const;
     bool hasQueuedChanges() const;
     // Writes a change to the journal (saved at once); the model shows it.
     void queueChange(VXChangeJournal::Entry, bool announce = true);
@@ -542,6 +542,9 @@ private:
     void sendQueuedComment(uint64_t sequence);
     void queuedChangeAnswered(uint64_t sequence, Object* json, Error* error);
     void retryQueuedChangesLater();
+    // sendNextQueuedChange for a later turn or a timer, ending the journal's
+    // sending state first when asked.
+    std::function<void()> sendingNextQueuedChange(bool endsSending = false);
     // Under a memory budget: one slice of letting go per turn of the run
     // loop while over it, posted by a filing that finds the map over it.
     void scheduleCollection();

@@ -15,11 +15,42 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+extern char** environ;
 
 namespace velvox::test {
 
 // Bytes that do not compress, so that progress counts what a body holds.
+// Starts a program (arguments[0] is its path) with its standard output on a
+// pipe: the child's pid, or -1, and the pipe's reading end in `output`.
+inline pid_t spawnWithOutput(const std::vector<std::string>& arguments, int& output)
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        return -1;
+    std::vector<char*> argv;
+    for (auto& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, ends[0]);
+    pid_t child = -1;
+    if (posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+        child = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    if (child < 0)
+        close(ends[0]);
+    output = ends[0];
+    return child;
+}
+
 inline std::string incompressibleBytes(size_t count, uint32_t seed = 12345)
 {
     std::string bytes(count, '\0');

@@ -18,11 +18,8 @@
 #include <random>
 #include <set>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-
-extern char** environ;
 
 using namespace velvox;
 
@@ -338,27 +335,18 @@ TEST_F(OfflineChanges, KilledRunsLeaveEveryCommentOnTheServiceExactlyOnce)
     std::uniform_int_distribution<int> delay(0, 150000);
     std::set<int> made;
     auto runHelper = [&](const std::string& number, bool kill) {
-        int output[2];
-        EXPECT_EQ(pipe(output), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, output[0]);
-        std::string baseURL = service->baseURL(), token = service->token();
-        const char* arguments[] = { STORE_HELPER, "comment", baseURL.c_str(), token.c_str(), number.c_str(), nullptr };
-        pid_t child = 0;
-        EXPECT_EQ(posix_spawn(&child, STORE_HELPER, &actions, nullptr, const_cast<char**>(arguments), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        close(output[1]);
+        int output = -1;
+        pid_t child = test::spawnWithOutput({ STORE_HELPER, "comment", service->baseURL(), service->token(), number }, output);
+        EXPECT_GT(child, 0);
         if (kill) {
             usleep(delay(random));
             ::kill(child, SIGKILL);
         }
         std::string printed;
         char buffer[256];
-        for (ssize_t n; (n = read(output[0], buffer, sizeof buffer)) > 0;)
+        for (ssize_t n; (n = read(output, buffer, sizeof buffer)) > 0;)
             printed.append(buffer, n);
-        close(output[0]);
+        close(output);
         int status = 0;
         waitpid(child, &status, 0);
         if (printed.find("made " + number + "\n") != std::string::npos)

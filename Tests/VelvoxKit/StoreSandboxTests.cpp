@@ -12,11 +12,8 @@
 #include <filesystem>
 #include <poll.h>
 #include <random>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 using namespace velvox;
 using velvox::test::ScopedEnvironment;
@@ -154,22 +151,14 @@ TEST(StoreArchives, AKilledSaveLeavesTheOldOrTheNewStateNeverAWreck)
     std::uniform_int_distribution<int> delay(0, 40000);
     int checked = 0;
     for (int attempt = 0; attempt < 100; ++attempt) {
-        int output[2];
-        ASSERT_EQ(pipe(output), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, output[0]);
-        pid_t child = 0;
-        const char* arguments[] = { STORE_HELPER, "save-loop", nullptr };
-        ASSERT_EQ(posix_spawn(&child, STORE_HELPER, &actions, nullptr, const_cast<char**>(arguments), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        close(output[1]);
-        pollfd firstSave { output[0], POLLIN, 0 };
+        int output = -1;
+        pid_t child = test::spawnWithOutput({ STORE_HELPER, "save-loop" }, output);
+        ASSERT_GT(child, 0);
+        pollfd firstSave { output, POLLIN, 0 };
         EXPECT_EQ(poll(&firstSave, 1, 20000), 1) << "no save within 20 s";
         usleep(delay(random));
         kill(child, SIGKILL);
-        close(output[0]);
+        close(output);
         int status = 0;
         waitpid(child, &status, 0);
 
